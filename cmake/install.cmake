@@ -1,0 +1,35 @@
+# Installs the headers, the library, a CMake package and a pkg-config file.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+install(TARGETS ztProxyProtocol
+    EXPORT ztProxyProtocolTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+set(ZT_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/ztProxyProtocol)
+install(EXPORT ztProxyProtocolTargets
+    NAMESPACE ztProxyProtocol::
+    DESTINATION ${ZT_CMAKE_DIR}
+)
+configure_package_config_file(
+    ${PROJECT_SOURCE_DIR}/cmake/ztProxyProtocolConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/ztProxyProtocolConfig.cmake
+    INSTALL_DESTINATION ${ZT_CMAKE_DIR}
+)
+write_basic_package_version_file(
+    ${PROJECT_BINARY_DIR}/ztProxyProtocolConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion
+)
+install(FILES
+    ${PROJECT_BINARY_DIR}/ztProxyProtocolConfig.cmake
+    ${PROJECT_BINARY_DIR}/ztProxyProtocolConfigVersion.cmake
+    DESTINATION ${ZT_CMAKE_DIR}
+)
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/ztProxyProtocol.pc.in ${PROJECT_BINARY_DIR}/ztProxyProtocol.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/ztProxyProtocol.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

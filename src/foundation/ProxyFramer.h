@@ -1,0 +1,42 @@
+// Accumulation of stream bytes from which whole proxy messages are cut.
+//
+// Messages lie back to back with no delimiter; a message's full size (data length + 16)
+// comes from its header alone and the magic is never used to resynchronise: a message
+// with a wrong magic is cut out by its length like any other and left to the dispatcher.
+// A header with a negative data length gives no usable size; its 16 bytes are dropped
+// with a warning so that the stream moves on.
+#pragma once
+
+#include "zt_msg.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace zt {
+
+class ProxyFramer {
+public:
+    void append(const void* data, std::size_t length);
+    // Bytes held.
+    std::size_t size() const { return m_bytes.size() - m_begin; }
+    void clear();
+
+    // The front message when the accumulation holds at least minHeld bytes (16, or 17 for
+    // receivers that wait for more than a bare header), the whole front message has
+    // arrived and it is not larger than capacity; null otherwise. The pointer stays valid
+    // until the next call that changes the accumulation.
+    const _ZT_PROXY_MSG_* front(std::size_t capacity, std::size_t minHeld = ZT_MSG_HEADER_SIZE);
+    // Full size of the front message, or -1 while its header is incomplete.
+    std::int64_t frontSize() const;
+    // Removes the front message (its full size, or everything held if that is less).
+    void pop();
+
+private:
+    void dropBadHeaders();
+
+    std::vector<char> m_bytes;
+    std::size_t m_begin = 0; // bytes before this offset are already taken
+};
+
+} // namespace zt

@@ -1,0 +1,34 @@
+#include "ztWorker.h"
+
+#include "platform/zt_log.h"
+
+#include <system_error>
+
+namespace zt {
+
+int startWorker(std::thread& thread, WorkerEntry entry, void* object, const char* name)
+{
+    if (thread.joinable())
+        return 0;
+    try {
+        thread = std::thread([entry, object] { entry(object); });
+    } catch (const std::system_error& e) {
+        ZTLOG_ERROR("%s: cannot start thread: %s\n", name, e.what());
+        return -1;
+    }
+    return 0;
+}
+
+void joinWorker(std::thread& thread, const char* name)
+{
+    if (!thread.joinable())
+        return;
+    if (thread.get_id() == std::this_thread::get_id()) {
+        ZTLOG_ERROR("%s: stopped from its own thread; the thread ends by itself\n", name);
+        thread.detach();
+        return;
+    }
+    thread.join();
+}
+
+} // namespace zt

@@ -1,0 +1,41 @@
+// The worker-thread convention of the proxy classes.
+//
+// Each worker is a static entry taking the object as an untyped pointer and returning the
+// result of the object's member of the same name with the suffix Func. The member loops:
+// sleep a fixed period, do one round of work, then end when the object's stop flag is set.
+// Stopping sets the flag and joins every worker without a time-out before any buffer or
+// socket that the workers use is freed.
+#pragma once
+
+#include "platform/zt_time.h"
+
+#include <atomic>
+#include <thread>
+
+namespace zt {
+
+using WorkerEntry = unsigned int (*)(void* object);
+
+// Starts entry(object) on thread unless a worker already runs there: 0 on success (or
+// when already running), -1 when no thread could be started.
+int startWorker(std::thread& thread, WorkerEntry entry, void* object, const char* name);
+
+// Waits without limit for the worker to end and clears its handle. A worker that asks to
+// join itself (a stop requested from its own callback) is detached instead.
+void joinWorker(std::thread& thread, const char* name);
+
+// The loop of a worker: sleep periodMs, run one round, end when stop is set. A round that
+// returns false ends the loop at once.
+template <class Round>
+void workerLoop(const std::atomic<bool>& stop, unsigned int periodMs, Round&& round)
+{
+    for (;;) {
+        SPR_Sleep(periodMs);
+        if (!round())
+            return;
+        if (stop.load(std::memory_order_relaxed))
+            return;
+    }
+}
+
+} // namespace zt

@@ -1,0 +1,54 @@
+// A host end of the module proxy written from the wire format alone: plain TCP
+// connections to the module's ports, proxy messages built byte by byte, replies cut out
+// of the stream by their header. The demo drives a module with it, and the tests use it
+// as an independent peer.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace zt::tools {
+
+// The bytes of one proxy message: magic 0x2324, two zero bytes, type, sub type, length,
+// payload, all little-endian.
+std::vector<char> proxyMessage(std::int32_t type, std::uint32_t subType, const void* payload, std::int32_t length);
+
+// Fields of a received proxy message.
+struct ProxyMessage {
+    std::uint16_t magic = 0;
+    std::int32_t type = 0;
+    std::uint32_t subType = 0;
+    std::vector<char> payload;
+};
+
+class RawConnection {
+public:
+    RawConnection() = default;
+    ~RawConnection();
+    RawConnection(const RawConnection&) = delete;
+    RawConnection& operator=(const RawConnection&) = delete;
+
+    // Connects to ip:port, retrying until timeoutMs has passed.
+    bool connect(const std::string& ip, int port, int timeoutMs);
+    bool isOpen() const { return m_fd >= 0; }
+    void close();
+
+    bool sendBytes(const void* data, std::size_t length);
+    bool sendBytes(const std::vector<char>& bytes) { return sendBytes(bytes.data(), bytes.size()); }
+    // Reads one whole proxy message, waiting up to timeoutMs; false on time-out or close.
+    bool readMessage(ProxyMessage& out, int timeoutMs);
+    // Everything that arrives within timeoutMs (bytes left over from readMessage first).
+    std::vector<char> readFor(int timeoutMs);
+    // True when the peer closed the connection (waits up to timeoutMs to find out).
+    bool peerClosed(int timeoutMs);
+
+private:
+    // Appends what arrives within timeoutMs; false when the peer closed.
+    bool fill(int timeoutMs);
+
+    int m_fd = -1;
+    std::vector<char> m_pending;
+};
+
+} // namespace zt::tools

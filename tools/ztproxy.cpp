@@ -1,0 +1,73 @@
+// ztproxy: the command-line tool of ztProxyProtocol.
+#include "demo.h"
+
+#include "ztLog.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+namespace {
+
+const char* const kUsage =
+    "usage: ztproxy [--log-level LEVEL] <command> [options]\n"
+    "\n"
+    "commands:\n"
+    "  demo      run a device module and a host on loopback and show their exchange\n"
+    "\n"
+    "options:\n"
+    "  --log-level LEVEL  trace, debug, info, warn (default), error or off; logs go to\n"
+    "                     standard error\n"
+    "  -h, --help         show this help\n";
+
+const char* const kDemoUsage =
+    "usage: ztproxy demo\n"
+    "\n"
+    "Starts a device module (ztModuleProxyClient) on ports 11300 and 9479 of this machine,\n"
+    "connects a host to it over loopback, runs the register exchange and a few requests, and\n"
+    "prints every step. Exits 0 when every step went as expected.\n";
+
+int fail(const std::string& message)
+{
+    std::fprintf(stderr, "ztproxy: %s\n", message.c_str());
+    return 2;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    int i = 1;
+    for (; i < argc && argv[i][0] == '-'; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "-h" || arg == "--help") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        }
+        if (arg == "--log-level") {
+            if (i + 1 >= argc)
+                return fail("--log-level needs a level");
+            const int level = ztLogParseLevel(argv[++i]);
+            if (level < 0)
+                return fail(std::string("unknown log level '") + argv[i] + "'");
+            ztLogSetLevel(level);
+            continue;
+        }
+        return fail("unknown option '" + arg + "' (see ztproxy --help)");
+    }
+    if (i >= argc) {
+        std::fputs(kUsage, stderr);
+        return 2;
+    }
+    const std::string command = argv[i++];
+    if (command == "demo") {
+        if (i < argc && (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0)) {
+            std::fputs(kDemoUsage, stdout);
+            return 0;
+        }
+        if (i < argc)
+            return fail(std::string("demo takes no argument '") + argv[i] + "'");
+        return zt::tools::runModuleProxyDemo() == 0 ? 0 : 1;
+    }
+    return fail("unknown command '" + command + "' (see ztproxy --help)");
+}
