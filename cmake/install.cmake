@@ -31,5 +31,9 @@ install(FILES
     DESTINATION ${ZT_CMAKE_DIR}
 )
 
+# The pkg-config file finds the prefix from its own place, so that the package works
+# wherever it is installed (cmake --install --prefix included).
+file(RELATIVE_PATH ZT_PC_TO_PREFIX "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")
+string(REGEX REPLACE "/$" "" ZT_PC_TO_PREFIX "${ZT_PC_TO_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/ztProxyProtocol.pc.in ${PROJECT_BINARY_DIR}/ztProxyProtocol.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/ztProxyProtocol.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

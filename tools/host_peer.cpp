@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <thread>
@@ -106,6 +107,24 @@ bool RawConnection::sendBytes(const void* data, std::size_t length)
         length -= static_cast<std::size_t>(n);
     }
     return m_fd >= 0;
+}
+
+std::size_t RawConnection::sendFor(const void* data, std::size_t length, int timeoutMs)
+{
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    const char* p = static_cast<const char*>(data);
+    std::size_t sent = 0;
+    while (m_fd >= 0 && sent < length) {
+        pollfd w{m_fd, POLLOUT, 0};
+        if (::poll(&w, 1, msLeft(deadline)) <= 0)
+            break;
+        const ssize_t n = ::send(m_fd, p + sent, length - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n <= 0 && errno != EAGAIN)
+            break;
+        if (n > 0)
+            sent += static_cast<std::size_t>(n);
+    }
+    return sent;
 }
 
 bool RawConnection::fill(int timeoutMs)

@@ -36,6 +36,8 @@ public:
 
     bool sendBytes(const void* data, std::size_t length);
     bool sendBytes(const std::vector<char>& bytes) { return sendBytes(bytes.data(), bytes.size()); }
+    // Sends as much as the peer takes within timeoutMs; the number of bytes sent.
+    std::size_t sendFor(const void* data, std::size_t length, int timeoutMs);
     // Reads one whole proxy message, waiting up to timeoutMs; false on time-out or close.
     bool readMessage(ProxyMessage& out, int timeoutMs);
     // Everything that arrives within timeoutMs (bytes left over from readMessage first).

@@ -88,7 +88,8 @@ struct TCPServer::Impl : std::enable_shared_from_this<TCPServer::Impl> {
         });
     }
 
-    void close(const std::shared_ptr<Connection>& conn)
+    // Takes its own reference: the map entry it erases may be the caller's.
+    void close(std::shared_ptr<Connection> conn)
     {
         if (connections.erase(conn->id) == 0)
             return;

@@ -1,0 +1,47 @@
+// Uses the installed headers and library the way an application would.
+#include <TThreadC.h>
+#include <ztDeviceProxyProtocol.h>
+#include <ztLog.h>
+#include <ztModuleProxyClient.h>
+#include <zt_msg.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+class Job : public TThreadC<void> {
+public:
+    int done = 0;
+    void Run() override { done = 1; }
+};
+} // namespace
+
+int main()
+{
+    const int value = 7;
+    _ZT_PROXY_MSG_* msg = zt_msg_create(3, 0x10006, 4, &value);
+    if (msg == nullptr || zt_msg_is_avalible(msg) != 0 || zt_msg_get_full_size(msg) != 20) {
+        std::puts("consumer: zt_msg functions misbehave");
+        return 1;
+    }
+    int read = 0;
+    std::memcpy(&read, zt_msg_get_data(msg), 4);
+    zt_msg_release(msg);
+
+    Job job;
+    void* handle = nullptr;
+    void** out = &handle;
+    if (job.Create(out, false, 0, false, false) != 0 || TThreadC<void>::Join(handle) != 0 || job.done != 1) {
+        std::puts("consumer: TThreadC misbehaves");
+        return 1;
+    }
+
+    ztLogSetLevel(ztLogParseLevel("error"));
+    ztModuleProxyClient client;
+    client.registerModuleClientDataCB(nullptr, nullptr);
+    ztDeviceProxyProtocol device;
+    ztDeviceProxyProtocol other;
+    other = device;
+    std::printf("consumer ok %d\n", read);
+    return 0;
+}

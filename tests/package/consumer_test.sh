@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Installs the built library into a fresh prefix and builds a project outside the tree
+# against it, once with find_package and once with pkg-config, then runs both programs.
+set -euo pipefail
+build=$1 source=$2 work=$3
+rm -rf "$work"
+mkdir -p "$work"
+prefix=$work/prefix
+cmake --install "$build" --prefix "$prefix" >/dev/null
+
+cmake -S "$source" -B "$work/with-cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/with-cmake" >/dev/null
+out=$("$work/with-cmake/consumer")
+[ "$out" = "consumer ok 7" ] || { echo "find_package consumer printed: $out"; exit 1; }
+
+pc=$(dirname "$(find "$prefix" -name ztProxyProtocol.pc | head -n 1)")
+libdir=$(PKG_CONFIG_PATH=$pc pkg-config --variable=libdir ztProxyProtocol)
+# shellcheck disable=SC2046
+c++ -std=c++17 "$source/main.cpp" $(PKG_CONFIG_PATH=$pc pkg-config --cflags --libs ztProxyProtocol) \
+    -o "$work/with-pkg-config"
+out=$(LD_LIBRARY_PATH=$libdir "$work/with-pkg-config")
+[ "$out" = "consumer ok 7" ] || { echo "pkg-config consumer printed: $out"; exit 1; }
+
+# The library carries its major version in its name.
+ls "$libdir"/libztProxyProtocol.so.0 >/dev/null
+echo "installed package used through find_package and pkg-config"
