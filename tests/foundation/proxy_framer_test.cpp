@@ -30,17 +30,17 @@ TEST(ProxyFramer, CoalescedMessagesComeOutInOrder)
 
     const _ZT_PROXY_MSG_* m = f.front(1 << 20);
     ASSERT_NE(m, nullptr);
-    EXPECT_EQ(m->subType, 0x10005u);
+    EXPECT_EQ(zt_msg_get_sub_type(m), 0x10005u);
     EXPECT_EQ(payloadOf(m), "abc");
     f.pop();
     m = f.front(1 << 20);
     ASSERT_NE(m, nullptr);
-    EXPECT_EQ(m->subType, 0x10006u);
+    EXPECT_EQ(zt_msg_get_sub_type(m), 0x10006u);
     EXPECT_EQ(payloadOf(m), "defgh");
     f.pop();
     m = f.front(1 << 20);
     ASSERT_NE(m, nullptr);
-    EXPECT_EQ(m->subType, 0x10007u);
+    EXPECT_EQ(zt_msg_get_sub_type(m), 0x10007u);
     f.pop();
     EXPECT_EQ(f.size(), 0u);
     EXPECT_EQ(f.front(1 << 20), nullptr);
@@ -89,7 +89,7 @@ TEST(ProxyFramer, WrongMagicIsCutOutByItsLengthNotResynchronised)
     const _ZT_PROXY_MSG_* m = f.front(1 << 20);
     ASSERT_NE(m, nullptr);
     EXPECT_EQ(zt_msg_is_avalible(m), -1);
-    EXPECT_EQ(m->subType, 0x10005u);
+    EXPECT_EQ(zt_msg_get_sub_type(m), 0x10005u);
     f.pop();
     m = f.front(1 << 20);
     ASSERT_NE(m, nullptr);
@@ -131,7 +131,7 @@ TEST(ProxyFramer, NegativeLengthHeaderIsDroppedWithAWarning)
     f.append(good.data(), good.size());
     const _ZT_PROXY_MSG_* m = f.front(1 << 20);
     ASSERT_NE(m, nullptr);
-    EXPECT_EQ(m->subType, 0x10006u);
+    EXPECT_EQ(zt_msg_get_sub_type(m), 0x10006u);
     EXPECT_EQ(log.count("proxy message with data length -16 dropped from the stream\n"), 1);
 
     // A huge declared length is waited for, never read beyond what is held.
