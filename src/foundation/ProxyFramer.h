@@ -7,20 +7,20 @@
 // with a warning so that the stream moves on.
 #pragma once
 
+#include "ByteQueue.h"
 #include "zt_msg.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 namespace zt {
 
 class ProxyFramer {
 public:
-    void append(const void* data, std::size_t length);
+    void append(const void* data, std::size_t length) { m_queue.append(data, length); }
     // Bytes held.
-    std::size_t size() const { return m_bytes.size() - m_begin; }
-    void clear();
+    std::size_t size() const { return m_queue.size(); }
+    void clear() { m_queue.clear(); }
 
     // The front message when the accumulation holds at least minHeld bytes (16, or 17 for
     // receivers that wait for more than a bare header), the whole front message has
@@ -35,8 +35,7 @@ public:
 private:
     void dropBadHeaders();
 
-    std::vector<char> m_bytes;
-    std::size_t m_begin = 0; // bytes before this offset are already taken
+    ByteQueue m_queue;
 };
 
 } // namespace zt

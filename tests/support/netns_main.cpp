@@ -1,6 +1,8 @@
 // main() of the test programs that use the protocol's fixed ports: the process first moves
 // into a network namespace of its own, with only a loopback interface, so that tests
 // running in parallel never meet on a port and no packet leaves the process's namespace.
+// A route sends the limited broadcast address to that loopback, so UDP broadcasts made by
+// a test arrive on loopback and nowhere else.
 #include <gtest/gtest.h>
 
 #include <net/if.h>
@@ -11,6 +13,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
@@ -59,6 +62,10 @@ int main(int argc, char** argv)
 {
     if (!enterPrivateNetwork()) {
         std::fprintf(stderr, "cannot enter a private network namespace: %s\n", std::strerror(errno));
+        return 1;
+    }
+    if (std::system("ip route add 255.255.255.255/32 dev lo 2>/dev/null") != 0) {
+        std::fprintf(stderr, "cannot route broadcasts to loopback in the private namespace\n");
         return 1;
     }
     ::testing::InitGoogleTest(&argc, argv);
