@@ -30,4 +30,60 @@ enum {
     ZT_MODULE_DATA_PORT = 11300,
 };
 
+// Work that a device module is started for (sendStartDevice); travels as int32.
+typedef enum _ZT_WORK_BUSINESS_ {
+    ZT_WORK_SCAN = 0,
+    ZT_WORK_TRACK = 1,
+    ZT_WORK_PHOTOGRAMMETRY = 2,
+    ZT_WORK_CALIBRATE = 3,
+} _ZT_WORK_BUSINESS_;
+
+// States of a device as a module reports them.
+typedef enum _ZT_DEVICE_STATUS_ {
+    ZT_DEVICE_STATUS_OFFLINE = 0,
+    ZT_DEVICE_STATUS_ONLINE = 1,
+    ZT_DEVICE_STATUS_WORKING = 2,
+    ZT_DEVICE_STATUS_ERROR = 3,
+} _ZT_DEVICE_STATUS_;
+
+// The module's heartbeat record: 920 bytes, carried whole between module and host.
+// The host reads the first fields; the rest is the module's own.
+#pragma pack(push, 1)
+typedef struct _ZT_HEARTBEAT_INFO_ {
+    int32_t deviceStatus; // a _ZT_DEVICE_STATUS_ value
+    int32_t deviceCount;  // devices the module drives
+    uint64_t timestamp;   // module clock, milliseconds
+    uint8_t moduleData[904];
+} _ZT_HEARTBEAT_INFO_;
+#pragma pack(pop)
+
+#ifdef __cplusplus
+static_assert(sizeof(_ZT_HEARTBEAT_INFO_) == 920, "the heartbeat record is 920 bytes on the wire");
+
+namespace lp {
+
+// One light pen that asks to connect (sendLPRequestList): 48 bytes.
+#pragma pack(push, 1)
+struct _ZT_LP_CONNECT_INFO_ {
+    char serial[32]; // text, zero-padded
+    int32_t id;
+    int32_t signal; // received signal strength, dBm
+    int32_t state;
+    int32_t battery; // percent
+};
+
+// A light pen that went offline (sendLPOfflineWarn): 68 bytes.
+struct _LIGHTPEN_WARN_INFO_ {
+    char serial[32]; // text, zero-padded
+    int32_t id;
+    int32_t reason;
+    char message[28]; // text, zero-padded
+};
+#pragma pack(pop)
+static_assert(sizeof(_ZT_LP_CONNECT_INFO_) == 48, "a light-pen entry is 48 bytes on the wire");
+static_assert(sizeof(_LIGHTPEN_WARN_INFO_) == 68, "a light-pen warning is 68 bytes on the wire");
+
+} // namespace lp
+#endif
+
 #endif

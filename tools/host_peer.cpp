@@ -87,6 +87,14 @@ bool RawConnection::connect(const std::string& ip, int port, int timeoutMs)
     }
 }
 
+void RawConnection::adopt(int fd)
+{
+    close();
+    int one = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    m_fd = fd;
+}
+
 void RawConnection::close()
 {
     if (m_fd >= 0) {
@@ -182,6 +190,51 @@ bool RawConnection::peerClosed(int timeoutMs)
             return true;
         if (msLeft(deadline) == 0)
             return false;
+    }
+}
+
+RawListener::~RawListener()
+{
+    close();
+}
+
+bool RawListener::listen(int port, int backlog)
+{
+    close();
+    m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (m_fd < 0)
+        return false;
+    int one = 1;
+    ::setsockopt(m_fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<std::uint16_t>(port));
+    if (::bind(m_fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 || ::listen(m_fd, backlog) != 0) {
+        close();
+        return false;
+    }
+    return true;
+}
+
+bool RawListener::accept(RawConnection& out, int timeoutMs)
+{
+    if (m_fd < 0)
+        return false;
+    pollfd p{m_fd, POLLIN, 0};
+    if (::poll(&p, 1, timeoutMs) <= 0)
+        return false;
+    const int fd = ::accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0)
+        return false;
+    out.adopt(fd);
+    return true;
+}
+
+void RawListener::close()
+{
+    if (m_fd >= 0) {
+        ::close(m_fd);
+        m_fd = -1;
     }
 }
 

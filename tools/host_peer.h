@@ -32,6 +32,8 @@ public:
     // Connects to ip:port, retrying until timeoutMs has passed.
     bool connect(const std::string& ip, int port, int timeoutMs);
     bool isOpen() const { return m_fd >= 0; }
+    // Takes over an accepted connection.
+    void adopt(int fd);
     void close();
 
     bool sendBytes(const void* data, std::size_t length);
@@ -51,6 +53,23 @@ private:
 
     int m_fd = -1;
     std::vector<char> m_pending;
+};
+
+// A listening socket on 0.0.0.0:port for playing the module's end.
+class RawListener {
+public:
+    RawListener() = default;
+    ~RawListener();
+    RawListener(const RawListener&) = delete;
+    RawListener& operator=(const RawListener&) = delete;
+
+    bool listen(int port, int backlog = 16);
+    // Accepts one connection within timeoutMs.
+    bool accept(RawConnection& out, int timeoutMs);
+    void close();
+
+private:
+    int m_fd = -1;
 };
 
 } // namespace zt::tools

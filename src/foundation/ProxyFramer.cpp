@@ -38,8 +38,9 @@ const _ZT_PROXY_MSG_* ProxyFramer::front(std::size_t capacity, std::size_t minHe
     dropBadHeaders();
     if (size() < minHeld || size() < ZT_MSG_HEADER_SIZE)
         return nullptr;
-    const std::int64_t full = frontSize();
-    if (full > static_cast<std::int64_t>(size()) || full > static_cast<std::int64_t>(capacity))
+    // Negative lengths were dropped above, so the full size is at least a header.
+    const auto full = static_cast<std::uint64_t>(frontSize());
+    if (full > size() || full > capacity)
         return nullptr;
     return reinterpret_cast<const _ZT_PROXY_MSG_*>(m_queue.data());
 }

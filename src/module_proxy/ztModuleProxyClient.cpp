@@ -1,7 +1,10 @@
 #include "ztModuleProxyClient.h"
 
+#include "foundation/ztDataCallback.h"
 #include "foundation/ztWorker.h"
 #include "platform/zt_log.h"
+#include "ModuleReplies.h"
+#include "ProxyPayload.h"
 #include "ztScanVentoServer.h"
 
 #include <cstdint>
@@ -16,24 +19,23 @@ constexpr std::size_t kQueryBufSize = kQueryCapacity + 16;
 constexpr unsigned int kCmdRecvTimeoutMs = 1000;
 constexpr unsigned int kCmdRecvPeriodMs = 5;
 
-constexpr unsigned int kSubRegister = 0x00001;
-constexpr unsigned int kSubUnregister = 0x00002;
 constexpr unsigned int kSubModuleRegister = 0x10000;
 constexpr unsigned int kSubModuleUnregister = 0x10001;
 
-// Sends one proxy message on a listener; a message that cannot be built sends nothing.
-void sendOn(ztScanVentoServer* server, int type, unsigned int subType, int length, const void* payload)
+// Sends one proxy message on a listener: false when the message cannot be built.
+bool sendOn(ztScanVentoServer* server, int type, unsigned int subType, int length, const void* payload)
 {
     _ZT_PROXY_MSG_* msg = zt_msg_create(type, subType, length, payload);
     if (msg == nullptr)
-        return;
+        return false;
     if (server != nullptr)
         server->sendMsg(reinterpret_cast<const char*>(msg), zt_msg_get_full_size(msg));
     zt_msg_release(msg);
+    return true;
 }
 } // namespace
 
-ztModuleProxyClient::ztModuleProxyClient() = default;
+ztModuleProxyClient::ztModuleProxyClient() : m_dataCB(std::make_unique<zt::DataCallback>()) {}
 
 ztModuleProxyClient::~ztModuleProxyClient()
 {
@@ -43,8 +45,9 @@ ztModuleProxyClient::~ztModuleProxyClient()
 int ztModuleProxyClient::init()
 {
     if (m_pQueryBuf == nullptr) {
-        // Reserved, not touched: pages are committed only as a file answer fills them.
-        m_pQueryBuf = static_cast<char*>(std::malloc(kQueryBufSize));
+        // Zeroed (pages are still committed only as answers fill them): before the first
+        // file query the buffer holds no message.
+        m_pQueryBuf = static_cast<char*>(std::calloc(kQueryBufSize, 1));
         if (m_pQueryBuf == nullptr) {
             ZTLOG_ERROR("ztModuleProxyClient::init cannot allocate the query buffer\n");
             return -1;
@@ -84,9 +87,7 @@ void ztModuleProxyClient::deInit()
 
 void ztModuleProxyClient::registerModuleClientDataCB(void (*cb)(int, char*, int, void*), void* user)
 {
-    std::lock_guard<std::mutex> lock(m_cbMutex);
-    m_pDataCB = cb;
-    m_pUser = user;
+    m_dataCB->set(cb, user);
 }
 
 int ztModuleProxyClient::registerModule(const std::string& name)
@@ -101,25 +102,6 @@ int ztModuleProxyClient::unregisterModule()
     std::lock_guard<std::mutex> lock(m_dataMutex);
     sendOn(m_pDataServer, ZT_MSG_TYPE_NOTIFY, kSubModuleUnregister, 0, nullptr);
     return 0;
-}
-
-int ztModuleProxyClient::sendReply(unsigned int subType, const void* payload, int length)
-{
-    std::lock_guard<std::mutex> lock(m_cmdMutex);
-    sendOn(m_pCmdServer, ZT_MSG_TYPE_REPLY, subType, length, payload);
-    return 0;
-}
-
-int ztModuleProxyClient::sendRegisterRep(bool ok)
-{
-    const std::int32_t value = ok ? 1 : 0;
-    return sendReply(kSubRegister, &value, sizeof value);
-}
-
-int ztModuleProxyClient::sendUnRegisterRep(bool ok)
-{
-    const std::int32_t value = ok ? 1 : 0;
-    return sendReply(kSubUnregister, &value, sizeof value);
 }
 
 unsigned int ztModuleProxyClient::onCMDChannelRecvThread(void* self)
@@ -162,13 +144,59 @@ void ztModuleProxyClient::processMsg(_ZT_PROXY_MSG_* msg)
 
 void ztModuleProxyClient::raiseDataCB(int code, char* data, int length)
 {
-    void (*cb)(int, char*, int, void*);
-    void* user;
-    {
-        std::lock_guard<std::mutex> lock(m_cbMutex);
-        cb = m_pDataCB;
-        user = m_pUser;
+    m_dataCB->raise(code, data, length);
+}
+
+int ztModuleProxyClient::reply(zt::module_proxy::Rep id, const zt::PayloadWriter& payload)
+{
+    std::lock_guard<std::mutex> lock(m_cmdMutex);
+    sendOn(m_pCmdServer, ZT_MSG_TYPE_REPLY, zt::module_proxy::replyRow(id).sub, payload.size(), payload.data());
+    return 0;
+}
+
+int ztModuleProxyClient::notify(zt::module_proxy::Event id, const zt::PayloadWriter& payload)
+{
+    std::lock_guard<std::mutex> lock(m_dataMutex);
+    return sendOn(m_pDataServer, ZT_MSG_TYPE_NOTIFY, zt::module_proxy::eventRow(id).sub, payload.size(),
+                  payload.data())
+               ? 0
+               : -1;
+}
+
+int ztModuleProxyClient::query(zt::module_proxy::Query id, const zt::PayloadWriter& payload, const AnswerFn& onAnswer)
+{
+    const zt::module_proxy::QueryRow& row = zt::module_proxy::queryRow(id);
+    // The data mutex is held across the wait: events sent meanwhile queue behind it.
+    std::lock_guard<std::mutex> lock(m_dataMutex);
+    sendOn(m_pDataServer, ZT_MSG_TYPE_NOTIFY, row.sub, payload.size(), payload.data());
+    if (m_pDataServer == nullptr || m_pQueryBuf == nullptr ||
+        m_pDataServer->recv(m_pQueryBuf, kQueryCapacity, row.waitMs) != 0) {
+        if (row.logsFailures)
+            ZTLOG_ERROR("%s m_data_server->recv failed\r\n", row.name);
+        return -1;
     }
-    if (cb != nullptr)
-        cb(code, data, length, user);
+    const int available = zt_msg_is_avalible(m_pQueryBuf);
+    const int type = zt_msg_get_msg_type(m_pQueryBuf);
+    const unsigned int sub = zt_msg_get_sub_type(m_pQueryBuf);
+    if (available != 0 || type != ZT_MSG_TYPE_ANSWER || sub != row.sub) {
+        if (row.logsFailures)
+            ZTLOG_ERROR("%s zt_msg_is_avalible failed[%d][%d][%d]\r\n", row.name, available, type, sub);
+        return -1;
+    }
+    onAnswer(static_cast<const char*>(zt_msg_get_data(m_pQueryBuf)), zt_msg_get_data_len(m_pQueryBuf));
+    return 0;
+}
+
+int ztModuleProxyClient::sendDevicePreTrigger(unsigned long long time)
+{
+    std::lock_guard<std::mutex> lock(m_dataMutex);
+    sendOn(m_pDataServer, ZT_MSG_TYPE_NOTIFY, zt::module_proxy::eventRow(zt::module_proxy::Event::sendDevicePreTrigger).sub,
+           sizeof(std::uint64_t), &time);
+    // The host's answer to this pre-trigger is not read here: the result tells whether the
+    // last file query's receive left a pre-trigger answer in the query reply buffer.
+    const char* held = m_pQueryBuf;
+    if (held == nullptr || zt_msg_is_avalible(held) != 0 || zt_msg_get_msg_type(held) != ZT_MSG_TYPE_ANSWER ||
+        zt_msg_get_sub_type(held) != zt::module_proxy::eventRow(zt::module_proxy::Event::sendDevicePreTrigger).sub)
+        return -1;
+    return 0;
 }

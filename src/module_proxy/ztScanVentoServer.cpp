@@ -1,8 +1,8 @@
 #include "ztScanVentoServer.h"
 
 #include "platform/zt_log.h"
-#include "platform/zt_time.h"
 
+#include <chrono>
 #include <cstring>
 
 ztScanVentoServer::ztScanVentoServer(std::size_t maxMessage) : zt::TCPServer(true), m_maxMessage(maxMessage) {}
@@ -17,6 +17,7 @@ void ztScanVentoServer::onData(int, std::vector<char>& bytes)
     std::lock_guard<std::mutex> lock(m_recvMutex);
     m_recvBuf.append(bytes.data(), bytes.size());
     bytes.clear();
+    m_arrived.notify_all();
 }
 
 // Connection changes need no action: the accumulation outlives connections.
@@ -36,26 +37,21 @@ int ztScanVentoServer::recv(char* dst, std::size_t capacity, unsigned int timeou
         ZTLOG_ERROR("ztScanVentoServer::recv no destination buffer\n");
         return -1;
     }
-    const std::uint64_t start = zt::tickMs();
-    SPR_Sleep(15);
+    // Rather than polling every 15 ms, the receive wakes as soon as bytes arrive and takes
+    // the front message once it is whole; the time-out is the same.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    std::unique_lock<std::mutex> lock(m_recvMutex);
     for (;;) {
-        if (zt::tickMs() - start > timeoutMs)
-            return -1;
-        bool taken = false;
-        bool wasFull = false;
-        {
-            std::lock_guard<std::mutex> lock(m_recvMutex);
-            if (const _ZT_PROXY_MSG_* msg = m_recvBuf.front(capacity)) {
-                wasFull = m_recvBuf.size() >= m_maxMessage;
-                std::memcpy(dst, msg, static_cast<std::size_t>(m_recvBuf.frontSize()));
-                m_recvBuf.pop();
-                taken = true;
-            }
-        }
-        if (wasFull)
-            resumeReceive(); // receiving paused on a full accumulation; there is room again
-        if (taken)
+        if (const _ZT_PROXY_MSG_* msg = m_recvBuf.front(capacity)) {
+            const bool wasFull = m_recvBuf.size() >= m_maxMessage;
+            std::memcpy(dst, msg, static_cast<std::size_t>(m_recvBuf.frontSize()));
+            m_recvBuf.pop();
+            lock.unlock();
+            if (wasFull)
+                resumeReceive(); // receiving paused on a full accumulation; there is room again
             return 0;
-        SPR_Sleep(15);
+        }
+        if (m_arrived.wait_until(lock, deadline) == std::cv_status::timeout && !m_recvBuf.front(capacity))
+            return -1;
     }
 }

@@ -5,6 +5,7 @@
 #include "foundation/ProxyFramer.h"
 #include "platform/TCPServer.h"
 
+#include <condition_variable>
 #include <cstddef>
 #include <mutex>
 #include <vector>
@@ -33,5 +34,6 @@ protected:
 private:
     const std::size_t m_maxMessage;
     std::mutex m_recvMutex;
+    std::condition_variable m_arrived;
     zt::ProxyFramer m_recvBuf;
 };

@@ -119,6 +119,7 @@ TEST(ProxyFramer, MinimumHeldAndCapacity)
     EXPECT_EQ(f.front(115), nullptr);
     EXPECT_EQ(f.frontSize(), 116);
     EXPECT_NE(f.front(116), nullptr);
+    EXPECT_NE(f.front(SIZE_MAX), nullptr); // no limit at all
 }
 
 TEST(ProxyFramer, NegativeLengthHeaderIsDroppedWithAWarning)

@@ -1,0 +1,117 @@
+// Payloads of module-proxy messages: little-endian values packed with no gaps, written
+// and read with bounds checks.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace zt {
+
+class PayloadWriter {
+public:
+    PayloadWriter& i32(std::int32_t v) { return put(v); }
+    PayloadWriter& u32(std::uint32_t v) { return put(v); }
+    PayloadWriter& u64(std::uint64_t v) { return put(v); }
+    PayloadWriter& f32(float v) { return put(v); }
+    PayloadWriter& f64(double v) { return put(v); }
+    // bool travels as a 32-bit 0 or 1.
+    PayloadWriter& flag(bool v) { return i32(v ? 1 : 0); }
+    PayloadWriter& u8(std::uint8_t v) { return put(v); }
+    PayloadWriter& bytes(const void* data, std::size_t length)
+    {
+        if (length > 0) {
+            const std::size_t at = m_bytes.size();
+            m_bytes.resize(at + length, 0);
+            if (data != nullptr)
+                std::memcpy(m_bytes.data() + at, data, length);
+        }
+        return *this;
+    }
+    PayloadWriter& text(const std::string& s) { return bytes(s.data(), s.size()); }
+    // Exactly n bytes from s: its characters, then zeros where s is shorter.
+    PayloadWriter& fixedText(const std::string& s, std::size_t n)
+    {
+        const std::size_t k = s.size() < n ? s.size() : n;
+        bytes(s.data(), k);
+        return bytes(nullptr, n - k);
+    }
+    // Calibration-file block: uint32 length and bytes of name, of path, then of the data.
+    PayloadWriter& fileBlock(const std::string& name, const std::string& path, const void* data, std::uint32_t length)
+    {
+        u32(static_cast<std::uint32_t>(name.size())).text(name);
+        u32(static_cast<std::uint32_t>(path.size())).text(path);
+        return u32(length).bytes(data, length);
+    }
+    // SET file name pair: one length byte each (the length modulo 256), then both texts.
+    PayloadWriter& namePair(const std::string& a, const std::string& b)
+    {
+        u8(static_cast<std::uint8_t>(a.size())).u8(static_cast<std::uint8_t>(b.size()));
+        return text(a).text(b);
+    }
+
+    const char* data() const { return m_bytes.data(); }
+    int size() const { return static_cast<int>(m_bytes.size()); }
+    const std::vector<char>& vector() const { return m_bytes; }
+
+private:
+    template <class T>
+    PayloadWriter& put(T v)
+    {
+        static_assert(std::is_trivially_copyable_v<T>);
+        const std::size_t at = m_bytes.size();
+        m_bytes.resize(at + sizeof(T));
+        std::memcpy(m_bytes.data() + at, &v, sizeof(T)); // the host byte order is little-endian
+        return *this;
+    }
+
+    std::vector<char> m_bytes;
+};
+
+// Reads values from a received payload; a read past its end yields zero and marks the
+// reader as failed.
+class PayloadReader {
+public:
+    PayloadReader(const void* data, int length)
+        : m_p(static_cast<const char*>(data)), m_left(length > 0 && data != nullptr ? static_cast<std::size_t>(length) : 0)
+    {
+    }
+
+    template <class T>
+    T get()
+    {
+        static_assert(std::is_trivially_copyable_v<T>);
+        T v{};
+        if (m_left < sizeof(T)) {
+            m_ok = false;
+            m_left = 0;
+            return v;
+        }
+        std::memcpy(&v, m_p, sizeof(T));
+        m_p += sizeof(T);
+        m_left -= sizeof(T);
+        return v;
+    }
+    std::string text(std::size_t n)
+    {
+        if (n > m_left) {
+            m_ok = false;
+            n = m_left;
+        }
+        std::string s(m_p, n);
+        m_p += n;
+        m_left -= n;
+        return s;
+    }
+    std::size_t left() const { return m_left; }
+    bool ok() const { return m_ok; }
+
+private:
+    const char* m_p;
+    std::size_t m_left;
+    bool m_ok = true;
+};
+
+} // namespace zt

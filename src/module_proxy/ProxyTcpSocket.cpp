@@ -1,0 +1,108 @@
+#include "ProxyTcpSocket.h"
+
+#include "foundation/ProxyFramer.h"
+#include "platform/zt_log.h"
+#include "platform/zt_time.h"
+
+#include <cstring>
+
+namespace zt {
+
+namespace {
+constexpr unsigned int kCreateSendTimeoutMs = 3000;
+constexpr unsigned int kSendTimeoutMs = 300000;
+constexpr unsigned int kRequestSendTimeoutMs = 2000;
+constexpr unsigned int kReplyRecvTimeoutMs = 600;
+constexpr std::uint64_t kReplyWindowMs = 4001;
+constexpr unsigned int kPollMs = 15;
+} // namespace
+
+ProxyTcpSocket::~ProxyTcpSocket()
+{
+    if (m_socket != 0)
+        SPR_CloseSocket(m_socket, 0);
+}
+
+int ProxyTcpSocket::create()
+{
+    if (m_socket != 0)
+        return 0;
+    m_socket = SPR_CreateSocket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    if (m_socket == 0)
+        return -1;
+    sock::setSendTimeout(m_socket, kCreateSendTimeoutMs);
+    return 0;
+}
+
+int ProxyTcpSocket::connect(const std::string& address, int port)
+{
+    if (m_socket == 0)
+        return -1;
+    sock::startup();
+    sockaddr_in addr{};
+    if (!sock::makeAddress(address, static_cast<unsigned short>(port), addr))
+        return -1;
+    return sock::connectTo(m_socket, addr) == 0 ? 0 : -1;
+}
+
+int ProxyTcpSocket::send(const void* data, int length)
+{
+    if (m_socket == 0)
+        return -1;
+    sock::setSendTimeout(m_socket, kSendTimeoutMs);
+    const int n = sock::sendOnce(m_socket, data, length);
+    return n < 1 ? -1 : n;
+}
+
+int ProxyTcpSocket::receive(void* buffer, int length)
+{
+    if (m_socket == 0)
+        return -1;
+    const int n = sock::recvOnce(m_socket, buffer, length);
+    return n < 1 ? -1 : n;
+}
+
+int ProxyTcpSocket::setRecvTimeout(unsigned int ms)
+{
+    return m_socket == 0 ? -1 : sock::setRecvTimeout(m_socket, ms);
+}
+
+void ProxyTcpSocket::shutdown()
+{
+    if (m_socket != 0)
+        SPR_ShutDown(m_socket, 2);
+}
+
+int ProxyTcpSocket::sendn(const void* request, int requestLength, char* reply, int replyCapacity)
+{
+    if (m_socket == 0)
+        return -1;
+    if (reply == nullptr || replyCapacity <= 0) {
+        ZTLOG_ERROR("ProxyTcpSocket::sendn no reply buffer\n");
+        return -1;
+    }
+    const std::uint64_t sendStart = tickMs();
+    sock::setSendTimeout(m_socket, kRequestSendTimeoutMs);
+    if (sock::sendOnce(m_socket, request, requestLength) <= 0) {
+        ZTLOG_ERROR("sendn: time = %d\r\n", static_cast<int>(tickMs() - sendStart));
+        return -1;
+    }
+    ProxyFramer held;
+    const std::uint64_t start = tickMs();
+    SPR_Sleep(kPollMs);
+    while (tickMs() - start < kReplyWindowMs) {
+        sock::setRecvTimeout(m_socket, kReplyRecvTimeoutMs);
+        const int n = sock::recvOnce(m_socket, reply, replyCapacity);
+        if (n > 0)
+            held.append(reply, static_cast<std::size_t>(n));
+        // More than a bare header must be held before the front message is looked at.
+        if (const _ZT_PROXY_MSG_* msg = held.front(static_cast<std::size_t>(replyCapacity), ZT_MSG_HEADER_SIZE + 1)) {
+            std::memcpy(reply, msg, static_cast<std::size_t>(held.frontSize()));
+            return 0;
+        }
+        SPR_Sleep(kPollMs);
+    }
+    return -1;
+}
+
+} // namespace zt

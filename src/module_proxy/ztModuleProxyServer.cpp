@@ -1,0 +1,338 @@
+#include "ztModuleProxyServer.h"
+
+#include "ModuleRequests.h"
+#include "ProxyPayload.h"
+#include "ProxyTcpSocket.h"
+#include "foundation/ProxyFramer.h"
+#include "foundation/ztDataCallback.h"
+#include "foundation/ztWorker.h"
+#include "platform/zt_log.h"
+
+#include <cstdlib>
+#include <cstring>
+
+using zt::PayloadWriter;
+using zt::module_proxy::Answer;
+using zt::module_proxy::Req;
+using zt::module_proxy::RequestRow;
+using zt::module_proxy::Result;
+
+namespace {
+constexpr int kReplyCapacity = 0xA00000;
+constexpr std::size_t kReplyBufSize = 0xA00010;
+constexpr int kScratchSize = 0xA00000;
+// The receive queue stops taking bytes while it holds this much: the largest message
+// the module proxy carries anywhere (200 MiB and a header).
+constexpr std::size_t kRecvQueueLimit = 0xC800010;
+constexpr unsigned int kConnectPeriodMs = 200;
+constexpr unsigned int kRegisterDelayMs = 2000;
+constexpr unsigned int kRecvPeriodMs = 1;
+constexpr unsigned int kProcessPeriodMs = 1;
+
+// A value of type T from the reply's first bytes.
+template <class T>
+T readValue(const char* data)
+{
+    T v;
+    std::memcpy(&v, data, sizeof v);
+    return v;
+}
+} // namespace
+
+// One channel's socket: shared, so that a thread using it keeps it alive while the
+// connect thread drops it; dropping shuts it down, which ends any receive on it.
+class ztModuleProxyServer::SocketSlot {
+public:
+    std::shared_ptr<zt::ProxyTcpSocket> get()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_socket;
+    }
+    void set(std::shared_ptr<zt::ProxyTcpSocket> s)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_socket = std::move(s);
+    }
+    void drop()
+    {
+        std::shared_ptr<zt::ProxyTcpSocket> old;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            old.swap(m_socket);
+        }
+        if (old)
+            old->shutdown();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::shared_ptr<zt::ProxyTcpSocket> m_socket;
+};
+
+ztModuleProxyServer::ztModuleProxyServer()
+    : m_dataSocket(std::make_unique<SocketSlot>()), m_cmdSocket(std::make_unique<SocketSlot>()),
+      m_recvQueue(std::make_unique<zt::ProxyFramer>()), m_dataCB(std::make_unique<zt::DataCallback>())
+{
+}
+
+ztModuleProxyServer::~ztModuleProxyServer()
+{
+    deInit();
+}
+
+int ztModuleProxyServer::init(const std::string& address)
+{
+    if (m_pReplyBuf == nullptr) {
+        m_pReplyBuf = static_cast<char*>(std::calloc(kReplyBufSize, 1));
+        if (m_pReplyBuf == nullptr) {
+            ZTLOG_ERROR("ztModuleProxyServer::init cannot allocate the reply buffer\n");
+            return -1;
+        }
+    }
+    m_address = address;
+    m_bStop = false;
+    if (zt::startWorker(m_hProcessThread, &ztModuleProxyServer::onProcessThread, this, "ztModuleProxyServer") != 0 ||
+        zt::startWorker(m_hDataRecvThread, &ztModuleProxyServer::onDataChannelRecvThread, this,
+                        "ztModuleProxyServer") != 0 ||
+        zt::startWorker(m_hConnectThread, &ztModuleProxyServer::onSocketConnectThread, this,
+                        "ztModuleProxyServer") != 0)
+        return -1;
+    return 0;
+}
+
+void ztModuleProxyServer::deInit()
+{
+    m_bStop = true;
+    zt::joinWorker(m_hProcessThread, "ztModuleProxyServer");
+    zt::joinWorker(m_hConnectThread, "ztModuleProxyServer");
+    zt::joinWorker(m_hDataRecvThread, "ztModuleProxyServer");
+    m_dataSocket->drop();
+    m_cmdSocket->drop();
+    std::free(m_pReplyBuf);
+    m_pReplyBuf = nullptr;
+}
+
+void ztModuleProxyServer::registerModuleServerDataCB(void (*cb)(int, char*, int, void*), void* user)
+{
+    m_dataCB->set(cb, user);
+}
+
+void ztModuleProxyServer::releaseClientSignal()
+{
+    m_bReleaseRequest = true;
+}
+
+void ztModuleProxyServer::releaseClient()
+{
+    m_dataSocket->drop();
+    m_cmdSocket->drop();
+}
+
+int ztModuleProxyServer::getDataPort()
+{
+    return m_dataPort;
+}
+
+int ztModuleProxyServer::getState(_ZT_DEVICE_STATUS_*)
+{
+    return 0;
+}
+
+void ztModuleProxyServer::dropSockets()
+{
+    m_cmdSocket->drop();
+    m_dataSocket->drop();
+}
+
+unsigned int ztModuleProxyServer::onSocketConnectThread(void* self)
+{
+    return static_cast<ztModuleProxyServer*>(self)->onSocketConnectThreadFunc();
+}
+
+unsigned int ztModuleProxyServer::onSocketConnectThreadFunc()
+{
+    zt::workerLoop(m_bStop, kConnectPeriodMs, [this] {
+        if (m_bReleaseRequest) {
+            releaseClient();
+            m_bReleaseRequest = false;
+        }
+        bool madeCommand = false;
+        {
+            std::lock_guard<std::mutex> lock(m_cmdMutex);
+            if (!m_cmdSocket->get()) {
+                auto s = std::make_shared<zt::ProxyTcpSocket>();
+                if (s->create() != 0 || s->connect(m_address, ZT_MODULE_CMD_PORT) != 0) {
+                    dropSockets();
+                    return true;
+                }
+                m_cmdSocket->set(std::move(s));
+                madeCommand = true;
+            }
+        }
+        {
+            std::lock_guard<std::mutex> lock(m_dataMutex);
+            if (!m_dataSocket->get()) {
+                auto s = std::make_shared<zt::ProxyTcpSocket>();
+                if (s->create() != 0 || s->connect(m_address, ZT_MODULE_DATA_PORT) != 0) {
+                    dropSockets();
+                    return true;
+                }
+                m_dataSocket->set(std::move(s));
+            }
+        }
+        // The register exchange belongs to a round that made the command socket anew.
+        if (madeCommand) {
+            SPR_Sleep(kRegisterDelayMs);
+            if (sendRegister() != 0)
+                dropSockets();
+        }
+        return true;
+    });
+    return 0;
+}
+
+unsigned int ztModuleProxyServer::onDataChannelRecvThread(void* self)
+{
+    return static_cast<ztModuleProxyServer*>(self)->onDataChannelRecvThreadFunc();
+}
+
+unsigned int ztModuleProxyServer::onDataChannelRecvThreadFunc()
+{
+    char* scratch = static_cast<char*>(std::calloc(kScratchSize, 1));
+    if (scratch == nullptr) {
+        ZTLOG_ERROR("ztModuleProxyServer::onDataChannelRecvThreadFunc cannot allocate its buffer\n");
+        return static_cast<unsigned int>(-1);
+    }
+    int used = 0; // bytes of the scratch written by the last receive
+    zt::workerLoop(m_bStop, kRecvPeriodMs, [&] {
+        // Only what the last receive wrote needs clearing.
+        std::memset(scratch, 0, static_cast<std::size_t>(used));
+        used = 0;
+        {
+            // A queue that holds the largest possible message unprocessed takes no more
+            // bytes until it drains, so a flooding module cannot exhaust memory.
+            std::lock_guard<std::mutex> lock(m_recvQueueMutex);
+            if (m_recvQueue->size() >= kRecvQueueLimit)
+                return true;
+        }
+        if (auto s = m_dataSocket->get()) {
+            const int n = s->receive(scratch, kScratchSize);
+            if (n >= 1) {
+                used = n;
+                std::lock_guard<std::mutex> lock(m_recvQueueMutex);
+                m_recvQueue->append(scratch, static_cast<std::size_t>(n));
+            }
+        }
+        return true;
+    });
+    std::free(scratch);
+    return 0;
+}
+
+unsigned int ztModuleProxyServer::onProcessThread(void* self)
+{
+    return static_cast<ztModuleProxyServer*>(self)->onProcessThreadFunc();
+}
+
+unsigned int ztModuleProxyServer::onProcessThreadFunc()
+{
+    zt::workerLoop(m_bStop, kProcessPeriodMs, [this] {
+        std::lock_guard<std::mutex> lock(m_recvQueueMutex);
+        // Every whole message waiting is handled in this round, in order, rather than one
+        // per millisecond: a burst of notifications does not pile up.
+        while (const _ZT_PROXY_MSG_* msg = m_recvQueue->front(SIZE_MAX)) {
+            processMsg(const_cast<_ZT_PROXY_MSG_*>(msg));
+            m_recvQueue->pop();
+        }
+        return true;
+    });
+    return 0;
+}
+
+void ztModuleProxyServer::processMsg(_ZT_PROXY_MSG_* msg)
+{
+    if (msg == nullptr || zt_msg_is_avalible(msg) != 0 || zt_msg_get_msg_type(msg) != ZT_MSG_TYPE_NOTIFY)
+        return;
+    raiseDataCB(static_cast<int>(zt_msg_get_sub_type(msg)), static_cast<char*>(zt_msg_get_data(msg)),
+                zt_msg_get_data_len(msg));
+}
+
+void ztModuleProxyServer::raiseDataCB(int code, char* data, int length)
+{
+    m_dataCB->raise(code, data, length);
+}
+
+int ztModuleProxyServer::request(Req id, const PayloadWriter& payload, const ReplyFn& onReply)
+{
+    const RequestRow& row = zt::module_proxy::requestRow(id);
+    std::unique_lock<std::mutex> lock(m_cmdMutex, std::defer_lock);
+    if (row.locked)
+        lock.lock();
+    const std::shared_ptr<zt::ProxyTcpSocket> s = m_cmdSocket->get();
+    if (!s)
+        return -1;
+    _ZT_PROXY_MSG_* msg = zt_msg_create(ZT_MSG_TYPE_REQUEST, row.sub, payload.size(), payload.data());
+    if (msg == nullptr)
+        return -1;
+
+    // The exchanges outside the command mutex get a reply buffer of their own, so that
+    // they never write into the one a locked exchange is reading.
+    std::unique_ptr<char, decltype(&std::free)> own(nullptr, &std::free);
+    char* reply = m_pReplyBuf;
+    if (!row.locked || reply == nullptr) {
+        own.reset(static_cast<char*>(std::calloc(kReplyBufSize, 1)));
+        reply = own.get();
+    }
+    int result = -1;
+    const int nret = reply == nullptr ? -1 : s->sendn(msg, zt_msg_get_full_size(msg), reply, kReplyCapacity);
+    zt_msg_release(msg);
+    if (nret != 0) {
+        if (row.failLog != nullptr)
+            ZTLOG_ERROR(row.failLog, nret);
+    } else {
+        const int length = zt_msg_get_data_len(reply);
+        const bool lengthOk = row.replyLength == zt::module_proxy::kAnyLength ? length > 0 : length == row.replyLength;
+        if (zt_msg_is_avalible(reply) == 0 && zt_msg_get_msg_type(reply) == ZT_MSG_TYPE_REPLY &&
+            zt_msg_get_sub_type(reply) == row.replySub && lengthOk) {
+            const char* data = static_cast<const char*>(zt_msg_get_data(reply));
+            if (row.result != Result::Status || readValue<std::int32_t>(data) >= 0) {
+                if (onReply)
+                    onReply(data, length);
+                result = 0;
+            }
+        }
+    }
+    if (result != 0 && row.releaseOnFailure)
+        releaseClientSignal();
+    return result;
+}
+
+int ztModuleProxyServer::answer(Answer id, const PayloadWriter& payload)
+{
+    std::lock_guard<std::mutex> lock(m_dataMutex);
+    const std::shared_ptr<zt::ProxyTcpSocket> s = m_dataSocket->get();
+    if (!s)
+        return -1;
+    _ZT_PROXY_MSG_* msg = zt_msg_create(ZT_MSG_TYPE_ANSWER, zt::module_proxy::answerSub(id), payload.size(),
+                                        payload.data());
+    if (msg != nullptr) {
+        s->send(msg, zt_msg_get_full_size(msg));
+        zt_msg_release(msg);
+    }
+    return 0;
+}
+
+int ztModuleProxyServer::sendTrackPose(void* data, unsigned int length)
+{
+    // Poses stream out as they come: no command mutex and no reply awaited.
+    const std::shared_ptr<zt::ProxyTcpSocket> s = m_cmdSocket->get();
+    if (!s)
+        return -1;
+    const RequestRow& row = zt::module_proxy::requestRow(Req::sendTrackPose);
+    _ZT_PROXY_MSG_* msg = zt_msg_create(ZT_MSG_TYPE_REQUEST, row.sub, data == nullptr ? 0 : static_cast<int>(length), data);
+    if (msg == nullptr)
+        return -1;
+    const int n = s->send(msg, zt_msg_get_full_size(msg));
+    zt_msg_release(msg);
+    return n > 0 ? 0 : -1;
+}

@@ -1,0 +1,366 @@
+// The host's session with a module: connecting, retrying, registering again after the
+// module restarts, stale replies, notifications, and the reply checks against a raw
+// module written from the wire format alone.
+#include "host_peer.h"
+#include "support/log_capture.h"
+#include "support/module_session.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+using zt::test::Bytes;
+using zt::test::LogCapture;
+using zt::test::ModuleSession;
+using zt::tools::ProxyMessage;
+using zt::tools::proxyMessage;
+using zt::tools::RawConnection;
+using zt::tools::RawListener;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+TEST(HostSession, WithoutAModuleRequestsFailAndConnectingGoesOnEvery200ms)
+{
+    ztModuleProxyServer host;
+    ASSERT_EQ(host.init("127.0.0.1"), 0);
+    int value = 0;
+    const auto t = Clock::now();
+    EXPECT_EQ(host.sendTrigger(), -1);
+    EXPECT_EQ(host.getVentoInfo(&value), -1);
+    EXPECT_EQ(host.sendTrackPose(&value, 4), -1);
+    EXPECT_EQ(host.sendDeviceOnlineRep(), -1);
+    EXPECT_LT(Clock::now() - t, std::chrono::milliseconds(500));
+    EXPECT_EQ(host.getDataPort(), 0);
+    _ZT_DEVICE_STATUS_ status = ZT_DEVICE_STATUS_ERROR;
+    EXPECT_EQ(host.getState(&status), 0);
+    EXPECT_EQ(status, ZT_DEVICE_STATUS_ERROR);
+
+    // Only the command port answers: each round connects it, fails on the data port and
+    // drops both, so the command port sees a new connection every 200 ms.
+    RawListener cmd;
+    ASSERT_TRUE(cmd.listen(9479));
+    int accepted = 0;
+    const auto start = Clock::now();
+    while (Clock::now() - start < std::chrono::milliseconds(1100)) {
+        RawConnection c;
+        if (cmd.accept(c, 100)) {
+            ++accepted;
+            EXPECT_TRUE(c.peerClosed(1000)); // dropped again in the same round
+        }
+    }
+    EXPECT_GE(accepted, 4);
+    EXPECT_LE(accepted, 7);
+    host.deInit();
+}
+
+TEST(HostSession, ModuleRestartIsRecoveredThroughAFailingHeartbeat)
+{
+    LogCapture log;
+    auto s = std::make_unique<ModuleSession>();
+    ASSERT_TRUE(s->start());
+    _ZT_HEARTBEAT_INFO_ hb{};
+    ASSERT_EQ(s->host.heartbeat(&hb), 0);
+
+    // The module goes away and a new one listens on the same ports.
+    s->module.stop();
+    ztSimModule second;
+    ASSERT_EQ(second.start(), 0);
+    hb.deviceCount = 42;
+    EXPECT_EQ(s->host.heartbeat(&hb), -1);
+    EXPECT_EQ(hb.deviceCount, 42);
+    EXPECT_GE(log.count("req-send failed: nret:-1"), 1);
+    const auto failedAt = Clock::now();
+
+    // The next round rebuilds both channels and registers again after 2000 ms.
+    ztSimModule::Request r;
+    ASSERT_TRUE(second.nextRequest(r, 5000));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_GE(Clock::now() - failedAt, std::chrono::milliseconds(1900));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(s->host.heartbeat(&hb), 0);
+    EXPECT_EQ(hb.deviceCount, 1);
+    second.stop();
+    s->host.deInit();
+}
+
+TEST(HostSession, StaleReplyFailsTheNextRequestOnce)
+{
+    ModuleSession s;
+    ASSERT_TRUE(s.start());
+    unsigned char pose[24] = {1, 2, 3};
+    // No reply is awaited, but the module answers all the same.
+    EXPECT_EQ(s.host.sendTrackPose(pose, sizeof pose), 0);
+    ztSimModule::Request r;
+    ASSERT_TRUE(s.module.nextRequest(r, 1000));
+    EXPECT_EQ(r.code, 0x70002);
+    EXPECT_EQ(r.payload.size(), sizeof pose);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(s.host.sendStopDevice(), -1); // takes the pose's reply
+    EXPECT_EQ(s.host.sendStopDevice(), 0);
+    EXPECT_EQ(s.host.sendStartDevice(ZT_WORK_SCAN), 0);
+}
+
+// Records notifications as the host's callback receives them.
+struct Notes {
+    std::mutex mutex;
+    std::vector<std::pair<int, std::vector<char>>> seen;
+    ztModuleProxyServer* host = nullptr;
+    static void onNote(int code, char* data, int length, void* user)
+    {
+        auto* self = static_cast<Notes*>(user);
+        std::lock_guard<std::mutex> lock(self->mutex);
+        self->seen.emplace_back(code, std::vector<char>(data, data + length));
+    }
+    std::size_t count()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return seen.size();
+    }
+    bool waitFor(std::size_t n, int ms)
+    {
+        for (int i = 0; i < ms / 5 && count() < n; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return count() >= n;
+    }
+};
+
+TEST(HostSession, NotificationsReachTheCallbackInOrder)
+{
+    ModuleSession s;
+    Notes notes;
+    s.host.registerModuleServerDataCB(&Notes::onNote, &notes);
+    ASSERT_TRUE(s.start());
+    s.module.client().registerModule("scanner-A");
+    s.module.client().sendDeviceOn("head", {3, 4});
+    s.module.client().sendDeviceOff(std::string(300, 'n'));
+    s.module.client().sendDeviceStatChanged(2, 5);
+    const unsigned char frame[] = {1, 2, 3, 4};
+    EXPECT_EQ(s.module.client().sendDeviceData(0x0102030405060708ull, 9, frame, 4, -1), 0);
+    s.module.client().sendDeviceButton('a', 'b');
+    s.module.client().sendScanEventRsp(1, 2, {'x', 'y'});
+    s.module.client().sendLPPairingInfo("pair", 6);
+    lp::_ZT_LP_CONNECT_INFO_ pen{};
+    std::strcpy(pen.serial, "LP-1");
+    pen.id = 11;
+    s.module.client().sendLPRequestList({pen, pen});
+    lp::_LIGHTPEN_WARN_INFO_ warn{};
+    warn.reason = 3;
+    s.module.client().sendLPOfflineWarn(warn);
+    unsigned char cal[] = {7, 7};
+    s.module.client().sendBarCalibFile("bar", "/b", cal, 2);
+    s.module.client().sendLPCalibFile("lp", "/l", cal, 2);
+    s.module.client().sendDeviceOpenFailRet(-5);
+    s.module.client().unregisterModule();
+    ASSERT_TRUE(notes.waitFor(14, 3000)) << notes.count();
+
+    std::lock_guard<std::mutex> lock(notes.mutex);
+    const std::vector<std::pair<int, std::vector<char>>> expected = {
+        {0x10000, Bytes().text("scanner-A").chars()},
+        {0x30000, Bytes().u32(4).text("head").u32(2).i32(3).i32(4).chars()},
+        {0x30001, Bytes().u8(44).text(std::string(300, 'n')).chars()}, // 300 mod 256
+        {0x40000, Bytes().i32(2).i32(5).chars()},
+        {0x40001, Bytes().u64(0x0102030405060708ull).i32(9).i32(-1).u32(4).raw(frame, 4).chars()},
+        {0x40002, Bytes().text("ab").chars()},
+        {0x40004, Bytes().i32(1).i32(2).i32(2).text("xy").chars()},
+        {0x40005, Bytes().i32(6).i32(4).text("pair").chars()},
+        {0x40006, Bytes().u32(2).u32(48).zeros(16).raw(&pen, 48).raw(&pen, 48).chars()},
+        {0x40007, Bytes().raw(&warn, 68).chars()},
+        {0x50000, Bytes().u32(3).text("bar").u32(2).text("/b").u32(2).raw(cal, 2).chars()},
+        {0x50001, Bytes().u32(2).text("lp").u32(2).text("/l").u32(2).raw(cal, 2).chars()},
+        {0x60001, Bytes().i32(-5).chars()},
+        {0x10001, {}},
+    };
+    ASSERT_EQ(notes.seen.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(notes.seen[i].first, expected[i].first) << "note " << i;
+        EXPECT_EQ(notes.seen[i].second, expected[i].second) << "note " << i;
+    }
+}
+
+// A module played from the wire format: listens on both ports, answers the register and
+// then whatever the test says.
+struct RawModule {
+    RawListener cmdListener, dataListener;
+    RawConnection cmd, data;
+    bool accept(ztModuleProxyServer& host)
+    {
+        if (!cmdListener.listen(9479) || !dataListener.listen(11300) || host.init("127.0.0.1") != 0)
+            return false;
+        return acceptAgain();
+    }
+    // Takes the host's next pair of connections and answers its register request.
+    bool acceptAgain()
+    {
+        if (!cmdListener.accept(cmd, 3000) || !dataListener.accept(data, 3000))
+            return false;
+        ProxyMessage m;
+        if (!cmd.readMessage(m, 4000) || m.type != 3 || m.subType != 1)
+            return false;
+        const std::int32_t ok = 1;
+        return cmd.sendBytes(proxyMessage(4, 1, &ok, 4));
+    }
+    // Waits for the next request and answers it with the given message bytes.
+    bool answer(std::uint32_t expectSub, const std::vector<char>& reply)
+    {
+        ProxyMessage m;
+        if (!cmd.readMessage(m, 3000) || m.subType != expectSub)
+            return false;
+        return cmd.sendBytes(reply);
+    }
+};
+
+// Runs call on a thread of its own while the raw module answers the request with reply.
+template <class Call>
+int exchange(RawModule& m, std::uint32_t sub, const std::vector<char>& reply, Call&& call)
+{
+    std::atomic<int> result{99};
+    std::thread t([&] { result = call(); });
+    EXPECT_TRUE(m.answer(sub, reply)) << std::hex << sub;
+    t.join();
+    return result.load();
+}
+
+TEST(HostSession, RepliesAreCheckedForMagicTypeSubTypeLengthAndStatus)
+{
+    LogCapture log;
+    ztModuleProxyServer host;
+    Notes notes;
+    host.registerModuleServerDataCB(&Notes::onNote, &notes);
+    RawModule m;
+    ASSERT_TRUE(m.accept(host));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    auto run = [&](std::uint32_t sub, const std::vector<char>& reply, auto&& call) { return exchange(m, sub, reply, call); };
+    const std::int32_t ok = 1, bad = -1;
+    auto badMagic = proxyMessage(4, 0x10005, &ok, 4);
+    badMagic[0] = 0;
+    EXPECT_EQ(run(0x10005, proxyMessage(4, 0x10005, &ok, 4), [&] { return host.sendTrigger(); }), 0);
+    EXPECT_EQ(run(0x10005, proxyMessage(4, 0x10005, &bad, 4), [&] { return host.sendTrigger(); }), -1);
+    EXPECT_EQ(run(0x10005, badMagic, [&] { return host.sendTrigger(); }), -1);
+    EXPECT_EQ(run(0x10005, proxyMessage(2, 0x10005, &ok, 4), [&] { return host.sendTrigger(); }), -1);
+    EXPECT_EQ(run(0x10005, proxyMessage(4, 0x10006, &ok, 4), [&] { return host.sendTrigger(); }), -1);
+    EXPECT_EQ(run(0x10005, proxyMessage(4, 0x10005, "\1\0\0\0\0", 5), [&] { return host.sendTrigger(); }), -1);
+    // An acknowledgement accepts any value.
+    EXPECT_EQ(run(0x20004, proxyMessage(4, 0x20004, &bad, 4), [&] { return host.setLightType(1); }), 0);
+    // addObjectMP succeeds only on the marker code.
+    EXPECT_EQ(run(0x30000, proxyMessage(4, 0x30001, &ok, 4), [&] { return host.addObjectMP(nullptr, 0); }), 0);
+    // A bare header is never taken as a reply, even with the right codes.
+    EXPECT_EQ(run(0x10001, proxyMessage(4, 0x10001, nullptr, 0), [&] { return host.sendStopDevice(); }), -1);
+
+    // Firmware text: any length above 0; the three numbers read as zero where missing.
+    int a = 9, b = 9, c = 9;
+    std::int32_t two[2] = {3, 8};
+    EXPECT_EQ(run(0x10014, proxyMessage(4, 0x10014, two, 8), [&] { return host.getFirmwareVersion2(&a, &b, &c); }), 0);
+    EXPECT_EQ(a, 3);
+    EXPECT_EQ(b, 8);
+    EXPECT_EQ(c, 0);
+    std::string version = "old";
+    EXPECT_EQ(run(0x10013, proxyMessage(4, 0x10013, "v9", 2), [&] { return host.getFirmwareVersion(version); }), 0);
+    EXPECT_EQ(version, "v9");
+
+    // The failure logs of trigger and period name their methods.
+    EXPECT_EQ(log.count("ztModuleProxyServer [sendTrigger] zmq_send failed!\r\n"), 0);
+    m.cmd.close(); // the module's command end is gone: exchanges fail
+    EXPECT_EQ(host.sendTrigger(), -1);
+    EXPECT_EQ(host.setPeriod(5), -1);
+    EXPECT_EQ(log.count("ztModuleProxyServer [sendTrigger] zmq_send failed!\r\n"), 1);
+    EXPECT_EQ(log.count("ztModuleProxyServer [sendPeriod] zmq_send failed!\r\n"), 1);
+
+    // Three notifications in one segment arrive in order, and bad ones are dropped.
+    std::vector<char> segment;
+    for (std::int32_t i = 0; i < 3; ++i) {
+        auto note = proxyMessage(1, 0x40000 + static_cast<std::uint32_t>(i), &i, 4);
+        segment.insert(segment.end(), note.begin(), note.end());
+    }
+    auto wrongType = proxyMessage(4, 0x40010, nullptr, 0);
+    auto wrongMagic = proxyMessage(1, 0x40011, nullptr, 0);
+    wrongMagic[1] = 0x11;
+    segment.insert(segment.begin(), wrongType.begin(), wrongType.end());
+    segment.insert(segment.begin(), wrongMagic.begin(), wrongMagic.end());
+    ASSERT_TRUE(m.data.sendBytes(segment));
+    ASSERT_TRUE(notes.waitFor(3, 2000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    {
+        std::lock_guard<std::mutex> lock(notes.mutex);
+        ASSERT_EQ(notes.seen.size(), 3u);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(notes.seen[i].first, 0x40000 + i);
+            EXPECT_EQ(notes.seen[i].second, Bytes().i32(i).chars());
+        }
+    }
+
+    // Answers go out on the data channel with their sub types and payloads.
+    EXPECT_EQ(host.sendSETFileSizeRep(1234), 0);
+    EXPECT_EQ(host.sendEnumSETFileRep({"a.set", "bb.set"}), 0);
+    EXPECT_EQ(host.sendDeviceOnlineRep(), 0);
+    ProxyMessage got;
+    ASSERT_TRUE(m.data.readMessage(got, 1000));
+    EXPECT_EQ(got.type, 2);
+    EXPECT_EQ(got.subType, 0x20002u);
+    EXPECT_EQ(got.payload, Bytes().u32(1234).chars());
+    ASSERT_TRUE(m.data.readMessage(got, 1000));
+    EXPECT_EQ(got.subType, 0x20000u);
+    EXPECT_EQ(got.payload, Bytes().i32(2).i32(5).i32(6).text("a.setbb.set").chars());
+    ASSERT_TRUE(m.data.readMessage(got, 1000));
+    EXPECT_EQ(got.subType, 0x30000u);
+    EXPECT_TRUE(got.payload.empty());
+
+    // The module closes: deInit returns once the data receive sees the end.
+    m.data.close();
+    host.deInit();
+}
+
+TEST(HostSession, HeartbeatTakesExactly920BytesAndReleasesOnFailure)
+{
+    ztModuleProxyServer host;
+    RawModule m;
+    ASSERT_TRUE(m.accept(host));
+    auto run = [&](std::uint32_t sub, const std::vector<char>& reply, auto&& call) { return exchange(m, sub, reply, call); };
+    _ZT_HEARTBEAT_INFO_ hb{};
+    hb.deviceCount = 77;
+    std::vector<char> record(924, 'h');
+    // A failed heartbeat leaves the caller's record alone and rebuilds the session.
+    EXPECT_EQ(run(0x10002, proxyMessage(4, 0x10002, record.data(), 916), [&] { return host.heartbeat(&hb); }), -1);
+    EXPECT_EQ(hb.deviceCount, 77);
+    ASSERT_TRUE(m.acceptAgain());
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(run(0x10002, proxyMessage(4, 0x10002, record.data(), 924), [&] { return host.heartbeat(&hb); }), -1);
+    EXPECT_EQ(hb.deviceCount, 77);
+    ASSERT_TRUE(m.acceptAgain());
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(run(0x10002, proxyMessage(4, 0x10002, record.data(), 920), [&] { return host.heartbeat(&hb); }), 0);
+    EXPECT_EQ(hb.deviceCount, 0x68686868);
+    m.data.close();
+    host.deInit();
+}
+
+TEST(HostSession, FailingVentoInfoReleasesTheSessionAndRegistersAgain)
+{
+    ztModuleProxyServer host;
+    RawModule m;
+    ASSERT_TRUE(m.accept(host));
+    int info = 0;
+    std::thread t([&] { EXPECT_EQ(host.getVentoInfo(&info), -1); });
+    const std::int32_t v = 3;
+    ASSERT_TRUE(m.answer(0x10017, proxyMessage(4, 0x10017, &v, 2))); // too short
+    t.join();
+    EXPECT_EQ(info, 0);
+    // The release closes both channels; new ones follow and register again.
+    EXPECT_TRUE(m.cmd.peerClosed(1000));
+    EXPECT_TRUE(m.data.peerClosed(1000));
+    RawConnection cmd2, data2;
+    ASSERT_TRUE(m.cmdListener.accept(cmd2, 2000));
+    ASSERT_TRUE(m.dataListener.accept(data2, 2000));
+    ProxyMessage reg;
+    ASSERT_TRUE(cmd2.readMessage(reg, 3000));
+    EXPECT_EQ(reg.subType, 1u);
+    data2.close();
+    host.deInit();
+}
+
+} // namespace

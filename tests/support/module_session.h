@@ -1,0 +1,78 @@
+// A host and a simulated module connected on loopback, and a byte builder for the
+// payloads the tests expect.
+#pragma once
+
+#include "ztModuleProxyServer.h"
+#include "ztSimModule.h"
+
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zt::test {
+
+// Little-endian bytes, built independently of the library's own encoders.
+class Bytes {
+public:
+    Bytes& i32(std::int32_t v) { return put(&v, 4); }
+    Bytes& u32(std::uint32_t v) { return put(&v, 4); }
+    Bytes& u64(std::uint64_t v) { return put(&v, 8); }
+    Bytes& f32(float v) { return put(&v, 4); }
+    Bytes& f64(double v) { return put(&v, 8); }
+    Bytes& u8(std::uint8_t v) { return put(&v, 1); }
+    Bytes& text(const std::string& s) { return put(s.data(), s.size()); }
+    Bytes& raw(const void* p, std::size_t n) { return put(p, n); }
+    Bytes& zeros(std::size_t n)
+    {
+        m_bytes.insert(m_bytes.end(), n, 0);
+        return *this;
+    }
+    operator std::vector<unsigned char>() const { return m_bytes; }
+    std::vector<char> chars() const { return std::vector<char>(m_bytes.begin(), m_bytes.end()); }
+
+private:
+    Bytes& put(const void* p, std::size_t n)
+    {
+        const auto* b = static_cast<const unsigned char*>(p);
+        m_bytes.insert(m_bytes.end(), b, b + n);
+        return *this;
+    }
+    std::vector<unsigned char> m_bytes;
+};
+
+// Starts the simulated module and a host connected to it on loopback, and waits until the
+// host's register exchange is done.
+struct ModuleSession {
+    ztSimModule module;
+    ztModuleProxyServer host;
+
+    bool start()
+    {
+        if (module.start() != 0 || host.init("127.0.0.1") != 0)
+            return false;
+        return waitRegistered();
+    }
+
+    // The module sees the register request once the host has both channels; its reply
+    // reaches the host within a few polling periods.
+    bool waitRegistered(int timeoutMs = 5000)
+    {
+        ztSimModule::Request r;
+        if (!module.nextRequest(r, timeoutMs) || r.code != 1)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        return true;
+    }
+
+    ~ModuleSession()
+    {
+        // The module goes first: closing its end ends the host's pending data receive.
+        module.stop();
+        host.deInit();
+    }
+};
+
+} // namespace zt::test
