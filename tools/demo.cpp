@@ -1,154 +1,153 @@
 #include "demo.h"
 
-#include "host_peer.h"
-
-#include "ztModuleProxyClient.h"
+#include "ztModuleProxyServer.h"
+#include "ztSimModule.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace zt::tools {
 
 namespace {
 
-constexpr const char* kLoopback = "127.0.0.1";
-constexpr int kWaitMs = 3000;
-
-// What the module's data callback saw, handed from the module's thread to the demo.
-struct Request {
-    int code;
-    std::vector<char> payload;
-};
-
-struct ModuleSide {
-    ztModuleProxyClient client;
+// The host's side of the demo: prints the module's notifications and answers its queries.
+struct HostSide {
+    ztModuleProxyServer server;
     std::mutex mutex;
     std::condition_variable arrived;
-    std::deque<Request> requests;
+    int notes = 0;
 
-    static void onRequest(int code, char* data, int length, void* user)
+    static void onNote(int code, char* data, int length, void* user)
     {
-        auto* self = static_cast<ModuleSide*>(user);
-        // The module answers the session requests from inside its callback.
-        if (code == 0x00001)
-            self->client.sendRegisterRep(true);
-        else if (code == 0x00002)
-            self->client.sendUnRegisterRep(true);
+        auto* self = static_cast<HostSide*>(user);
+        switch (code) {
+        case 0x30000: {
+            std::uint32_t n = 0;
+            std::memcpy(&n, data, 4);
+            std::printf("  host   <- device on: \"%.*s\"\n", static_cast<int>(n), data + 4);
+            break;
+        }
+        case 0x40000: {
+            std::int32_t v[2];
+            std::memcpy(v, data, 8);
+            std::printf("  host   <- device %d state changed to %d\n", v[0], v[1]);
+            break;
+        }
+        case 0x40001: {
+            std::uint32_t n = 0;
+            std::memcpy(&n, data + 16, 4);
+            std::printf("  host   <- device data: %u bytes\n", n);
+            break;
+        }
+        case 0x20002:
+            // A SET file size query: answered from inside the callback.
+            std::printf("  host   <- query: size of SET file \"%.*s\"; answering 4096\n",
+                        static_cast<unsigned char>(data[0]), data + 2);
+            self->server.sendSETFileSizeRep(4096);
+            break;
+        default:
+            std::printf("  host   <- notification 0x%05X, %d bytes\n", code, length);
+            break;
+        }
         std::lock_guard<std::mutex> lock(self->mutex);
-        self->requests.push_back({code, std::vector<char>(data, data + (length > 0 ? length : 0))});
+        ++self->notes;
         self->arrived.notify_all();
     }
 
-    bool next(Request& out, int timeoutMs)
+    bool waitNotes(int n, int ms)
     {
         std::unique_lock<std::mutex> lock(mutex);
-        if (!arrived.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return !requests.empty(); }))
-            return false;
-        out = std::move(requests.front());
-        requests.pop_front();
-        return true;
+        return arrived.wait_for(lock, std::chrono::milliseconds(ms), [&] { return notes >= n; });
     }
 };
 
-bool check(bool ok, const char* what)
+void result(const char* what, int rc, const std::string& value = "")
 {
-    if (!ok)
-        std::fprintf(stderr, "demo: %s\n", what);
-    return ok;
-}
-
-void showReply(const ProxyMessage& m)
-{
-    std::int32_t value = 0;
-    if (m.payload.size() >= 4)
-        std::memcpy(&value, m.payload.data(), 4);
-    std::printf("  host   <- reply   type %d sub 0x%05X len %zu value %d\n", m.type, m.subType, m.payload.size(), value);
-}
-
-// Sends one request and waits for the module's callback to see it.
-bool request(RawConnection& cmd, ModuleSide& module, std::uint32_t sub, const void* payload, int length,
-             const char* what, Request& seen)
-{
-    std::printf("  host   -> request type 3 sub 0x%05X len %d  (%s)\n", sub, length, what);
-    if (!check(cmd.sendBytes(proxyMessage(3, sub, payload, length)), "cannot send on the command channel"))
-        return false;
-    if (!check(module.next(seen, kWaitMs) && seen.code == static_cast<int>(sub),
-               "the module's callback did not receive the request"))
-        return false;
-    std::printf("  module    callback code 0x%05X with %zu payload bytes\n", seen.code, seen.payload.size());
-    return true;
+    std::printf("  %-44s %s%s%s\n", what, rc == 0 ? "ok" : "failed (-1)", value.empty() ? "" : "  ", value.c_str());
 }
 
 } // namespace
 
 int runModuleProxyDemo()
 {
-    std::printf("== module proxy: a device module and a host on loopback ==\n");
-    ModuleSide module;
-    module.client.registerModuleClientDataCB(&ModuleSide::onRequest, &module);
-    if (module.client.init() != 0) {
+    std::printf("== module proxy: a host drives a simulated device module over loopback ==\n");
+    ztSimModule module;
+    if (module.start() != 0) {
         std::fprintf(stderr, "demo: the module cannot listen on ports 11300 and 9479 (in use?)\n");
         return 1;
     }
     std::printf("  module    listening: data channel on 11300, command channel on 9479\n");
 
-    RawConnection cmd;
-    RawConnection data;
-    if (!check(cmd.connect(kLoopback, 9479, kWaitMs) && data.connect(kLoopback, 11300, kWaitMs),
-               "the host cannot connect to the module"))
+    HostSide host;
+    host.server.registerModuleServerDataCB(&HostSide::onNote, &host);
+    const auto start = std::chrono::steady_clock::now();
+    host.server.init("127.0.0.1");
+    ztSimModule::Request first;
+    if (!module.nextRequest(first, 5000) || first.code != 1) {
+        std::fprintf(stderr, "demo: the host did not register with the module\n");
         return 1;
-    std::printf("  host      connected both channels\n");
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::printf("  host      connected both channels and registered (%lld ms, 2000 of them the register delay)\n",
+                static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                           std::chrono::steady_clock::now() - start)
+                                           .count()));
 
-    Request seen;
-    ProxyMessage m;
-    if (!request(cmd, module, 0x00001, nullptr, 0, "register", seen))
-        return 1;
-    if (!check(cmd.readMessage(m, kWaitMs) && m.type == 4 && m.subType == 0x00001 && m.payload.size() == 4,
-               "no register reply"))
-        return 1;
-    showReply(m);
-    std::printf("  register exchange complete\n");
+    std::printf("-- requests --\n");
+    int failures = 0;
+    auto expect = [&](bool ok) { failures += ok ? 0 : 1; };
+    _ZT_HEARTBEAT_INFO_ hb{};
+    int rc = host.server.heartbeat(&hb);
+    result("heartbeat", rc, "device status " + std::to_string(hb.deviceStatus));
+    expect(rc == 0);
+    std::string version;
+    rc = host.server.getFirmwareVersion(version);
+    result("getFirmwareVersion", rc, "\"" + version + "\"");
+    expect(rc == 0);
+    rc = host.server.setLZExposure(12.5f);
+    result("setLZExposure(12.5)", rc);
+    expect(rc == 0);
+    float exposure = 0;
+    rc = host.server.getLZExposure(&exposure);
+    result("getLZExposure", rc, std::to_string(exposure));
+    expect(rc == 0 && exposure == 12.5f);
+    rc = host.server.setSystemId(0x5A5400000000BEEFull);
+    result("setSystemId(0x5A5400000000BEEF)", rc);
+    unsigned long long id = 0;
+    rc = host.server.getSystemId(&id);
+    char hex[32];
+    std::snprintf(hex, sizeof hex, "0x%llX", id);
+    result("getSystemId", rc, hex);
+    expect(rc == 0 && id == 0x5A5400000000BEEFull);
+    rc = host.server.sendTrigger();
+    result("sendTrigger", rc);
+    expect(rc == 0);
+    int lightType = 0;
+    rc = host.server.getLightType(&lightType);
+    result("getLightType", rc, "(the module answers with sub type 0x20003)");
+    expect(rc == -1);
 
-    // The module announces itself on the data channel, which the host accepted by now.
-    std::printf("  module    registerModule(\"demo-scanner\")\n");
-    module.client.registerModule("demo-scanner");
-    if (!check(data.readMessage(m, kWaitMs), "no announcement on the data channel"))
-        return 1;
-    std::printf("  host   <- notify  type %d sub 0x%05X name \"%.*s\"\n", m.type, m.subType,
-                static_cast<int>(m.payload.size()), m.payload.data());
+    std::printf("-- notifications and a file query from the module --\n");
+    module.client().sendDeviceOn("head-0", {0});
+    module.client().sendDeviceStatChanged(0, 2);
+    static unsigned char frame[4096];
+    module.client().sendDeviceData(1, 0, frame, sizeof frame, 0);
+    expect(host.waitNotes(3, 2000));
+    unsigned int size = 0;
+    rc = module.client().getSETFileSize("scanner", "default.set", &size);
+    std::printf("  module    getSETFileSize -> %s, %u bytes\n", rc == 0 ? "ok" : "failed", size);
+    expect(rc == 0 && size == 4096);
 
-    const float exposure = 12.5f;
-    if (!request(cmd, module, 0x20002, &exposure, sizeof exposure, "setLZExposure 12.5", seen))
-        return 1;
-    float got = 0;
-    std::memcpy(&got, seen.payload.data(), sizeof got);
-    std::printf("  module    exposure value %.1f\n", static_cast<double>(got));
-
-    // A notification type and a bad magic on the command channel are dropped silently;
-    // the trigger request behind them still arrives.
-    std::printf("  host   -> type 1 sub 0x10005 and a message with a bad magic (both dropped)\n");
-    auto badMagic = proxyMessage(3, 0x10005, nullptr, 0);
-    badMagic[0] = 0x00;
-    cmd.sendBytes(proxyMessage(1, 0x10005, nullptr, 0));
-    cmd.sendBytes(badMagic);
-    if (!request(cmd, module, 0x10005, nullptr, 0, "sendTrigger", seen))
-        return 1;
-
-    if (!request(cmd, module, 0x00002, nullptr, 0, "unregister", seen))
-        return 1;
-    if (!check(cmd.readMessage(m, kWaitMs) && m.type == 4 && m.subType == 0x00002, "no unregister reply"))
-        return 1;
-    showReply(m);
-
-    module.client.deInit();
-    std::printf("  module    stopped; 4 requests delivered, 2 replies sent, 2 messages dropped\n");
-    return 0;
+    module.stop();
+    host.server.deInit();
+    std::printf("  %s\n", failures == 0 ? "module proxy: every step went as expected" : "module proxy: some steps failed");
+    return failures == 0 ? 0 : 1;
 }
 
 } // namespace zt::tools

@@ -1,5 +1,6 @@
 // ztproxy: the command-line tool of ztProxyProtocol.
 #include "demo.h"
+#include "sim_command.h"
 
 #include "ztLog.h"
 
@@ -13,7 +14,8 @@ const char* const kUsage =
     "usage: ztproxy [--log-level LEVEL] <command> [options]\n"
     "\n"
     "commands:\n"
-    "  demo      run a device module and a host on loopback and show their exchange\n"
+    "  demo      run a simulated device module and a host on loopback and show their exchange\n"
+    "  sim       run a simulated end until interrupted: ztproxy sim module\n"
     "\n"
     "options:\n"
     "  --log-level LEVEL  trace, debug, info, warn (default), error or off; logs go to\n"
@@ -23,9 +25,15 @@ const char* const kUsage =
 const char* const kDemoUsage =
     "usage: ztproxy demo\n"
     "\n"
-    "Starts a device module (ztModuleProxyClient) on ports 11300 and 9479 of this machine,\n"
-    "connects a host to it over loopback, runs the register exchange and a few requests, and\n"
-    "prints every step. Exits 0 when every step went as expected.\n";
+    "Starts a simulated device module on ports 11300 and 9479 of this machine, connects a\n"
+    "host (ztModuleProxyServer) to it over loopback, runs a tour of requests, notifications\n"
+    "and a file query, and prints every step. Exits 0 when every step went as expected.\n";
+
+const char* const kSimUsage =
+    "usage: ztproxy sim module\n"
+    "\n"
+    "Runs the simulated device module on ports 11300 (data) and 9479 (command) until\n"
+    "interrupted, answering every host request from its state and printing each request.\n";
 
 int fail(const std::string& message)
 {
@@ -68,6 +76,20 @@ int main(int argc, char** argv)
         if (i < argc)
             return fail(std::string("demo takes no argument '") + argv[i] + "'");
         return zt::tools::runModuleProxyDemo() == 0 ? 0 : 1;
+    }
+    if (command == "sim") {
+        if (i < argc && (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0)) {
+            std::fputs(kSimUsage, stdout);
+            return 0;
+        }
+        if (i >= argc)
+            return fail("sim needs the end to simulate: module (see ztproxy sim --help)");
+        const std::string end = argv[i++];
+        if (end != "module")
+            return fail("unknown simulated end '" + end + "' (see ztproxy sim --help)");
+        if (i < argc)
+            return fail(std::string("sim module takes no argument '") + argv[i] + "'");
+        return zt::tools::runSimModule();
     }
     return fail("unknown command '" + command + "' (see ztproxy --help)");
 }
