@@ -93,7 +93,9 @@ int runModuleProxyDemo()
         std::fprintf(stderr, "demo: the host did not register with the module\n");
         return 1;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // The register exchange runs outside the command mutex: let the host take its reply
+    // before the first request goes out.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     std::printf("  host      connected both channels and registered (%lld ms, 2000 of them the register delay)\n",
                 static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
                                            std::chrono::steady_clock::now() - start)

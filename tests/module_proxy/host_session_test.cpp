@@ -82,7 +82,7 @@ TEST(HostSession, ModuleRestartIsRecoveredThroughAFailingHeartbeat)
     ASSERT_TRUE(second.nextRequest(r, 5000));
     EXPECT_EQ(r.code, 1);
     EXPECT_GE(Clock::now() - failedAt, std::chrono::milliseconds(1900));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(s->host.heartbeat(&hb), 0);
     EXPECT_EQ(hb.deviceCount, 1);
     second.stop();
@@ -203,7 +203,12 @@ struct RawModule {
         if (!cmd.readMessage(m, 4000) || m.type != 3 || m.subType != 1)
             return false;
         const std::int32_t ok = 1;
-        return cmd.sendBytes(proxyMessage(4, 1, &ok, 4));
+        if (!cmd.sendBytes(proxyMessage(4, 1, &ok, 4)))
+            return false;
+        // The register exchange runs outside the command mutex: a request sent before the
+        // host has taken this reply would race it for the replies on the channel.
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        return true;
     }
     // Waits for the next request and answers it with the given message bytes.
     bool answer(std::uint32_t expectSub, const std::vector<char>& reply)
@@ -234,7 +239,6 @@ TEST(HostSession, RepliesAreCheckedForMagicTypeSubTypeLengthAndStatus)
     host.registerModuleServerDataCB(&Notes::onNote, &notes);
     RawModule m;
     ASSERT_TRUE(m.accept(host));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
     auto run = [&](std::uint32_t sub, const std::vector<char>& reply, auto&& call) { return exchange(m, sub, reply, call); };
     const std::int32_t ok = 1, bad = -1;
     auto badMagic = proxyMessage(4, 0x10005, &ok, 4);
@@ -328,11 +332,9 @@ TEST(HostSession, HeartbeatTakesExactly920BytesAndReleasesOnFailure)
     EXPECT_EQ(run(0x10002, proxyMessage(4, 0x10002, record.data(), 916), [&] { return host.heartbeat(&hb); }), -1);
     EXPECT_EQ(hb.deviceCount, 77);
     ASSERT_TRUE(m.acceptAgain());
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(run(0x10002, proxyMessage(4, 0x10002, record.data(), 924), [&] { return host.heartbeat(&hb); }), -1);
     EXPECT_EQ(hb.deviceCount, 77);
     ASSERT_TRUE(m.acceptAgain());
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(run(0x10002, proxyMessage(4, 0x10002, record.data(), 920), [&] { return host.heartbeat(&hb); }), 0);
     EXPECT_EQ(hb.deviceCount, 0x68686868);
     m.data.close();

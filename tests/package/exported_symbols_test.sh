@@ -7,7 +7,10 @@ lib=$1
 names=$(nm -D --defined-only "$lib" | awk '{print $3}')
 fail=0
 for f in zt_msg_create zt_msg_is_avalible zt_msg_get_msg_type zt_msg_get_sub_type zt_msg_get_data \
-         zt_msg_get_data_len zt_msg_get_full_size zt_msg_release; do
+         zt_msg_get_data_len zt_msg_get_full_size zt_msg_release \
+         zt_embedded_msg_create zt_embedded_msg_is_avalible zt_embedded_msg_get_msg_type \
+         zt_embedded_msg_get_data zt_embedded_msg_get_data_len zt_embedded_msg_get_full_size \
+         zt_embedded_msg_release; do
     grep -qx "$f" <<<"$names" || { echo "missing unmangled export: $f"; fail=1; }
 done
 stray=$(c++filt <<<"$names" | grep -vE '^(zt_msg_|zt_embedded_msg_|ztLog)|^(vtable for |typeinfo for |typeinfo name for )?(zt[A-Z][A-Za-z0-9_]*|TThreadC<void>)(::|$)' || true)

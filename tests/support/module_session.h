@@ -57,13 +57,14 @@ struct ModuleSession {
     }
 
     // The module sees the register request once the host has both channels; its reply
-    // reaches the host within a few polling periods.
+    // reaches the host within a few polling periods. The register exchange runs outside
+    // the command mutex, so no request may be sent before the host has taken the reply.
     bool waitRegistered(int timeoutMs = 5000)
     {
         ztSimModule::Request r;
         if (!module.nextRequest(r, timeoutMs) || r.code != 1)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
         return true;
     }
 

@@ -3,7 +3,10 @@
 #include <ztDeviceProxyProtocol.h>
 #include <ztLog.h>
 #include <ztModuleProxyClient.h>
+#include <zt_embedded_msg.h>
 #include <zt_msg.h>
+#include <ztModuleProxyServer.h>
+#include <ztScanEmbeddedUDPClient.h>
 
 #include <cstdio>
 #include <cstring>
@@ -36,7 +39,25 @@ int main()
         return 1;
     }
 
+    void* embedded = zt_embedded_msg_create(8, 2, nullptr);
+    if (embedded == nullptr || zt_embedded_msg_is_avalible(embedded) != 0 || zt_embedded_msg_get_full_size(embedded) != 8) {
+        std::puts("consumer: zt_embedded_msg functions misbehave");
+        return 1;
+    }
+    zt_embedded_msg_release(embedded);
+
     ztLogSetLevel(ztLogParseLevel("error"));
+    ztModuleProxyServer host;
+    if (host.sendTrigger() != -1) {
+        std::puts("consumer: a host without a module must fail its requests");
+        return 1;
+    }
+    ztScanEmbeddedUDPClient udp;
+    ztScanEmbeddedUDPClient copy(udp);
+    if (copy.IsConnected()) {
+        std::puts("consumer: a new UDP client is not connected");
+        return 1;
+    }
     ztModuleProxyClient client;
     client.registerModuleClientDataCB(nullptr, nullptr);
     ztDeviceProxyProtocol device;

@@ -1,0 +1,179 @@
+#include "EmbeddedTcpSocket.h"
+
+#include "EmbeddedFramer.h"
+#include "platform/zt_log.h"
+#include "platform/zt_time.h"
+
+#include <cstring>
+
+namespace zt {
+
+namespace {
+
+constexpr unsigned int kSocketTimeoutMs = 3000;
+constexpr unsigned int kPollMs = 5;
+
+// Milliseconds between two 32-bit tick counts, whichever is larger: after a wrap of the
+// counter the difference is large and the reply loop ends.
+std::uint32_t tickDistance(std::uint32_t a, std::uint32_t b)
+{
+    return a >= b ? a - b : b - a;
+}
+
+bool badBuffer(const void* buffer, int length, const char* method)
+{
+    if (buffer != nullptr && length > 0)
+        return false;
+    ZTLOG_ERROR("EmbeddedTcpSocket::[%s] null buffer or length below 1\n", method);
+    return true;
+}
+
+} // namespace
+
+EmbeddedTcpSocket::~EmbeddedTcpSocket()
+{
+    close();
+}
+
+int EmbeddedTcpSocket::create()
+{
+    if (socket() != 0)
+        return 0;
+    const zt_socket_t s = SPR_CreateSocket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    if (s == 0)
+        return -1;
+    sock::setSendTimeout(s, kSocketTimeoutMs);
+    sock::setRecvTimeout(s, kSocketTimeoutMs);
+    m_socket.store(s, std::memory_order_relaxed);
+    return 0;
+}
+
+int EmbeddedTcpSocket::connect(const std::string& localIP, const std::string& remoteIP, int port)
+{
+    const zt_socket_t s = socket();
+    if (s == 0)
+        return -1;
+    if (sock::startup() != 0) {
+        ZTLOG_ERROR("WSAStartup function failed\n");
+        return -1;
+    }
+    if (SPR_SetNonBlock(s, 1) != 0) {
+        ZTLOG_ERROR("ioctlsocket failed\n");
+        return -1;
+    }
+    sockaddr_in local{};
+    if (!sock::makeAddress(localIP, 0, local) || sock::bindTo(s, local) != 0)
+        return -1;
+    sockaddr_in remote{};
+    if (!sock::makeAddress(remoteIP, static_cast<unsigned short>(port), remote)) {
+        ZTLOG_ERROR("EmbeddedTcpSocket::[connect] remote IP \"%s\" is no IPv4 address\n", remoteIP.c_str());
+        return -1;
+    }
+    if (sock::connectTo(s, remote) == 0) {
+        m_connected.store(1, std::memory_order_relaxed);
+        return 0;
+    }
+    const int error = sock::lastError();
+    if (!sock::isConnectPending(error)) {
+        ZTLOG_ERROR("connect failed with error: %ld\n", static_cast<long>(error));
+        return -1;
+    }
+    // Writable means the attempt is over; whether it succeeded is not asked here, the
+    // first send or receive tells.
+    const int ready = sock::waitWritable(s, 3, 0);
+    if (ready == 0) {
+        ZTLOG_ERROR("connect timeout, localIP: %s, remoteIP: %s", localIP.c_str(), remoteIP.c_str());
+        return kConnectTimeout;
+    }
+    if (ready < 0) {
+        ZTLOG_ERROR("connect failed with error: %ld\n", static_cast<long>(sock::lastError()));
+        return -1;
+    }
+    m_connected.store(1, std::memory_order_relaxed);
+    return 0;
+}
+
+void EmbeddedTcpSocket::close()
+{
+    const zt_socket_t s = m_socket.exchange(0, std::memory_order_relaxed);
+    if (s == 0)
+        return;
+    SPR_ShutDown(s, 2);
+    SPR_CloseSocket(s, 0);
+}
+
+int EmbeddedTcpSocket::receive(void* buffer, int length)
+{
+    const zt_socket_t s = socket();
+    if (s == 0)
+        return -1;
+    if (badBuffer(buffer, length, "receive"))
+        return -1;
+    const int n = sock::recvOnce(s, buffer, length);
+    if (n > 0)
+        return n;
+    m_connected.store(0, std::memory_order_relaxed);
+    return -1;
+}
+
+int EmbeddedTcpSocket::send(const void* buffer, int length)
+{
+    const zt_socket_t s = socket();
+    if (s == 0)
+        return -1;
+    if (badBuffer(buffer, length, "send"))
+        return -1;
+    const int n = sock::sendOnce(s, buffer, length);
+    if (n > 0)
+        return n;
+    m_connected.store(0, std::memory_order_relaxed);
+    return -1;
+}
+
+int EmbeddedTcpSocket::sendn(const void* request, int requestLength, void* reply, int replyCapacity)
+{
+    return exchange(request, requestLength, reply, replyCapacity, kReplyWindowMs);
+}
+
+int EmbeddedTcpSocket::sendn(const void* request, int requestLength, void* reply, int replyCapacity,
+                             unsigned int timeoutMs)
+{
+    return exchange(request, requestLength, reply, replyCapacity, timeoutMs);
+}
+
+int EmbeddedTcpSocket::exchange(const void* request, int requestLength, void* reply, int replyCapacity,
+                                unsigned int limitMs)
+{
+    const zt_socket_t s = socket();
+    if (s == 0)
+        return -1;
+    if (badBuffer(request, requestLength, "sendn") || badBuffer(reply, replyCapacity, "sendn"))
+        return -1;
+
+    const std::uint32_t sendStart = tickCount();
+    if (sock::sendOnce(s, request, requestLength) <= 0) {
+        m_connected.store(0, std::memory_order_relaxed);
+        ZTLOG_ERROR("sendn: time = %d\r\n", static_cast<int>(ticksSince(sendStart)));
+        return -1;
+    }
+
+    const std::uint32_t replyStart = tickCount();
+    SPR_Sleep(kPollMs);
+    EmbeddedFramer framer(EmbeddedFramer::kMinHeldRequestReply, static_cast<std::size_t>(replyCapacity));
+    while (tickDistance(tickCount(), replyStart) <= limitMs) {
+        const int n = sock::recvOnce(s, reply, replyCapacity);
+        if (n > 0)
+            framer.append(reply, static_cast<std::size_t>(n));
+        if (const char* msg = framer.front()) {
+            std::memcpy(reply, msg, framer.frontSize());
+            return 0;
+        }
+        // While bytes keep coming the next receive follows at once; the 5 ms pause is for
+        // an idle socket.
+        if (n <= 0)
+            SPR_Sleep(kPollMs);
+    }
+    return -1;
+}
+
+} // namespace zt

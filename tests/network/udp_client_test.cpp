@@ -1,0 +1,146 @@
+// The exported UDP client through the shared library, in a private namespace where
+// broadcasts are routed to loopback.
+#include "network/peer.h"
+#include "support/log_capture.h"
+#include "ztScanEmbeddedUDPClient.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+using namespace zt::test;
+
+namespace {
+
+constexpr unsigned short kDevicePort = 40000;
+const Bytes kRequest = embedded(0x101, "");
+
+std::int64_t nowMs()
+{
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+// The head's socket, bound to any address of the namespace (only loopback exists):
+// broadcasts reach no socket bound to 127.0.0.1 alone.
+struct Device {
+    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in from{};
+    Device()
+    {
+        const sockaddr_in a = ipv4("0.0.0.0", kDevicePort);
+        EXPECT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a), 0);
+    }
+    ~Device() { ::close(fd); }
+    // One datagram (empty after 2 s without one), its sender in from.
+    Bytes receive()
+    {
+        Bytes b(256);
+        pollfd p{fd, POLLIN, 0};
+        socklen_t len = sizeof from;
+        const ssize_t n = ::poll(&p, 1, 2000) == 1 ? ::recvfrom(fd, b.data(), 256, 0, (sockaddr*)&from, &len) : 0;
+        b.resize(static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
+        return b;
+    }
+    void answer(const Bytes& b)
+    {
+        const sockaddr_in to = ipv4("127.0.0.1", 32002);
+        ::sendto(fd, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    }
+};
+
+struct Client : ztScanEmbeddedUDPClient {
+    Client()
+    {
+        EXPECT_EQ(init(), 0);
+        EXPECT_EQ(connect("127.0.0.1", kDevicePort), 0);
+    }
+};
+
+TEST(UdpClient, BroadcastExchangeReceiveAndCopies)
+{
+    Device device;
+    Client client;
+    EXPECT_FALSE(client.IsConnected());
+    EXPECT_EQ(client.getBindIP(), "127.0.0.1");
+
+    const Bytes reply = embedded(0x101, "device-1");
+    std::thread responder([&] {
+        EXPECT_EQ(device.receive(), kRequest);
+        EXPECT_EQ(ntohs(device.from.sin_port), 32002);
+        device.answer(reply);
+    });
+    unsigned char buf[64] = {};
+    EXPECT_EQ(client.sendn(kRequest.data(), 8, buf, sizeof buf), 0);
+    responder.join();
+    EXPECT_EQ(Bytes(buf, buf + reply.size()), reply);
+    EXPECT_EQ(client.getConnectIP(), "127.0.0.1");
+
+    // recv accepts only more than 12 bytes held: a 12-byte message alone never counts.
+    device.answer(embedded(9, "1234"));
+    EXPECT_EQ(client.recv(buf, sizeof buf), -1);
+    device.answer(embedded(9, "12345"));
+    EXPECT_EQ(client.recv(buf, sizeof buf), 0);
+    EXPECT_EQ(Bytes(buf, buf + 13), embedded(9, "12345"));
+
+    // Nothing pending: about 30 ms, then -1 with the connect IP emptied.
+    ASSERT_EQ(client.getConnectIP(), "127.0.0.1");
+    const auto start = nowMs();
+    EXPECT_EQ(client.recv(buf, sizeof buf), -1);
+    EXPECT_GE(nowMs() - start, 30);
+    EXPECT_LT(nowMs() - start, 200);
+    EXPECT_EQ(client.getConnectIP(), "");
+
+    // Copies share the socket: a copy sends from the same bound port, and a deInit
+    // through one copy closes it for all.
+    ztScanEmbeddedUDPClient copy(client), assigned;
+    assigned = client;
+    EXPECT_EQ(assigned.getBindIP(), "127.0.0.1");
+    EXPECT_EQ(copy.send(kRequest.data(), 8), 8);
+    EXPECT_EQ(device.receive(), kRequest);
+    EXPECT_EQ(ntohs(device.from.sin_port), 32002);
+    assigned.deInit();
+    EXPECT_EQ(assigned.send(kRequest.data(), 8), -1);
+    EXPECT_EQ(client.send(kRequest.data(), 8), -1);
+}
+
+TEST(UdpClient, EightByteAnswerIsNeverAccepted)
+{
+    Device device;
+    Client client;
+    std::thread responder([&] {
+        device.receive();
+        device.answer(embedded(2, ""));
+    });
+    unsigned char buf[64];
+    const auto start = nowMs();
+    EXPECT_EQ(client.sendn(kRequest.data(), 8, buf, sizeof buf), -1);
+    EXPECT_GE(nowMs() - start, 4000);
+    EXPECT_EQ(client.getConnectIP(), "127.0.0.1"); // it did arrive
+    responder.join();
+    client.deInit();
+}
+
+TEST(UdpClient, WithoutSocketAndBadInput)
+{
+    LogCapture log;
+    ztScanEmbeddedUDPClient client;
+    unsigned char buf[16] = {};
+    EXPECT_EQ(client.connect("127.0.0.1", kDevicePort), -1);
+    EXPECT_EQ(client.send(buf, 8), -1);
+    EXPECT_EQ(client.sendn(buf, 8, buf, 16), -1);
+    EXPECT_EQ(client.recv(buf, 16), -1);
+    EXPECT_TRUE(log.lines().empty());
+
+    ASSERT_EQ(client.init(), 0);
+    // No destination yet (port 0): the send fails.
+    EXPECT_EQ(client.sendn(buf, 8, buf, 16), -1);
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.lines()[0].text.rfind("sendn:time = ", 0), 0u);
+    EXPECT_EQ(client.recv(buf, 0), -1);
+    EXPECT_EQ(log.count("ztScanEmbeddedUDPClient::[recv] null buffer or length out of range\n"), 1);
+    client.deInit();
+}
+
+} // namespace
