@@ -365,4 +365,51 @@ TEST(HostSession, FailingVentoInfoReleasesTheSessionAndRegistersAgain)
     host.deInit();
 }
 
+TEST(HostSession, FloodsHugeLengthsAndHalfMessagesFromTheModule)
+{
+    ztModuleProxyServer host;
+    Notes notes;
+    host.registerModuleServerDataCB(&Notes::onNote, &notes);
+    RawModule m;
+    ASSERT_TRUE(m.accept(host));
+
+    // A flood of notifications, written in large chunks: every one arrives, in order.
+    constexpr int kCount = 20000;
+    std::vector<char> flood;
+    for (std::int32_t i = 0; i < kCount; ++i) {
+        auto note = proxyMessage(1, 0x40001, &i, 4);
+        flood.insert(flood.end(), note.begin(), note.end());
+    }
+    ASSERT_TRUE(m.data.sendBytes(flood));
+    ASSERT_TRUE(notes.waitFor(kCount, 10000)) << notes.count();
+    {
+        std::lock_guard<std::mutex> lock(notes.mutex);
+        for (std::int32_t i = 0; i < kCount; ++i) {
+            std::int32_t v = -1;
+            std::memcpy(&v, notes.seen[static_cast<std::size_t>(i)].second.data(), 4);
+            ASSERT_EQ(v, i);
+        }
+        notes.seen.clear();
+    }
+
+    // A notification that declares 2 GiB is waited for, never delivered, and what follows
+    // it is part of it; half a message and a closed connection change nothing.
+    auto huge = proxyMessage(1, 0x40002, nullptr, 0);
+    const std::int32_t length = 0x7FFFFFF0;
+    std::memcpy(huge.data() + 12, &length, 4);
+    ASSERT_TRUE(m.data.sendBytes(huge));
+    const std::string block(1 << 20, 'x');
+    for (int i = 0; i < 8; ++i)
+        ASSERT_TRUE(m.data.sendBytes(block.data(), block.size()));
+    const auto half = proxyMessage(1, 0x40003, "abc", 3);
+    ASSERT_TRUE(m.data.sendBytes(half.data(), 10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(notes.count(), 0u);
+    m.data.close();
+    m.cmd.close();
+    // Requests on the dead command channel fail; deInit returns.
+    EXPECT_EQ(host.sendStopDevice(), -1);
+    host.deInit();
+}
+
 } // namespace
