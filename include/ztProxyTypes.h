@@ -4,6 +4,10 @@
 
 #include <stdint.h>
 
+#ifdef __cplusplus
+#include <vector>
+#endif
+
 // Data callback of every proxy object: code, data, length, user pointer.
 // The code is the proxy message's sub type (module proxy), the received message's type
 // (device links), or one of the link codes below.
@@ -57,7 +61,32 @@ typedef struct _ZT_HEARTBEAT_INFO_ {
 } _ZT_HEARTBEAT_INFO_;
 #pragma pack(pop)
 
+// What a scanner head can do: twelve unsigned 32-bit values, read from the head when it
+// comes online. productType names the product; the others are handed on as they are.
+typedef struct DeviceAbilityInfo {
+    uint32_t abilityHeader;
+    uint32_t productType;
+    uint32_t ability2;
+    uint32_t ability3;
+    uint32_t ability4;
+    uint32_t ability5;
+    uint32_t ability6;
+    uint32_t ability7;
+    uint32_t ability8;
+    uint32_t ability9;
+    uint32_t ability10;
+    uint32_t ability11;
+} DeviceAbilityInfo;
+
+// Which SET file getSETFile asks the head for; travels as int32.
+typedef enum SetFileDataType {
+    SET_FILE_DATA_0 = 0,
+    SET_FILE_DATA_1 = 1,
+    SET_FILE_DATA_2 = 2,
+} SetFileDataType;
+
 #ifdef __cplusplus
+static_assert(sizeof(DeviceAbilityInfo) == 48, "twelve 32-bit values");
 static_assert(sizeof(_ZT_HEARTBEAT_INFO_) == 920, "the heartbeat record is 920 bytes on the wire");
 
 namespace lp {
@@ -82,6 +111,17 @@ struct _LIGHTPEN_WARN_INFO_ {
 #pragma pack(pop)
 static_assert(sizeof(_ZT_LP_CONNECT_INFO_) == 48, "a light-pen entry is 48 bytes on the wire");
 static_assert(sizeof(_LIGHTPEN_WARN_INFO_) == 68, "a light-pen warning is 68 bytes on the wire");
+
+// One entry of a light-pen find list: 52 bytes as the head sends them.
+struct _ZT_LP_FIND_ENTRY_ {
+    unsigned char bytes[52];
+};
+
+// Light pens a head has found (analysisLightPenFindList).
+struct _ZT_LP_FIND_LIST_ {
+    int count = 0;
+    std::vector<_ZT_LP_FIND_ENTRY_> entries;
+};
 
 } // namespace lp
 #endif

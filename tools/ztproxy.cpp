@@ -1,6 +1,7 @@
 // ztproxy: the command-line tool of ztProxyProtocol.
 #include "demo.h"
 #include "sim_command.h"
+#include "sim_head.h"
 
 #include "ztLog.h"
 
@@ -15,7 +16,7 @@ const char* const kUsage =
     "\n"
     "commands:\n"
     "  demo      run a simulated device module and a host on loopback and show their exchange\n"
-    "  sim       run a simulated end until interrupted: ztproxy sim module\n"
+    "  sim       run a simulated end until interrupted: ztproxy sim module|head\n"
     "\n"
     "options:\n"
     "  --log-level LEVEL  trace, debug, info, warn (default), error or off; logs go to\n"
@@ -27,13 +28,18 @@ const char* const kDemoUsage =
     "\n"
     "Starts a simulated device module on ports 11300 and 9479 of this machine, connects a\n"
     "host (ztModuleProxyServer) to it over loopback, runs a tour of requests, notifications\n"
-    "and a file query, and prints every step. Exits 0 when every step went as expected.\n";
+    "and a file query; then brings a simulated network head on port 42001 online, runs\n"
+    "commands, streams packets and lets the head go offline. Prints every step and exits 0\n"
+    "when every step went as expected.\n";
 
 const char* const kSimUsage =
     "usage: ztproxy sim module\n"
+    "       ztproxy sim head [--bind IP] [--port N] [--stream-rate MBPS]\n"
     "\n"
-    "Runs the simulated device module on ports 11300 (data) and 9479 (command) until\n"
-    "interrupted, answering every host request from its state and printing each request.\n";
+    "module: runs the simulated device module on ports 11300 (data) and 9479 (command)\n"
+    "until interrupted, answering every host request from its state and printing each request.\n"
+    "head: runs a simulated network scanner head on port 42001 until interrupted (see\n"
+    "ztproxy sim head --help).\n";
 
 int fail(const std::string& message)
 {
@@ -75,7 +81,9 @@ int main(int argc, char** argv)
         }
         if (i < argc)
             return fail(std::string("demo takes no argument '") + argv[i] + "'");
-        return zt::tools::runModuleProxyDemo() == 0 ? 0 : 1;
+        const int moduleProxy = zt::tools::runModuleProxyDemo();
+        const int networkHead = zt::tools::runNetworkHeadDemo();
+        return moduleProxy == 0 && networkHead == 0 ? 0 : 1;
     }
     if (command == "sim") {
         if (i < argc && (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0)) {
@@ -83,8 +91,10 @@ int main(int argc, char** argv)
             return 0;
         }
         if (i >= argc)
-            return fail("sim needs the end to simulate: module (see ztproxy sim --help)");
+            return fail("sim needs the end to simulate: module or head (see ztproxy sim --help)");
         const std::string end = argv[i++];
+        if (end == "head")
+            return zt::tools::runSimHead(argc - i, argv + i);
         if (end != "module")
             return fail("unknown simulated end '" + end + "' (see ztproxy sim --help)");
         if (i < argc)

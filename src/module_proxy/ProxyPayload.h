@@ -6,7 +6,6 @@
 #include <cstring>
 #include <string>
 #include <type_traits>
-#include <vector>
 
 namespace zt {
 
@@ -22,12 +21,10 @@ public:
     PayloadWriter& u8(std::uint8_t v) { return put(v); }
     PayloadWriter& bytes(const void* data, std::size_t length)
     {
-        if (length > 0) {
-            const std::size_t at = m_bytes.size();
-            m_bytes.resize(at + length, 0);
-            if (data != nullptr)
-                std::memcpy(m_bytes.data() + at, data, length);
-        }
+        if (data != nullptr)
+            m_bytes.append(static_cast<const char*>(data), length);
+        else
+            m_bytes.append(length, '\0');
         return *this;
     }
     PayloadWriter& text(const std::string& s) { return bytes(s.data(), s.size()); }
@@ -54,20 +51,19 @@ public:
 
     const char* data() const { return m_bytes.data(); }
     int size() const { return static_cast<int>(m_bytes.size()); }
-    const std::vector<char>& vector() const { return m_bytes; }
 
 private:
     template <class T>
     PayloadWriter& put(T v)
     {
         static_assert(std::is_trivially_copyable_v<T>);
-        const std::size_t at = m_bytes.size();
-        m_bytes.resize(at + sizeof(T));
-        std::memcpy(m_bytes.data() + at, &v, sizeof(T)); // the host byte order is little-endian
+        char raw[sizeof(T)];
+        std::memcpy(raw, &v, sizeof(T)); // the host byte order is little-endian
+        m_bytes.append(raw, sizeof(T));
         return *this;
     }
 
-    std::vector<char> m_bytes;
+    std::string m_bytes;
 };
 
 // Reads values from a received payload; a read past its end yields zero and marks the

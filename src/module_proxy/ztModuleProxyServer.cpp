@@ -4,6 +4,7 @@
 #include "ProxyPayload.h"
 #include "ProxyTcpSocket.h"
 #include "foundation/ProxyFramer.h"
+#include "foundation/SharedSlot.h"
 #include "foundation/ztDataCallback.h"
 #include "foundation/ztWorker.h"
 #include "platform/zt_log.h"
@@ -41,32 +42,13 @@ T readValue(const char* data)
 
 // One channel's socket: shared, so that a thread using it keeps it alive while the
 // connect thread drops it; dropping shuts it down, which ends any receive on it.
-class ztModuleProxyServer::SocketSlot {
+class ztModuleProxyServer::SocketSlot : public zt::SharedSlot<zt::ProxyTcpSocket> {
 public:
-    std::shared_ptr<zt::ProxyTcpSocket> get()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_socket;
-    }
-    void set(std::shared_ptr<zt::ProxyTcpSocket> s)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_socket = std::move(s);
-    }
     void drop()
     {
-        std::shared_ptr<zt::ProxyTcpSocket> old;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            old.swap(m_socket);
-        }
-        if (old)
+        if (auto old = take())
             old->shutdown();
     }
-
-private:
-    std::mutex m_mutex;
-    std::shared_ptr<zt::ProxyTcpSocket> m_socket;
 };
 
 ztModuleProxyServer::ztModuleProxyServer()

@@ -13,8 +13,8 @@ namespace {
 constexpr std::size_t kSizeEnd = 5;
 } // namespace
 
-EmbeddedFramer::EmbeddedFramer(std::size_t minHeld, std::size_t capacity)
-    : m_minHeld(std::max(minHeld, kSizeEnd)), m_capacity(capacity)
+EmbeddedFramer::EmbeddedFramer(std::size_t minHeld, std::size_t capacity, std::size_t limit)
+    : m_minHeld(std::max(minHeld, kSizeEnd)), m_capacity(capacity), m_limit(limit)
 {
 }
 
@@ -32,7 +32,7 @@ const char* EmbeddedFramer::front()
     if (size() < m_minHeld)
         return nullptr;
     const std::uint32_t full = frontSize();
-    if (full < ZT_EMBEDDED_MSG_MIN_SIZE) {
+    if (full < ZT_EMBEDDED_MSG_MIN_SIZE || full > m_limit) {
         ZTLOG_WARN("embedded message with full size %u: %u bytes dropped from the stream\n", full,
                    static_cast<unsigned int>(size()));
         clear();

@@ -27,8 +27,12 @@ public:
     // minHeld: see above (below 5 it acts as 5, the bytes needed to read the size).
     // capacity: the largest full size handed out; a larger message is never cut and
     // stays at the front.
+    // limit: a message declaring more than this can only be a broken stream; what is held
+    // is then dropped with a warning, as for a size below 8, so that a stream that never
+    // completes its front message cannot grow without bound.
     explicit EmbeddedFramer(std::size_t minHeld,
-                            std::size_t capacity = std::numeric_limits<std::size_t>::max());
+                            std::size_t capacity = std::numeric_limits<std::size_t>::max(),
+                            std::size_t limit = std::numeric_limits<std::size_t>::max());
 
     void append(const void* data, std::size_t length) { m_queue.append(data, length); }
     // Bytes held.
@@ -49,6 +53,7 @@ private:
     ByteQueue m_queue;
     std::size_t m_minHeld;
     std::size_t m_capacity;
+    std::size_t m_limit;
 };
 
 } // namespace zt

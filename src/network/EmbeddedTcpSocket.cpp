@@ -102,6 +102,13 @@ void EmbeddedTcpSocket::close()
     SPR_CloseSocket(s, 0);
 }
 
+void EmbeddedTcpSocket::shutdown()
+{
+    const zt_socket_t s = socket();
+    if (s != 0)
+        SPR_ShutDown(s, 2);
+}
+
 int EmbeddedTcpSocket::receive(void* buffer, int length)
 {
     const zt_socket_t s = socket();

@@ -34,6 +34,10 @@ public:
     int connect(const std::string& localIP, const std::string& remoteIP, int port);
     // Shuts both directions down and closes; the handle becomes 0.
     void close();
+    // Shuts down both directions but keeps the descriptor: other threads using the socket
+    // fail their next call at once, and the descriptor is closed only by close or the
+    // destructor, once no call can be using it.
+    void shutdown();
     // One receive / one send: the count, or -1 (connected flag cleared) when it gives
     // nothing or fails. On the non-blocking socket a receive with nothing pending fails.
     int receive(void* buffer, int length);

@@ -1,0 +1,222 @@
+// Network data path end to end: a simulated head streams 4.9 MB extended-header packets on
+// its data connection and ztEmbeddedModuleProxyServer delivers them to its data callback,
+// in packet mode and in raw mode. The baseline is a plain TCP read loop on loopback taking
+// the same bytes in the same run. The head runs in a child process, so the CPU figure is
+// the host side's alone. Everything happens inside a private network namespace.
+//
+// Prints MB/s and the ratio to the baseline; appends JSON lines to $ZT_BENCH_JSON if set.
+#include "netns.h"
+#include "ztEmbeddedModuleProxyServer.h"
+#include "ztSimNetworkHead.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr std::size_t kPayload = 4900000;
+constexpr std::size_t kCount = 300;
+constexpr int kBaselinePort = 42100;
+const char* const kIP = "127.0.0.1";
+
+double cpuSeconds()
+{
+    rusage u{};
+    getrusage(RUSAGE_SELF, &u);
+    return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+           static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+struct Figure {
+    double mbps = 0;
+    double cpu = 0; // cores used on the receiving side
+};
+
+// Waits for one byte from the other process.
+void waitFor(int fd)
+{
+    char c;
+    if (::read(fd, &c, 1) != 1)
+        std::_Exit(3);
+}
+
+// Tells the other process to go on.
+void signalChild(int fd)
+{
+    if (::write(fd, "g", 1) != 1)
+        std::perror("network_path_bench: pipe");
+}
+
+Figure baseline(const std::vector<char>& unit)
+{
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    int one = 1;
+    ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(kBaselinePort);
+    inet_pton(AF_INET, kIP, &addr.sin_addr);
+    if (::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(listener, 1) != 0) {
+        std::perror("network_path_bench: listen");
+        std::exit(1);
+    }
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+        if (::connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
+            std::_Exit(2);
+        for (std::size_t i = 0; i < kCount; ++i)
+            for (std::size_t at = 0; at < unit.size();) {
+                const ssize_t n = ::send(s, unit.data() + at, unit.size() - at, MSG_NOSIGNAL);
+                if (n <= 0)
+                    std::_Exit(2);
+                at += static_cast<std::size_t>(n);
+            }
+        ::close(s);
+        std::_Exit(0);
+    }
+    const int s = ::accept(listener, nullptr, nullptr);
+    std::vector<char> block(0x10000);
+    const std::size_t total = unit.size() * kCount;
+    std::size_t got = 0;
+    const double cpu0 = cpuSeconds();
+    const auto t0 = Clock::now();
+    while (got < total) {
+        const ssize_t n = ::recv(s, block.data(), block.size(), 0);
+        if (n <= 0)
+            break;
+        got += static_cast<std::size_t>(n);
+    }
+    const double secs = std::chrono::duration<double>(Clock::now() - t0).count();
+    const double cpu = cpuSeconds() - cpu0;
+    ::close(s);
+    ::close(listener);
+    ::waitpid(child, nullptr, 0);
+    return {static_cast<double>(got) / secs / 1e6, cpu / secs};
+}
+
+struct Delivered {
+    std::mutex mutex;
+    std::condition_variable done;
+    std::size_t packets = 0;
+    std::size_t bytes = 0;
+    static void cb(int type, char*, int len, void* user)
+    {
+        if (type != 1280)
+            return;
+        auto* self = static_cast<Delivered*>(user);
+        std::lock_guard<std::mutex> lock(self->mutex);
+        ++self->packets;
+        self->bytes += static_cast<std::size_t>(len) + 8;
+        if (self->packets == kCount)
+            self->done.notify_all();
+    }
+};
+
+Figure endToEnd(const std::vector<char>& unit, bool raw)
+{
+    int go[2];
+    int ready[2];
+    if (::pipe(go) != 0 || ::pipe(ready) != 0)
+        std::exit(1);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(go[1]);
+        ::close(ready[0]);
+        ztSimNetworkHead head(kIP);
+        if (raw)
+            head.setEchoReply(ztSimNetworkHead::kRKProgramVersionType, ztSimNetworkHead::valuePayload(0x07030400));
+        if (head.start() != 0)
+            std::_Exit(2);
+        signalChild(ready[1]); // listening
+        waitFor(go[0]);
+        head.startStream(ztSimNetworkHead::Data, unit, kCount, 0);
+        waitFor(go[0]); // the parent has everything
+        head.stop();
+        std::_Exit(0);
+    }
+    ::close(go[0]);
+    ::close(ready[1]);
+    waitFor(ready[0]);
+    Delivered delivered;
+    ztEmbeddedModuleProxyServer server;
+    server.registerModuleServerDataCB(&Delivered::cb, &delivered);
+    const int rc = server.init(kIP, kIP, "bench");
+    if (rc != 0) {
+        std::fprintf(stderr, "network_path_bench: the server did not come online (%d)\n", rc);
+        std::exit(1);
+    }
+    if (raw) {
+        int v[4];
+        server.getRKProgramVersion(&v[0], &v[1], &v[2], &v[3]);
+        ::usleep(50000); // the data receiver switches to raw messages
+    }
+    const double cpu0 = cpuSeconds();
+    const auto t0 = Clock::now();
+    signalChild(go[1]);
+    std::size_t bytes = 0;
+    {
+        std::unique_lock<std::mutex> lock(delivered.mutex);
+        delivered.done.wait_for(lock, std::chrono::seconds(60), [&] { return delivered.packets >= kCount; });
+        bytes = delivered.bytes;
+    }
+    const double secs = std::chrono::duration<double>(Clock::now() - t0).count();
+    const double cpu = cpuSeconds() - cpu0;
+    signalChild(go[1]);
+    ::waitpid(child, nullptr, 0);
+    server.deInit();
+    if (delivered.packets < kCount)
+        std::fprintf(stderr, "network_path_bench: only %zu of %zu packets arrived\n", delivered.packets, kCount);
+    return {static_cast<double>(bytes) / secs / 1e6, cpu / secs};
+}
+
+} // namespace
+
+int main()
+{
+    if (!zt::test::enterPrivateNetwork()) {
+        std::perror("network_path_bench: private network namespace");
+        return 1;
+    }
+    const std::string payload(kPayload, 'd');
+    const std::vector<char> unit =
+        ztSimNetworkHead::extendedPacket(1280, 1, payload.data(), payload.size());
+
+    const Figure base = baseline(unit);
+    const Figure packet = endToEnd(unit, false);
+    const Figure raw = endToEnd(unit, true);
+
+    std::printf("network data path, %zu packets of %zu bytes over loopback\n", kCount, unit.size());
+    std::printf("  plain TCP read loop (baseline)  %8.0f MB/s  %.2f cores\n", base.mbps, base.cpu);
+    std::printf("  packet mode to the callback     %8.0f MB/s  %.2f cores  ratio %.2f\n", packet.mbps, packet.cpu,
+                packet.mbps / base.mbps);
+    std::printf("  raw mode to the callback        %8.0f MB/s  %.2f cores  ratio %.2f\n", raw.mbps, raw.cpu,
+                raw.mbps / base.mbps);
+    if (const char* path = std::getenv("ZT_BENCH_JSON"); path && *path) {
+        if (std::FILE* json = std::fopen(path, "a")) {
+            std::fprintf(json,
+                         "{\"benchmark\":\"network_path_bench\",\"packet_bytes\":%zu,\"baseline_MBps\":%.0f,"
+                         "\"packet_MBps\":%.0f,\"packet_cores\":%.2f,\"packet_ratio\":%.3f,\"raw_MBps\":%.0f,"
+                         "\"raw_cores\":%.2f,\"raw_ratio\":%.3f}\n",
+                         unit.size(), base.mbps, packet.mbps, packet.cpu, packet.mbps / base.mbps, raw.mbps, raw.cpu,
+                         raw.mbps / base.mbps);
+            std::fclose(json);
+        }
+    }
+    return 0;
+}

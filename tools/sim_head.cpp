@@ -1,0 +1,155 @@
+#include "sim_head.h"
+
+#include "ztSimNetworkHead.h"
+
+#include <arpa/inet.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace zt::tools {
+
+namespace {
+
+const char* const kSimHeadUsage =
+    "usage: ztproxy sim head [--bind IP] [--port N] [--stream-rate MBPS]\n"
+    "\n"
+    "Runs a simulated network scanner head until interrupted. A host opens four TCP\n"
+    "connections to it, in the order command, data, command-data and light-pen; the head\n"
+    "answers heartbeats and commands (the ability query, the SET file query, the program\n"
+    "version query, and a status reply of 0 to everything else) and prints one line per\n"
+    "connection and per command.\n"
+    "\n"
+    "options:\n"
+    "  --bind IP           IPv4 address to listen on (default 127.0.0.1)\n"
+    "  --port N            port to listen on (default 42001)\n"
+    "  --stream-rate MBPS  once all four connections stand, stream extended-header packets\n"
+    "                      of type 1280 (262144 bytes each) on the data connection at MBPS\n"
+    "                      megabytes (10^6 bytes) per second; 0 streams as fast as the host\n"
+    "                      reads\n"
+    "  -h, --help          show this help\n";
+
+std::atomic<bool> g_stop{false};
+extern "C" void onHeadSignal(int)
+{
+    g_stop = true;
+}
+
+int bad(const std::string& message)
+{
+    std::fprintf(stderr, "ztproxy: %s (see ztproxy sim head --help)\n", message.c_str());
+    return 2;
+}
+
+const char* channelName(ztSimNetworkHead::Channel c)
+{
+    switch (c) {
+    case ztSimNetworkHead::Command: return "command";
+    case ztSimNetworkHead::Data: return "data";
+    case ztSimNetworkHead::CommandData: return "command-data";
+    case ztSimNetworkHead::LightPen: return "light-pen";
+    }
+    return "?";
+}
+
+constexpr std::size_t kStreamUnit = 262144;
+constexpr unsigned short kStreamType = 1280;
+
+} // namespace
+
+int runSimHead(int argc, char** argv)
+{
+    std::string bind = "127.0.0.1";
+    int port = ztSimNetworkHead::kDefaultPort;
+    double rate = -1; // no stream
+    for (int i = 0; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "-h" || arg == "--help") {
+            std::fputs(kSimHeadUsage, stdout);
+            return 0;
+        }
+        const bool takesValue = arg == "--bind" || arg == "--port" || arg == "--stream-rate";
+        if (!takesValue)
+            return bad("sim head: unknown argument '" + arg + "'");
+        if (i + 1 >= argc)
+            return bad("sim head: " + arg + " needs a value");
+        const std::string value = argv[++i];
+        char* end = nullptr;
+        errno = 0;
+        if (arg == "--bind") {
+            in_addr a{};
+            if (::inet_pton(AF_INET, value.c_str(), &a) != 1)
+                return bad("sim head: '" + value + "' is not an IPv4 address");
+            bind = value;
+        } else if (arg == "--port") {
+            const long p = std::strtol(value.c_str(), &end, 10);
+            if (value.empty() || *end != '\0' || errno != 0 || p < 1 || p > 65535)
+                return bad("sim head: port '" + value + "' is not a number from 1 to 65535");
+            port = static_cast<int>(p);
+        } else {
+            const double r = std::strtod(value.c_str(), &end);
+            if (value.empty() || *end != '\0' || errno != 0 || !std::isfinite(r) || r < 0)
+                return bad("sim head: stream rate '" + value + "' is not a number of MB/s from 0 up");
+            rate = r;
+        }
+    }
+
+    std::signal(SIGINT, onHeadSignal);
+    std::signal(SIGTERM, onHeadSignal);
+    ztSimNetworkHead head(bind, port);
+    head.setConnectionObserver([](ztSimNetworkHead::Channel c, bool connected, const std::string& peer) {
+        if (connected)
+            std::printf("%s connection from %s\n", channelName(c), peer.c_str());
+        else
+            std::printf("%s connection from %s closed\n", channelName(c), peer.c_str());
+        std::fflush(stdout);
+    });
+    if (head.start() != 0) {
+        std::fprintf(stderr, "ztproxy: the simulated head cannot listen on %s:%d (in use?)\n", bind.c_str(), port);
+        return 1;
+    }
+    std::printf("simulated head listening on %s:%d; Ctrl-C stops it\n", bind.c_str(), head.port());
+    std::fflush(stdout);
+
+    bool streaming = false;
+    while (!g_stop) {
+        ztSimNetworkHead::Request r;
+        if (head.nextCommand(r, 200)) {
+            std::printf("command %u, %zu payload bytes\n", static_cast<unsigned>(r.type), r.payload.size());
+            std::fflush(stdout);
+        }
+        if (rate >= 0 && !streaming && head.isConnected(ztSimNetworkHead::Command) &&
+            head.isConnected(ztSimNetworkHead::Data) && head.isConnected(ztSimNetworkHead::CommandData) &&
+            head.isConnected(ztSimNetworkHead::LightPen)) {
+            std::vector<char> payload(kStreamUnit - ztSimNetworkHead::kExtendedHeaderSize - 1);
+            for (std::size_t k = 0; k < payload.size(); ++k)
+                payload[k] = static_cast<char>(k & 0xFF);
+            head.startStream(ztSimNetworkHead::Data,
+                             ztSimNetworkHead::extendedPacket(kStreamType, 0, payload.data(), payload.size()), 0,
+                             rate * 1e6);
+            streaming = true;
+            if (rate > 0)
+                std::printf("streaming %zu-byte packets of type %u on the data connection at %g MB/s\n", kStreamUnit,
+                            static_cast<unsigned>(kStreamType), rate);
+            else
+                std::printf("streaming %zu-byte packets of type %u on the data connection as fast as it goes\n",
+                            kStreamUnit, static_cast<unsigned>(kStreamType));
+            std::fflush(stdout);
+        }
+    }
+    head.stopStream();
+    const std::size_t streamed = head.streamedBytes();
+    head.stop();
+    if (streaming)
+        std::printf("streamed %zu bytes\n", streamed);
+    std::printf("stopped\n");
+    return 0;
+}
+
+} // namespace zt::tools
