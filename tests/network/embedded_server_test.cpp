@@ -181,11 +181,13 @@ TEST(EmbeddedServer, SilentHeadGoesOfflineOnceAfterTheFifthMissedBeat)
     EXPECT_GE(took, std::chrono::milliseconds(2400));
     EXPECT_LT(took, std::chrono::milliseconds(4000));
     EXPECT_FALSE(o.server.isConnected());
-    EXPECT_EQ(log.count("Heartbeat timeout = 127.0.0.1"), 1);
+    // The log line follows the callback.
+    EXPECT_TRUE(log.waitFor("Heartbeat timeout = 127.0.0.1", 1000));
     // The connections were closed and nothing more is raised.
     EXPECT_TRUE(o.head.waitDisconnected(Head::Command, 2000));
     std::this_thread::sleep_for(std::chrono::milliseconds(3000));
     EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_OFFLINE), 1);
+    EXPECT_EQ(log.count("Heartbeat timeout = 127.0.0.1"), 1);
     EXPECT_EQ(o.server.sendTrigger(), -1);
 }
 
