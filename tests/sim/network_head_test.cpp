@@ -47,15 +47,6 @@ protected:
         return p;
     }
 
-    // Bounded wait for the head to count n broken messages.
-    bool waitBad(int n)
-    {
-        const auto t0 = Clock::now();
-        while (head.badMessagesReceived() < n && msSince(t0) < 2000)
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        return head.badMessagesReceived() == n;
-    }
-
     Head head;
 };
 
@@ -130,34 +121,6 @@ TEST_F(NetworkHead, ConnectionsTakeChannelsInArrivalOrderAndStartNewSets)
     ASSERT_GE(events.size(), 4u);
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(events[i], std::make_pair(i, true));
-}
-
-TEST_F(NetworkHead, HeartbeatsAreAnsweredOnCommandDataUnlessSilentOrSwitchedOff)
-{
-    auto p = connectAll();
-    ASSERT_TRUE(p[2].send(kHeartbeat));
-    EXPECT_EQ(p[2].read(8), kHeartbeat);
-    // Two beats in one write and one split over two writes: three answers.
-    ASSERT_TRUE(p[2].send(concat({kHeartbeat, kHeartbeat, Bytes(kHeartbeat.begin(), kHeartbeat.begin() + 3)})));
-    EXPECT_EQ(p[2].read(16), concat({kHeartbeat, kHeartbeat}));
-    ASSERT_TRUE(p[2].send(Bytes(kHeartbeat.begin() + 3, kHeartbeat.end())));
-    EXPECT_EQ(p[2].read(8), kHeartbeat);
-    EXPECT_EQ(head.heartbeatsReceived(), 4);
-
-    head.setAnswerHeartbeats(false);
-    ASSERT_TRUE(p[2].send(kHeartbeat));
-    EXPECT_TRUE(p[2].quiet(300));
-    head.setAnswerHeartbeats(true);
-    head.setSilent(true);
-    ASSERT_TRUE(p[2].send(kHeartbeat));
-    EXPECT_TRUE(p[2].quiet(300));
-    EXPECT_EQ(head.heartbeatsReceived(), 6);
-    head.setSilent(false);
-    ASSERT_TRUE(p[2].send(kHeartbeat));
-    EXPECT_EQ(p[2].read(8), kHeartbeat);
-    // Nothing reached the other connections.
-    for (int i : {0, 1, 3})
-        EXPECT_TRUE(p[i].quiet(0)) << i;
 }
 
 TEST_F(NetworkHead, CommandsAreCutFromTheStreamAndAnsweredFromTheTable)
@@ -251,42 +214,6 @@ TEST_F(NetworkHead, DefaultRepliesToTheOnlineQueries)
     EXPECT_EQ(p[0].read(68), shortForm);
 }
 
-TEST_F(NetworkHead, BrokenMessagesAreDroppedAndTheStreamGoesOn)
-{
-    auto p = connectAll();
-    RawHost& cmd = p[0];
-    const Bytes trigger = embedded(13, le32(1));
-    // Wrong head, wrong tail: cut by their size, not answered, counted.
-    ASSERT_TRUE(cmd.send(concat({embedded(13, le32(1), 0x00), embedded(13, le32(1), 0xAA, 0xBC), trigger})));
-    EXPECT_EQ(cmd.read(12), kStatusZero);
-    EXPECT_TRUE(cmd.quiet(200));
-    EXPECT_EQ(head.badMessagesReceived(), 2);
-    // A size below 8 throws away everything held, the good message after it in the same
-    // write included; the next write is read afresh.
-    Bytes broken = trigger;
-    broken[1] = 3;
-    ASSERT_TRUE(cmd.send(concat({trigger, broken, trigger})));
-    EXPECT_EQ(cmd.read(12), kStatusZero);
-    EXPECT_TRUE(cmd.quiet(200));
-    EXPECT_EQ(head.badMessagesReceived(), 3);
-    // A huge size field likewise.
-    Bytes huge = trigger;
-    huge[4] = 0x7F;
-    ASSERT_TRUE(cmd.send(huge));
-    ASSERT_TRUE(waitBad(4)); // apart, so that the next write is not thrown away with it
-    ASSERT_TRUE(cmd.send(trigger));
-    EXPECT_EQ(cmd.read(12), kStatusZero);
-    EXPECT_EQ(head.badMessagesReceived(), 4);
-    // The same on the command-data connection: the heartbeat after garbage is answered.
-    ASSERT_TRUE(p[2].send(Bytes{0xAA, 0x02, 0, 0, 0, 0, 0}));
-    ASSERT_TRUE(waitBad(5));
-    ASSERT_TRUE(p[2].send(kHeartbeat));
-    EXPECT_EQ(p[2].read(8), kHeartbeat);
-    // Other messages on command-data are taken in and not answered.
-    ASSERT_TRUE(p[2].send(embedded(13, le32(1))));
-    EXPECT_TRUE(p[2].quiet(200));
-}
-
 TEST_F(NetworkHead, RefusedChannelGoesUnansweredWhileTheOthersStay)
 {
     head.setRefuseChannel(2);
@@ -314,49 +241,6 @@ TEST_F(NetworkHead, RefusedChannelGoesUnansweredWhileTheOthersStay)
     ASSERT_TRUE(p[2].send(kHeartbeat));
     EXPECT_EQ(p[2].read(8), kHeartbeat);
     EXPECT_EQ(head.connectionsAccepted(), 4);
-}
-
-TEST_F(NetworkHead, RefusalByResetFailsTheConnectAtOnce)
-{
-    head.setRefuseChannel(1, Head::Reset);
-    std::array<RawHost, 4> p;
-    ASSERT_TRUE(p[0].connect(kPort));
-    EXPECT_FALSE(p[1].connect(kPort, 3000));
-    EXPECT_EQ(p[1].error(), ECONNREFUSED);
-    EXPECT_TRUE(head.isConnected(Head::Command));
-    EXPECT_EQ(head.connectionsAccepted(), 1);
-
-    // Refusing the command connection once all are gone refuses everything.
-    p[0].close();
-    ASSERT_TRUE(head.waitDisconnected(Head::Command, 2000));
-    head.setRefuseChannel(0, Head::Reset);
-    const auto t0 = Clock::now();
-    EXPECT_FALSE(p[0].connect(kPort));
-    EXPECT_EQ(p[0].error(), ECONNREFUSED);
-    EXPECT_LT(msSince(t0), 500);
-    head.setRefuseChannel(-1);
-    ASSERT_TRUE(p[0].connect(kPort));
-    ASSERT_TRUE(head.waitConnected(Head::Command, 2000));
-    EXPECT_EQ(head.connectionsAccepted(), 2);
-}
-
-TEST_F(NetworkHead, LateRepliesDoNotHoldUpHeartbeats)
-{
-    auto p = connectAll();
-    head.setReplyDelay(400);
-    const auto t0 = Clock::now();
-    ASSERT_TRUE(p[0].send(embedded(13, le32(1))));
-    ASSERT_TRUE(p[2].send(kHeartbeat));
-    EXPECT_EQ(p[2].read(8, 300), kHeartbeat);
-    EXPECT_LT(msSince(t0), 300);
-    EXPECT_TRUE(p[0].quiet(250));
-    EXPECT_EQ(p[0].read(12, 2000), kStatusZero);
-    EXPECT_GE(msSince(t0), 400);
-    head.setReplyDelay(0);
-    const auto t1 = Clock::now();
-    ASSERT_TRUE(p[0].send(embedded(13, le32(1))));
-    EXPECT_EQ(p[0].read(12), kStatusZero);
-    EXPECT_LT(msSince(t1), 300);
 }
 
 TEST_F(NetworkHead, PushedPacketsHaveTheirExactBytes)
@@ -457,71 +341,6 @@ TEST_F(NetworkHead, StreamsDeliverCountTimesTheUnitAtTheAskedRate)
     EXPECT_GE(head.streamedBytes(), 100 * unit.size());
     EXPECT_EQ(head.streamedBytes() % unit.size(), 0u);
     EXPECT_EQ(seen.load(), head.streamedBytes());
-}
-
-TEST_F(NetworkHead, ConcurrentWritersNeverInterleaveMessages)
-{
-    auto p = connectAll();
-    constexpr int kWriters = 4, kEach = 150, kStreamed = 300;
-    std::vector<char> streamPayload(3000, 's');
-    head.startStream(Head::Data, Head::message(99, streamPayload.data(), streamPayload.size()), kStreamed, 0);
-    std::vector<std::thread> writers;
-    for (int w = 0; w < kWriters; ++w)
-        writers.emplace_back([&, w] {
-            for (int i = 0; i < kEach; ++i) {
-                const std::vector<char> body(1 + (i * 37 + w * 101) % 5000, static_cast<char>('a' + w));
-                EXPECT_EQ(head.sendMessage(Head::Data, static_cast<unsigned short>(w), body.data(), body.size()),
-                          static_cast<int>(body.size() + 8));
-            }
-        });
-    // Commands, heartbeats and setters at the same time.
-    std::thread commands([&] {
-        for (int i = 0; i < 100; ++i) {
-            head.setStatusReply(13, i % 2 ? 1 : 0);
-            head.setAnswerHeartbeats(true);
-            ASSERT_TRUE(p[0].send(embedded(13, le32(1))));
-            ASSERT_EQ(p[0].read(12).size(), 12u);
-            ASSERT_TRUE(p[2].send(kHeartbeat));
-            ASSERT_EQ(p[2].read(8), kHeartbeat);
-        }
-    });
-    std::map<int, int> counts;
-    Bytes held;
-    const std::size_t total = kStreamed * (streamPayload.size() + 8);
-    std::size_t bytes = 0;
-    std::size_t expected = total;
-    for (int w = 0; w < kWriters; ++w)
-        for (int i = 0; i < kEach; ++i)
-            expected += 1 + (i * 37 + w * 101) % 5000 + 8;
-    while (bytes < expected) {
-        const Bytes chunk = p[1].read(std::min<std::size_t>(65536, expected - bytes), 5000);
-        ASSERT_FALSE(chunk.empty());
-        bytes += chunk.size();
-        held.insert(held.end(), chunk.begin(), chunk.end());
-        std::size_t off = 0;
-        while (held.size() - off >= 8) {
-            ASSERT_EQ(held[off], 0xAA);
-            const std::uint32_t size = held[off + 1] | held[off + 2] << 8 | held[off + 3] << 16 |
-                                       static_cast<std::uint32_t>(held[off + 4]) << 24;
-            if (held.size() - off < size)
-                break;
-            const int type = held[off + 5] | held[off + 6] << 8;
-            const unsigned char fill = type == 99 ? 's' : static_cast<unsigned char>('a' + type);
-            for (std::size_t k = off + 7; k < off + size - 1; ++k)
-                ASSERT_EQ(held[k], fill) << "type " << type;
-            ASSERT_EQ(held[off + size - 1], 0xBB);
-            counts[type]++;
-            off += size;
-        }
-        held.erase(held.begin(), held.begin() + static_cast<std::ptrdiff_t>(off));
-    }
-    for (auto& t : writers)
-        t.join();
-    commands.join();
-    EXPECT_TRUE(held.empty());
-    EXPECT_EQ(counts[99], kStreamed);
-    for (int w = 0; w < kWriters; ++w)
-        EXPECT_EQ(counts[w], kEach);
 }
 
 TEST_F(NetworkHead, StopWithBusyConnectionsReturnsPromptlyAndTheHeadStartsAgain)
