@@ -2,6 +2,7 @@
 #ifndef ZT_PROXY_TYPES_H
 #define ZT_PROXY_TYPES_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -78,6 +79,27 @@ typedef struct DeviceAbilityInfo {
     uint32_t ability11;
 } DeviceAbilityInfo;
 
+// The endpoints of a USB scanner head, filled by the caller that opened the device and
+// passed to ztUsbProxyServer. The byte positions are part of the interface.
+#pragma pack(push, 1)
+typedef struct _ZT_USB3_DEVICE_INFO_ {
+    uint8_t reserved0[5];
+    uint8_t streamInEndpoint;     // bulk IN, image stream
+    uint8_t ctrlInEndpoint;       // bulk IN, command replies
+    uint8_t ctrlOutEndpoint;      // bulk OUT, commands
+    uint8_t eventInEndpoint;      // bulk IN, events
+    uint8_t heartbeatOutEndpoint; // bulk OUT, heartbeats
+    uint8_t reserved1[6];
+    uint32_t streamMaxPacket; // a stream transfer is 64 times this
+    uint32_t ctrlMaxPacket;   // a control transfer is 4 times this
+    uint32_t reserved2;
+    uint32_t eventMaxPacket; // an event transfer is 4 times this
+    uint32_t reserved3;
+    char serialNumber[124]; // text, zero-terminated
+    uint32_t extra;
+} _ZT_USB3_DEVICE_INFO_;
+#pragma pack(pop)
+
 // Which SET file getSETFile asks the head for; travels as int32.
 typedef enum SetFileDataType {
     SET_FILE_DATA_0 = 0,
@@ -87,6 +109,17 @@ typedef enum SetFileDataType {
 
 #ifdef __cplusplus
 static_assert(sizeof(DeviceAbilityInfo) == 48, "twelve 32-bit values");
+static_assert(offsetof(_ZT_USB3_DEVICE_INFO_, streamInEndpoint) == 5, "stream IN endpoint at byte 5");
+static_assert(offsetof(_ZT_USB3_DEVICE_INFO_, ctrlInEndpoint) == 6, "control IN endpoint at byte 6");
+static_assert(offsetof(_ZT_USB3_DEVICE_INFO_, ctrlOutEndpoint) == 7, "control OUT endpoint at byte 7");
+static_assert(offsetof(_ZT_USB3_DEVICE_INFO_, eventInEndpoint) == 8, "event IN endpoint at byte 8");
+static_assert(offsetof(_ZT_USB3_DEVICE_INFO_, heartbeatOutEndpoint) == 9, "heartbeat OUT endpoint at byte 9");
+static_assert(offsetof(_ZT_USB3_DEVICE_INFO_, streamMaxPacket) == 16, "stream packet size at byte 16");
+static_assert(offsetof(_ZT_USB3_DEVICE_INFO_, ctrlMaxPacket) == 20, "control packet size at byte 20");
+static_assert(offsetof(_ZT_USB3_DEVICE_INFO_, eventMaxPacket) == 28, "event packet size at byte 28");
+static_assert(offsetof(_ZT_USB3_DEVICE_INFO_, serialNumber) == 36, "serial number at byte 36");
+static_assert(offsetof(_ZT_USB3_DEVICE_INFO_, extra) == 160, "extra value at byte 160");
+static_assert(sizeof(_ZT_USB3_DEVICE_INFO_) == 164, "164 bytes");
 static_assert(sizeof(_ZT_HEARTBEAT_INFO_) == 920, "the heartbeat record is 920 bytes on the wire");
 
 namespace lp {

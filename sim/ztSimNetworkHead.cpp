@@ -1086,7 +1086,7 @@ ztSimNetworkHead::AbilityRecord ztSimNetworkHead::defaultAbility()
 std::vector<char> ztSimNetworkHead::setFilePayload()
 {
     static const char kText[] = "simulated head SET file\n";
-    std::vector<char> b(4, 0); // status 0
-    b.insert(b.end(), kText, kText + sizeof kText - 1);
+    std::vector<char> b(4 + sizeof kText - 1, 0); // status 0, then the text
+    std::memcpy(b.data() + 4, kText, sizeof kText - 1);
     return b;
 }

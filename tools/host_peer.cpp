@@ -25,14 +25,6 @@ int msLeft(Clock::time_point deadline)
 }
 
 template <class T>
-void put(std::vector<char>& out, T value)
-{
-    char bytes[sizeof(T)];
-    std::memcpy(bytes, &value, sizeof(T)); // the host byte order is little-endian
-    out.insert(out.end(), bytes, bytes + sizeof(T));
-}
-
-template <class T>
 T get(const char* p)
 {
     T value;
@@ -44,14 +36,16 @@ T get(const char* p)
 
 std::vector<char> proxyMessage(std::int32_t type, std::uint32_t subType, const void* payload, std::int32_t length)
 {
-    std::vector<char> out;
-    put<std::uint16_t>(out, 0x2324);
-    put<std::uint16_t>(out, 0);
-    put(out, type);
-    put(out, subType);
-    put(out, length);
-    if (payload != nullptr && length > 0)
-        out.insert(out.end(), static_cast<const char*>(payload), static_cast<const char*>(payload) + length);
+    const std::size_t n = payload != nullptr && length > 0 ? static_cast<std::size_t>(length) : 0;
+    std::vector<char> out(16 + n, 0);
+    const std::uint16_t magic = 0x2324;
+    // The host byte order is little-endian: the fields are copied as they are.
+    std::memcpy(out.data(), &magic, 2);
+    std::memcpy(out.data() + 4, &type, 4);
+    std::memcpy(out.data() + 8, &subType, 4);
+    std::memcpy(out.data() + 12, &length, 4);
+    if (n > 0)
+        std::memcpy(out.data() + 16, payload, n);
     return out;
 }
 

@@ -2,6 +2,9 @@
 #include "demo.h"
 #include "sim_command.h"
 #include "sim_head.h"
+#ifdef ZT_WITH_USB
+#include "sim_usb.h"
+#endif
 
 #include "ztLog.h"
 
@@ -16,7 +19,7 @@ const char* const kUsage =
     "\n"
     "commands:\n"
     "  demo      run a simulated device module and a host on loopback and show their exchange\n"
-    "  sim       run a simulated end until interrupted: ztproxy sim module|head\n"
+    "  sim       run a simulated end: ztproxy sim module|head (sim usb: how to use the USB one)\n"
     "\n"
     "options:\n"
     "  --log-level LEVEL  trace, debug, info, warn (default), error or off; logs go to\n"
@@ -35,11 +38,13 @@ const char* const kDemoUsage =
 const char* const kSimUsage =
     "usage: ztproxy sim module\n"
     "       ztproxy sim head [--bind IP] [--port N] [--stream-rate MBPS]\n"
+    "       ztproxy sim usb --help\n"
     "\n"
     "module: runs the simulated device module on ports 11300 (data) and 9479 (command)\n"
     "until interrupted, answering every host request from its state and printing each request.\n"
     "head: runs a simulated network scanner head on port 42001 until interrupted (see\n"
-    "ztproxy sim head --help).\n";
+    "ztproxy sim head --help).\n"
+    "usb: how to use the emulated USB scanner head from your own program.\n";
 
 int fail(const std::string& message)
 {
@@ -91,10 +96,14 @@ int main(int argc, char** argv)
             return 0;
         }
         if (i >= argc)
-            return fail("sim needs the end to simulate: module or head (see ztproxy sim --help)");
+            return fail("sim needs the end to simulate: module, head or usb (see ztproxy sim --help)");
         const std::string end = argv[i++];
         if (end == "head")
             return zt::tools::runSimHead(argc - i, argv + i);
+#ifdef ZT_WITH_USB
+        if (end == "usb")
+            return zt::tools::runSimUsb(argc - i, argv + i);
+#endif
         if (end != "module")
             return fail("unknown simulated end '" + end + "' (see ztproxy sim --help)");
         if (i < argc)

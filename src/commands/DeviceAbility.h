@@ -12,4 +12,10 @@ namespace zt::commands {
 // nothing but the header was filled). Reads at most 60 bytes from data.
 int parseAbility(const char* data, DeviceAbilityInfo* info);
 
+// Judges a whole ability reply message: only types 345 and 0 are taken (-1 otherwise); a
+// non-zero status is logged and returned; type 0 with status 0 logs typeZeroLog and leaves
+// info alone; otherwise the record is parsed into info. The reply is read only as far as
+// it goes: a short one reads as zeros.
+int judgeAbilityReply(const char* reply, DeviceAbilityInfo* info, const char* typeZeroLog);
+
 } // namespace zt::commands

@@ -6,7 +6,6 @@
 #include "network/EmbeddedInternals.h"
 #include "platform/zt_log.h"
 
-#include <cstring>
 #include <string>
 
 namespace {
@@ -14,9 +13,6 @@ constexpr unsigned short kAbilityType = 345;
 constexpr unsigned short kSETFileType = 264;
 constexpr unsigned short kRKVersionType = 276;
 constexpr unsigned short kTriggerType = 13;
-// The ability payload as far as it is read: the status word, then at most three words of
-// form and header, the format version and eleven values.
-constexpr int kAbilityBytes = 4 + 60;
 } // namespace
 
 int ztEmbeddedModuleProxyServer::parseDeviceAblityInfo(const char* data, DeviceAbilityInfo* info)
@@ -36,26 +32,8 @@ int ztEmbeddedModuleProxyServer::getDeviceAbilityInfo(DeviceAbilityInfo* info)
     const int rc = exchange(kAbilityType, nullptr, 0, ReplyRule::None,
                             "ztEmbeddedModuleProxyServer::[getDeviceAbilityInfo] zmq_send failed!",
                             [&](const char* reply) {
-                                const unsigned short type = zt_embedded_msg_get_msg_type(reply);
-                                if (zt_embedded_msg_is_avalible(reply) != 0 || (type != kAbilityType && type != 0))
-                                    return;
-                                const std::int32_t status = zt::embedded::statusOf(reply);
-                                if (status != 0) {
-                                    ZTLOG_ERROR("ztEmbeddedModuleProxyServer::getDeviceAbilityInfo, reply = %d", status);
-                                    result = status;
-                                    return;
-                                }
-                                if (type == 0) {
-                                    ZTLOG_WARN("ztEmbeddedModuleProxyServer::getDeviceAbilityInfo, msgType is 0");
-                                    result = 0;
-                                    return;
-                                }
-                                // The record is read from a copy padded with zeros, so a
-                                // short reply never reads past its end.
-                                char body[kAbilityBytes] = {};
-                                const int length = zt_embedded_msg_get_data_len(reply);
-                                std::memcpy(body, reply + 7, static_cast<std::size_t>(length < kAbilityBytes ? length : kAbilityBytes));
-                                result = parseDeviceAblityInfo(body + 4, info);
+                                result = zt::commands::judgeAbilityReply(
+                                    reply, info, "ztEmbeddedModuleProxyServer::getDeviceAbilityInfo, msgType is 0");
                             });
     return rc != 0 ? -1 : result;
 }

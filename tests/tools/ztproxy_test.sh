@@ -22,6 +22,8 @@ check "unknown command" 2 "$ztproxy" frobnicate
 check "unknown option" 2 "$ztproxy" --loud demo
 check "bad log level" 2 "$ztproxy" --log-level loud demo
 check "sim without an end" 2 "$ztproxy" sim
+check "sim usb help" 0 "$ztproxy" sim usb --help
+check "sim usb with a command" 2 "$ztproxy" sim usb -- true
 check "demo" 0 "$ztproxy" --log-level error demo
 grep -q "every step went as expected" /tmp/ztproxy_test.$$ || { echo "FAIL: demo summary missing"; fail=1; }
 

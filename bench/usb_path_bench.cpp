@@ -1,0 +1,198 @@
+// USB stream path end to end: the emulated head streams 4.9 MB extended-header packets on
+// its stream endpoint; ztUsbProxyServer keeps its 32 transfers in flight, decodes, fills
+// the frame pool and raises the data callback. The baseline is a bare libusb read loop with
+// the same transfers (32 of 64 x streamMaxPacket bytes) through the same emulated device
+// in the same run. The program re-runs itself with the emulation's preload when needed.
+//
+// Prints frames/s, GB/s and the ratio; appends a JSON line to $ZT_BENCH_JSON if set.
+#include "ztSimUsbHead.h"
+#include "ztUsbProxyServer.h"
+
+#include <libusb.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr std::size_t kPayload = 4900000;
+constexpr std::size_t kFrames = 150;
+constexpr unsigned int kStreamMaxPacket = 65536; // 4 MiB transfers
+constexpr int kTransfers = 32;
+
+struct Figure {
+    double framesPerSecond = 0;
+    double gbps = 0;
+};
+
+struct Bare {
+    std::size_t got = 0;
+    std::size_t want = 0;
+    int inFlight = 0;
+    static void LIBUSB_CALL done(libusb_transfer* t)
+    {
+        auto* self = static_cast<Bare*>(t->user_data);
+        --self->inFlight;
+        if (t->status == LIBUSB_TRANSFER_COMPLETED || t->status == LIBUSB_TRANSFER_TIMED_OUT)
+            self->got += static_cast<std::size_t>(t->actual_length);
+        if (self->got < self->want && libusb_submit_transfer(t) == 0)
+            ++self->inFlight;
+    }
+};
+
+Figure bareLoop(ztSimUsbHead& head, const std::vector<char>& unit)
+{
+    libusb_context* ctx = nullptr;
+    libusb_device_handle* handle = ztSimUsbHead::openEmulated(&ctx);
+    if (handle == nullptr) {
+        std::fprintf(stderr, "usb_path_bench: cannot open the emulated head\n");
+        std::exit(1);
+    }
+    Bare bare;
+    bare.want = unit.size() * kFrames;
+    const int length = static_cast<int>(64 * kStreamMaxPacket);
+    std::vector<std::vector<unsigned char>> buffers(kTransfers, std::vector<unsigned char>(static_cast<std::size_t>(length)));
+    std::vector<libusb_transfer*> transfers;
+    head.startStream(unit, kFrames, 0);
+    const auto t0 = Clock::now();
+    for (int i = 0; i < kTransfers; ++i) {
+        libusb_transfer* t = libusb_alloc_transfer(0);
+        libusb_fill_bulk_transfer(t, handle, ztSimUsbHead::kStreamIn, buffers[static_cast<std::size_t>(i)].data(), length,
+                                  &Bare::done, &bare, 1500);
+        if (libusb_submit_transfer(t) == 0)
+            ++bare.inFlight;
+        transfers.push_back(t);
+    }
+    while (bare.got < bare.want && Clock::now() - t0 < std::chrono::seconds(60)) {
+        timeval tv{0, 100000};
+        libusb_handle_events_timeout(ctx, &tv);
+    }
+    const double secs = std::chrono::duration<double>(Clock::now() - t0).count();
+    for (libusb_transfer* t : transfers)
+        libusb_cancel_transfer(t);
+    while (bare.inFlight > 0) {
+        timeval tv{0, 100000};
+        libusb_handle_events_timeout(ctx, &tv);
+    }
+    for (libusb_transfer* t : transfers)
+        libusb_free_transfer(t);
+    ztSimUsbHead::closeEmulated(handle, ctx);
+    head.stopStream();
+    return {static_cast<double>(bare.got) / static_cast<double>(unit.size()) / secs, static_cast<double>(bare.got) / secs / 1e9};
+}
+
+struct Delivered {
+    std::mutex mutex;
+    std::condition_variable done;
+    std::size_t frames = 0;
+    std::size_t bytes = 0;
+    static void cb(int type, char*, int len, void* user)
+    {
+        if (type != 1280)
+            return;
+        auto* self = static_cast<Delivered*>(user);
+        std::lock_guard<std::mutex> lock(self->mutex);
+        ++self->frames;
+        self->bytes += static_cast<std::size_t>(len) + 8;
+        self->done.notify_all();
+    }
+};
+
+Figure serverPath(ztSimUsbHead& head, const std::vector<char>& unit, std::size_t& frames)
+{
+    if (libusb_init(nullptr) != 0)
+        std::exit(1);
+    libusb_device_handle* handle = libusb_open_device_with_vid_pid(nullptr, ztSimUsbHead::kVendor, ztSimUsbHead::kProduct);
+    if (handle == nullptr || libusb_claim_interface(handle, ztSimUsbHead::kInterface) != 0) {
+        std::fprintf(stderr, "usb_path_bench: cannot open the emulated head\n");
+        std::exit(1);
+    }
+    _ZT_USB3_DEVICE_INFO_ info{};
+    info.streamInEndpoint = ztSimUsbHead::kStreamIn;
+    info.ctrlInEndpoint = ztSimUsbHead::kCtrlIn;
+    info.ctrlOutEndpoint = ztSimUsbHead::kCtrlOut;
+    info.eventInEndpoint = ztSimUsbHead::kEventIn;
+    info.heartbeatOutEndpoint = ztSimUsbHead::kHeartbeatOut;
+    info.streamMaxPacket = kStreamMaxPacket;
+    info.ctrlMaxPacket = 16384;
+    info.eventMaxPacket = 1024;
+    std::strcpy(info.serialNumber, ztSimUsbHead::kSerialNumber);
+    Delivered delivered;
+    Figure f;
+    {
+        ztUsbProxyServer server(info, handle);
+        server.registerModuleServerDataCB(&Delivered::cb, &delivered);
+        if (server.init() != 0) {
+            std::fprintf(stderr, "usb_path_bench: the server did not come online\n");
+            std::exit(1);
+        }
+        head.startStream(unit, kFrames, 0);
+        const auto t0 = Clock::now();
+        {
+            std::unique_lock<std::mutex> lock(delivered.mutex);
+            delivered.done.wait_for(lock, std::chrono::seconds(60), [&] { return delivered.frames >= kFrames; });
+        }
+        const double secs = std::chrono::duration<double>(Clock::now() - t0).count();
+        f = {static_cast<double>(delivered.frames) / secs, static_cast<double>(delivered.bytes) / secs / 1e9};
+        frames = delivered.frames;
+        head.stopStream();
+        server.deInit();
+    }
+    libusb_release_interface(handle, ztSimUsbHead::kInterface);
+    libusb_close(handle);
+    libusb_exit(nullptr);
+    return f;
+}
+
+} // namespace
+
+int main(int, char** argv)
+{
+    if (!ztSimUsbHead::emulationAvailable()) {
+        // The emulation lives in a preload library: start again with it.
+        if (std::getenv("ZT_USB_BENCH_REEXEC") != nullptr) {
+            std::fprintf(stderr, "usb_path_bench: the umockdev preload does not take effect\n");
+            return 1;
+        }
+        setenv("ZT_USB_BENCH_REEXEC", "1", 1);
+        setenv("LD_PRELOAD", "libumockdev-preload.so.0", 1);
+        execv("/proc/self/exe", argv);
+        std::perror("usb_path_bench: re-running with the preload");
+        return 1;
+    }
+    ztSimUsbHead head;
+    if (head.start() != 0) {
+        std::fprintf(stderr, "usb_path_bench: the emulated head does not start\n");
+        return 1;
+    }
+    const std::string payload(kPayload, 'u');
+    const std::vector<char> unit = ztSimUsbHead::extendedPacket(1280, 1, payload.data(), payload.size());
+    const Figure bare = bareLoop(head, unit);
+    std::size_t frames = 0;
+    const Figure server = serverPath(head, unit, frames);
+    head.stop();
+
+    std::printf("USB stream path, %zu frames of %zu bytes through the emulated head (%d transfers of %u bytes)\n", kFrames,
+                unit.size(), kTransfers, 64 * kStreamMaxPacket);
+    std::printf("  bare libusb read loop (baseline)  %6.1f frames/s  %5.2f GB/s\n", bare.framesPerSecond, bare.gbps);
+    std::printf("  server to the callback            %6.1f frames/s  %5.2f GB/s  ratio %.2f  (%zu of %zu frames)\n",
+                server.framesPerSecond, server.gbps, server.gbps / bare.gbps, frames, kFrames);
+    if (const char* path = std::getenv("ZT_BENCH_JSON"); path && *path) {
+        if (std::FILE* json = std::fopen(path, "a")) {
+            std::fprintf(json,
+                         "{\"benchmark\":\"usb_path_bench\",\"frame_bytes\":%zu,\"baseline_GBps\":%.3f,"
+                         "\"server_GBps\":%.3f,\"server_frames_per_s\":%.1f,\"ratio\":%.3f,\"frames\":%zu}\n",
+                         unit.size(), bare.gbps, server.gbps, server.framesPerSecond, server.gbps / bare.gbps, frames);
+            std::fclose(json);
+        }
+    }
+    return frames == kFrames ? 0 : 1;
+}

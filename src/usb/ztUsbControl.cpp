@@ -1,0 +1,117 @@
+// The USB control exchange: a command goes out on the control OUT endpoint and its reply
+// is the next whole message that the control IN transfer gathers.
+#include "ztUsbProxyServer.h"
+
+#include "foundation/ByteQueue.h"
+#include "platform/zt_log.h"
+#include "platform/zt_time.h"
+#include "zt_embedded_msg.h"
+
+#include <libusb.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+constexpr unsigned int kTransferTimeoutMs = 1500;
+constexpr unsigned int kPollMs = 10;
+constexpr int kCtrlReplyLimit = 0xA00000;
+constexpr std::size_t kClearedReplyBytes = 1024;
+} // namespace
+
+int ztUsbProxyServer::sendCtrlCmd(char* cmd, int cmdLength, char* reply, bool waitReply, int timeoutMs)
+{
+    return exchange("sendCtrlCmd", cmd, cmdLength, reply, kCtrlReplyLimit, waitReply, timeoutMs);
+}
+
+int ztUsbProxyServer::sendCtrlCmd_2(char* cmd, int cmdLength, char* reply, int replyLimit, bool waitReply, int timeoutMs)
+{
+    return exchange("sendCtrlCmd_2", cmd, cmdLength, reply, replyLimit, waitReply, timeoutMs);
+}
+
+int ztUsbProxyServer::exchange(const char* name, char* cmd, int cmdLength, char* reply, int replyLimit, bool waitReply,
+                               int timeoutMs)
+{
+    std::lock_guard<std::mutex> commandLock(m_cmdMutex);
+    if (m_handle == nullptr)
+        return -1;
+    if (cmd == nullptr || cmdLength <= 0 || (waitReply && reply == nullptr)) {
+        ZTLOG_ERROR("ztUsbProxyServer::[%s] no command or no reply buffer", name);
+        return -1;
+    }
+    {
+        // Late replies to earlier commands must not pass for this one's.
+        std::lock_guard<std::mutex> lock(m_recvMutex);
+        m_ctrlRecv->clear();
+    }
+    int sent = 0;
+    const int rc = libusb_bulk_transfer(m_handle, m_info.ctrlOutEndpoint, reinterpret_cast<unsigned char*>(cmd), cmdLength,
+                                        &sent, kTransferTimeoutMs);
+    if (rc != 0) {
+        ZTLOG_ERROR("ztUsbProxyServer::%s libusb_bulk_transfer failed, ret = %d", name, rc);
+        return -1;
+    }
+    if (!waitReply)
+        return 0;
+    // The elapsed time is the absolute 32-bit difference of the tick counts, so a wrap of
+    // the counter does not end the wait early.
+    const std::uint32_t t0 = zt::tickCount();
+    auto elapsed = [t0] {
+        const auto d = static_cast<std::int32_t>(zt::tickCount() - t0);
+        return d < 0 ? -static_cast<std::int64_t>(d) : static_cast<std::int64_t>(d);
+    };
+    // Both variants test the time-out after each 10 ms sleep, before looking at the buffer.
+    for (;;) {
+        SPR_Sleep(kPollMs);
+        if (elapsed() > timeoutMs) {
+            ZTLOG_ERROR("ztUsbProxyServer::%s timeout", name);
+            return -1;
+        }
+        std::lock_guard<std::mutex> lock(m_recvMutex);
+        if (m_ctrlRecv->size() > 7) {
+            const auto full = static_cast<std::uint32_t>(zt_embedded_msg_get_full_size(m_ctrlRecv->data()));
+            if (full <= m_ctrlRecv->size() && full < static_cast<std::uint32_t>(replyLimit)) {
+                std::memcpy(reply, m_ctrlRecv->data(), full);
+                m_ctrlRecv->consume(full);
+                return 0;
+            }
+        }
+    }
+}
+
+int ztUsbProxyServer::sendData(std::string& data)
+{
+    if (m_pDataRecv_ctrl != nullptr)
+        std::memset(m_pDataRecv_ctrl, 0, kClearedReplyBytes);
+    int sent = 0;
+    if (m_handle == nullptr ||
+        libusb_bulk_transfer(m_handle, m_info.ctrlOutEndpoint, reinterpret_cast<unsigned char*>(data.data()),
+                             static_cast<int>(data.size()), &sent, kTransferTimeoutMs) != 0) {
+        // The logged value is -1, not libusb's code.
+        ZTLOG_ERROR("ztUsbProxyServer::[sendData] libusb_bulk_transfer failed, ret = %d", -1);
+        return -1;
+    }
+    return 0;
+}
+
+int ztUsbProxyServer::command(const char* name, unsigned short type, const void* payload, unsigned int length,
+                              unsigned short replyType, int timeoutMs)
+{
+    if (m_pDataRecv_ctrl == nullptr)
+        return -1;
+    std::memset(m_pDataRecv_ctrl, 0, kClearedReplyBytes);
+    void* msg = zt_embedded_msg_create(8 + length, type, length > 0 ? payload : nullptr);
+    if (msg == nullptr)
+        return -1;
+    const int rc = sendCtrlCmd(static_cast<char*>(msg), static_cast<int>(8 + length), m_pDataRecv_ctrl, true, timeoutMs);
+    zt_embedded_msg_release(msg);
+    if (rc == -1) {
+        ZTLOG_ERROR("ztUsbProxyServer::[%s] send cmd failed", name);
+        return -1;
+    }
+    if (zt_embedded_msg_is_avalible(m_pDataRecv_ctrl) != 0 || zt_embedded_msg_get_msg_type(m_pDataRecv_ctrl) != replyType) {
+        ZTLOG_ERROR("ztUsbProxyServer::[%s] receive data error", name);
+        return -1;
+    }
+    return 0;
+}

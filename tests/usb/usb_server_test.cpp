@@ -1,0 +1,410 @@
+// ztUsbProxyServer on real libusb against the emulated USB head: online and offline, the
+// event and stream paths through the frame pools, and the control exchange.
+#include "support/log_capture.h"
+#include "ztSimNetworkHead.h"
+#include "ztSimUsbHead.h"
+#include "ztUsbProxyServer.h"
+
+#include <gtest/gtest.h>
+#include <libusb.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+using zt::test::LogCapture;
+using Head = ztSimUsbHead;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// What the server's data callback saw; a callback may be held up to fill the pools.
+struct Calls {
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::vector<std::pair<int, std::string>> seen;
+    bool hold = false;
+    int heldType = -1;
+    static void cb(int type, char* data, int len, void* user)
+    {
+        auto* self = static_cast<Calls*>(user);
+        std::unique_lock<std::mutex> lock(self->mutex);
+        self->seen.emplace_back(type, data == nullptr ? std::string() : std::string(data, static_cast<std::size_t>(len)));
+        self->cv.notify_all();
+        self->cv.wait(lock, [&] { return !(self->hold && type == self->heldType); });
+    }
+    void release()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        hold = false;
+        cv.notify_all();
+    }
+    std::vector<std::string> of(int type, std::size_t n, int ms = 3000)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        std::vector<std::string> out;
+        cv.wait_for(lock, std::chrono::milliseconds(ms), [&] {
+            out.clear();
+            for (const auto& c : seen)
+                if (c.first == type)
+                    out.push_back(c.second);
+            return out.size() >= n;
+        });
+        return out;
+    }
+};
+
+_ZT_USB3_DEVICE_INFO_ deviceInfo()
+{
+    _ZT_USB3_DEVICE_INFO_ info{};
+    info.streamInEndpoint = Head::kStreamIn;
+    info.ctrlInEndpoint = Head::kCtrlIn;
+    info.ctrlOutEndpoint = Head::kCtrlOut;
+    info.eventInEndpoint = Head::kEventIn;
+    info.heartbeatOutEndpoint = Head::kHeartbeatOut;
+    info.streamMaxPacket = 16384; // 1 MiB stream transfers
+    info.ctrlMaxPacket = 16384;   // 64 KiB control transfers
+    info.eventMaxPacket = 1024;   // 4 KiB event transfers
+    std::strcpy(info.serialNumber, Head::kSerialNumber);
+    return info;
+}
+
+// The emulated head opened on libusb's default context, as the server expects.
+struct Device {
+    Head head;
+    libusb_device_handle* handle = nullptr;
+    bool open()
+    {
+        if (head.start() != 0 || libusb_init(nullptr) != 0)
+            return false;
+        handle = libusb_open_device_with_vid_pid(nullptr, Head::kVendor, Head::kProduct);
+        return handle != nullptr && libusb_claim_interface(handle, Head::kInterface) == 0;
+    }
+    ~Device()
+    {
+        if (handle != nullptr) {
+            libusb_release_interface(handle, Head::kInterface);
+            libusb_close(handle);
+        }
+        libusb_exit(nullptr);
+        head.stop();
+    }
+};
+
+std::string payloadOf(const std::vector<char>& message)
+{
+    return std::string(message.begin() + 7, message.end() - 1);
+}
+
+TEST(UsbServer, OnlineThenOfflineWhenTheDeviceVanishes)
+{
+    LogCapture log(ZTLOG_LEVEL_INFO);
+    Device d;
+    ASSERT_TRUE(d.open());
+    Calls calls;
+    {
+        ztUsbProxyServer server(deviceInfo(), d.handle);
+        server.registerModuleServerDataCB(&Calls::cb, &calls);
+        EXPECT_EQ(server.getCurDeviceAbilityInfo().productType, 31u);
+        ASSERT_EQ(server.init(), 0);
+        EXPECT_EQ(calls.of(ZT_CODE_DEVICE_ONLINE, 1).size(), 1u);
+        Head::Request r;
+        ASSERT_TRUE(d.head.nextCommand(r, 1000));
+        EXPECT_EQ(r.type, 345);
+        ASSERT_TRUE(d.head.nextCommand(r, 1000));
+        EXPECT_EQ(r.type, 264);
+        EXPECT_EQ(std::string(r.payload.begin(), r.payload.end()), std::string("\x01\x00\x00\x00", 4));
+        EXPECT_EQ(server.getCurDeviceAbilityInfo().productType, ztSimNetworkHead::kDefaultProductType);
+        EXPECT_EQ(calls.of(264, 1).size(), 1u); // the SET file reached the callback
+        EXPECT_EQ(log.count("ztUsbProxyServer::device ZTSIM0001 online get device ablility info, product type: 42"), 1);
+        EXPECT_TRUE(log.waitFor("ztUsbProxyServer::all usb comunicate threads are established, the device ZTSIM0001 goes online.", 100));
+        EXPECT_EQ(d.head.pendingTransfers(Head::kStreamIn), 32);
+        // The heartbeat thread declares the device connected once an event completes.
+        for (int i = 0; i < 40 && !server.isConnected(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_TRUE(server.isConnected());
+        EXPECT_GE(d.head.heartbeatsReceived(), 1);
+
+        // Unplugged: every transfer ends with "no device", the heartbeat lapses.
+        const auto t0 = Clock::now();
+        d.head.unplug();
+        EXPECT_EQ(calls.of(ZT_CODE_DEVICE_OFFLINE, 1, 6000).size(), 1u);
+        EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(2400));
+        EXPECT_FALSE(server.isConnected());
+        EXPECT_TRUE(log.waitFor("ztUsbProxyServer::heartbeat timeout, usbdevice sn : ZTSIM0001", 1000));
+        EXPECT_TRUE(log.waitFor("usb event receive loop stop", 5000));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+        EXPECT_EQ(calls.of(ZT_CODE_DEVICE_OFFLINE, 2, 10).size(), 1u);
+        server.deInit();
+        server.deInit(); // twice is harmless
+    }
+}
+
+TEST(UsbServer, EventsOnePerCompletionAndTheirLimits)
+{
+    LogCapture log;
+    Device d;
+    ASSERT_TRUE(d.open());
+    Calls calls;
+    ztUsbProxyServer server(deviceInfo(), d.handle);
+    server.registerModuleServerDataCB(&Calls::cb, &calls);
+    ASSERT_EQ(server.init(), 0);
+
+    // Heartbeat answers arrive on the event endpoint too; keep them out of the way while
+    // a message is split across completions. (Event transfers that time out keep the
+    // device alive meanwhile.)
+    d.head.setAnswerHeartbeats(false);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // One and a half messages: one callback, the half waits for the next completion.
+    const auto a = Head::message(700, "first", 5);
+    const auto b = Head::message(701, "second", 6);
+    std::vector<char> oneAndHalf(a);
+    oneAndHalf.insert(oneAndHalf.end(), b.begin(), b.begin() + 5);
+    d.head.pushEvent(oneAndHalf);
+    EXPECT_EQ(calls.of(700, 1), std::vector<std::string>{"first"});
+    EXPECT_TRUE(calls.of(701, 1, 200).empty());
+    d.head.pushEvent(std::vector<char>(b.begin() + 5, b.end()));
+    EXPECT_EQ(calls.of(701, 1), std::vector<std::string>{"second"});
+
+    // A first message declaring 2 MB: dropped with the buffer.
+    auto huge = Head::message(702, "x", 1);
+    const std::uint32_t twoMB = 2 * 1024 * 1024;
+    std::memcpy(huge.data() + 1, &twoMB, 4);
+    d.head.pushEvent(huge);
+    EXPECT_TRUE(log.waitFor("xfer_callback_event::single frame len 2097152 > buffer vector size 9", 2000));
+    d.head.pushEvent(Head::message(703, "after", 5));
+    EXPECT_EQ(calls.of(703, 1), std::vector<std::string>{"after"});
+
+    // With the processing held on one event, the 16 frames fill and the next is dropped.
+    {
+        std::lock_guard<std::mutex> lock(calls.mutex);
+        calls.hold = true;
+        calls.heldType = 710;
+    }
+    for (int i = 0; i < 20; ++i)
+        d.head.pushEvent(Head::message(710, "e", 1));
+    EXPECT_TRUE(log.waitFor("xfer_callback_event::getOneFramefromPool is nullptr", 5000));
+    calls.release();
+    EXPECT_GE(calls.of(710, 16).size(), 16u);
+    server.deInit();
+}
+
+TEST(UsbServer, StreamPacketsSplitAcrossTransfersArriveWholeAndInOrder)
+{
+    Device d;
+    ASSERT_TRUE(d.open());
+    Calls calls;
+    ztUsbProxyServer server(deviceInfo(), d.handle);
+    server.registerModuleServerDataCB(&Calls::cb, &calls);
+    ASSERT_EQ(server.init(), 0);
+    std::vector<char> stream;
+    std::vector<std::string> expected;
+    for (int i = 0; i < 12; ++i) {
+        std::string body(300000 + 12345 * i, static_cast<char>('A' + i));
+        const auto p = Head::extendedPacket(1280, static_cast<unsigned long long>(i), body.data(), body.size());
+        stream.insert(stream.end(), p.begin(), p.end());
+        expected.push_back(payloadOf(p));
+    }
+    // Garbage before the first packet is skipped by the decoder.
+    d.head.pushStream(std::vector<char>{0x01, 0x02, 0x55});
+    for (std::size_t at = 0; at < stream.size(); at += 777777)
+        d.head.pushStream(std::vector<char>(stream.begin() + static_cast<std::ptrdiff_t>(at),
+                                            stream.begin() + static_cast<std::ptrdiff_t>(std::min(stream.size(), at + 777777))));
+    EXPECT_EQ(calls.of(1280, 12, 10000), expected);
+    server.deInit();
+}
+
+TEST(UsbServer, ControlExchange)
+{
+    LogCapture log;
+    Device d;
+    ASSERT_TRUE(d.open());
+    ztUsbProxyServer server(deviceInfo(), d.handle);
+    ASSERT_EQ(server.init(), 0);
+    std::vector<char> reply(0xA00000, 0);
+    auto send = [&](unsigned short type, int timeoutMs) {
+        auto req = Head::message(type, "\x01\x00\x00\x00", 4);
+        return server.sendCtrlCmd(req.data(), static_cast<int>(req.size()), reply.data(), true, timeoutMs);
+    };
+    auto replyBytes = [&]() { return std::vector<char>(reply.begin(), reply.begin() + 12); };
+
+    // A reply split so that its tail byte comes alone completes normally.
+    const auto status = Head::statusMessage(7);
+    d.head.setRawReply(13, {std::vector<char>(status.begin(), status.end() - 1), std::vector<char>{static_cast<char>(0xBB)}});
+    ASSERT_EQ(send(13, 3000), 0);
+    EXPECT_EQ(replyBytes(), status);
+
+    // Two replies in one transfer: the first is taken.
+    auto two = Head::statusMessage(1);
+    const auto second = Head::statusMessage(2);
+    two.insert(two.end(), second.begin(), second.end());
+    d.head.setRawReply(13, {two});
+    ASSERT_EQ(send(13, 3000), 0);
+    EXPECT_EQ(replyBytes(), Head::statusMessage(1));
+    // ...and the second does not pass for the next command's reply: it is emptied first.
+    d.head.setStatusReply(13, 3);
+    ASSERT_EQ(send(13, 3000), 0);
+    EXPECT_EQ(replyBytes(), Head::statusMessage(3));
+
+    // Unsolicited control bytes already buffered are discarded before the next command.
+    d.head.pushControl(Head::statusMessage(-9));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_EQ(send(13, 3000), 0);
+    EXPECT_EQ(replyBytes(), Head::statusMessage(3));
+
+    // No reply: the time-out with its log line.
+    d.head.setNoReply(13);
+    const auto t0 = Clock::now();
+    EXPECT_EQ(send(13, 200), -1);
+    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(200));
+    EXPECT_EQ(log.count("ztUsbProxyServer::sendCtrlCmd timeout"), 1);
+
+    // A large reply through the second exchange into the large buffer.
+    std::vector<char> big(8 << 20);
+    for (std::size_t i = 0; i < big.size(); ++i)
+        big[i] = static_cast<char>(i * 13);
+    d.head.setEchoReply(410, big);
+    std::vector<char> large(0x6400000, 0);
+    auto req = Head::message(410, nullptr, 0);
+    ASSERT_EQ(server.sendCtrlCmd_2(req.data(), 8, large.data(), 0x6400000, true, 20000), 0);
+    EXPECT_EQ(std::string(large.begin() + 7, large.begin() + 7 + static_cast<std::ptrdiff_t>(big.size())),
+              std::string(big.begin(), big.end()));
+    // Limited below its size, the same reply never completes.
+    EXPECT_EQ(server.sendCtrlCmd_2(req.data(), 8, large.data(), 1 << 20, true, 500), -1);
+    EXPECT_EQ(log.count("ztUsbProxyServer::sendCtrlCmd_2 timeout"), 1);
+
+    // sendData puts the bytes on control OUT.
+    d.head.clearCommands();
+    std::string raw(reinterpret_cast<const char*>(Head::message(77, "zz", 2).data()), 10);
+    EXPECT_EQ(server.sendData(raw), 0);
+    Head::Request r;
+    ASSERT_TRUE(d.head.nextCommand(r, 1000));
+    EXPECT_EQ(r.type, 77);
+    server.deInit();
+
+    // Without a device handle: -1 at once, no log.
+    log.clear();
+    ztUsbProxyServer none(deviceInfo(), nullptr);
+    EXPECT_EQ(none.sendCtrlCmd(req.data(), 8, reply.data(), true, 1000), -1);
+    EXPECT_EQ(none.sendCtrlCmd_2(req.data(), 8, reply.data(), 100, true, 1000), -1);
+    EXPECT_TRUE(log.lines().empty());
+    none.deInit();
+}
+
+TEST(UsbServer, FullStreamPoolDropsSilentlyAndResumes)
+{
+    LogCapture log;
+    Device d;
+    ASSERT_TRUE(d.open());
+    Calls calls;
+    ztUsbProxyServer server(deviceInfo(), d.handle);
+    server.registerModuleServerDataCB(&Calls::cb, &calls);
+    ASSERT_EQ(server.init(), 0);
+    {
+        std::lock_guard<std::mutex> lock(calls.mutex);
+        calls.hold = true;
+        calls.heldType = 1280;
+    }
+    // The first packet holds the processing thread; 64 frames fill, the rest are dropped.
+    std::string body(1000, 'p');
+    const auto packet = Head::extendedPacket(1280, 1, body.data(), body.size());
+    for (int i = 0; i < 100; ++i)
+        d.head.pushStream(packet);
+    const auto t0 = Clock::now();
+    while (d.head.queuedStreamBytes() > 0 && Clock::now() - t0 < std::chrono::seconds(5))
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    calls.release();
+    // 64 frames in all: the one being processed and 63 queued behind it.
+    EXPECT_EQ(calls.of(1280, 64).size(), 64u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(calls.of(1280, 65, 10).size(), 64u);
+    // Processing goes on with the next packets.
+    d.head.pushStream(Head::extendedPacket(1281, 2, body.data(), body.size()));
+    EXPECT_EQ(calls.of(1281, 1).size(), 1u);
+    // Dropping for want of a frame leaves no log line.
+    for (const auto& line : log.lines())
+        EXPECT_EQ(line.text.find("xfer_callback_stream"), std::string::npos) << line.text;
+    server.deInit();
+}
+
+TEST(UsbServer, UnplugWhileStreamingEndsEverything)
+{
+    Device d;
+    ASSERT_TRUE(d.open());
+    Calls calls;
+    {
+        ztUsbProxyServer server(deviceInfo(), d.handle);
+        server.registerModuleServerDataCB(&Calls::cb, &calls);
+        ASSERT_EQ(server.init(), 0);
+        std::string body(1 << 20, 's');
+        d.head.startStream(Head::extendedPacket(1280, 1, body.data(), body.size()), 0, 0);
+        ASSERT_GE(calls.of(1280, 10).size(), 10u);
+        d.head.unplug();
+        EXPECT_EQ(calls.of(ZT_CODE_DEVICE_OFFLINE, 1, 6000).size(), 1u);
+        const auto t0 = Clock::now();
+        server.deInit();
+        EXPECT_LT(Clock::now() - t0, std::chrono::seconds(5));
+    }
+    // A server that never ran, or whose init was not called, stops cleanly too.
+    ztUsbProxyServer idle(deviceInfo(), nullptr);
+    idle.deInit();
+    idle.deInit();
+}
+
+TEST(UsbServer, UntrustedBytesOnEveryEndpoint)
+{
+    LogCapture log(ZTLOG_LEVEL_OFF);
+    Device d;
+    ASSERT_TRUE(d.open());
+    Calls calls;
+    ztUsbProxyServer server(deviceInfo(), d.handle);
+    server.registerModuleServerDataCB(&Calls::cb, &calls);
+    ASSERT_EQ(server.init(), 0);
+
+    // A flood of events is cut out one message per completion, in order; the server keeps
+    // serving commands meanwhile.
+    d.head.setAnswerHeartbeats(false);
+    for (int i = 0; i < 50; ++i)
+        d.head.pushEvent(Head::message(720, std::to_string(i % 10).c_str(), 1));
+    const auto flood = calls.of(720, 40, 10000);
+    ASSERT_GE(flood.size(), 40u);
+    for (std::size_t i = 0; i < flood.size(); ++i)
+        EXPECT_EQ(flood[i], std::to_string(i % 10)) << i;
+
+    // Random bytes (without a tag byte) and headers at and beyond the decoder's limits on
+    // the stream; the next good packet still arrives.
+    std::vector<char> noise(300000);
+    unsigned int seed = 99;
+    for (char& c : noise) {
+        seed = seed * 1103515245u + 12345u;
+        c = static_cast<char>((seed >> 16) & 0xFF);
+        if (static_cast<unsigned char>(c) == 0xAA)
+            c = 0x11;
+    }
+    d.head.pushStream(noise);
+    std::string body(2000, 'b');
+    auto tooLong = Head::extendedPacket(1280, 1, body.data(), body.size());
+    const std::uint32_t huge = 0x1E00001;
+    std::memcpy(tooLong.data() + 1, &huge, 4);
+    d.head.pushStream(tooLong);
+    const auto good = Head::extendedPacket(1280, 2, body.data(), body.size());
+    d.head.pushStream(good);
+    EXPECT_EQ(calls.of(1280, 1), std::vector<std::string>{payloadOf(good)});
+
+    // Short control pieces are noise: a reply after them is still found whole.
+    std::vector<char> reply(4096, 0);
+    const auto status = Head::statusMessage(5);
+    d.head.setRawReply(13, {std::vector<char>{0x01, 0x02, 0x03}, status});
+    auto req = Head::message(13, nullptr, 0);
+    ASSERT_EQ(server.sendCtrlCmd(req.data(), 8, reply.data(), true, 3000), 0);
+    EXPECT_EQ(std::vector<char>(reply.begin(), reply.begin() + 12), status);
+    server.deInit();
+}
+
+} // namespace
