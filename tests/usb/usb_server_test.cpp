@@ -318,7 +318,9 @@ TEST(UsbServer, FullStreamPoolDropsSilentlyAndResumes)
     const auto t0 = Clock::now();
     while (d.head.queuedStreamBytes() > 0 && Clock::now() - t0 < std::chrono::seconds(5))
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    // Every transfer back in flight: all completions with the packets have been handled.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_TRUE(d.head.waitPending(Head::kStreamIn, 32, 5000));
     calls.release();
     // 64 frames in all: the one being processed and 63 queued behind it.
     EXPECT_EQ(calls.of(1280, 64).size(), 64u);
