@@ -572,20 +572,3 @@ TEST_F(UsbHead, BareReadLoopThroughput)
 }
 
 } // namespace
-
-int main(int argc, char** argv)
-{
-    bool listing = false;
-    for (int i = 1; i < argc; ++i)
-        listing = listing || std::strncmp(argv[i], "--gtest_list_tests", 18) == 0;
-    if (!listing && !ztSimUsbHead::emulationAvailable()) {
-        // Skipped, unless the run demands the emulation (CI sets ZT_REQUIRE_USB_EMULATION).
-        const char* required = std::getenv("ZT_REQUIRE_USB_EMULATION");
-        const bool fail = required != nullptr && *required != '\0';
-        std::fprintf(stderr, "the umockdev preload is not active (LD_PRELOAD=libumockdev-preload.so.0)%s\n",
-                     fail ? "" : ": skipped");
-        return fail ? 1 : 77;
-    }
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}
