@@ -66,8 +66,8 @@ private:
     std::string m_bytes;
 };
 
-// Reads values from a received payload; a read past its end yields zero and marks the
-// reader as failed.
+// Reads values from a received payload; a read past its end yields zero (or the bytes
+// that are there).
 class PayloadReader {
 public:
     PayloadReader(const void* data, int length)
@@ -81,7 +81,6 @@ public:
         static_assert(std::is_trivially_copyable_v<T>);
         T v{};
         if (m_left < sizeof(T)) {
-            m_ok = false;
             m_left = 0;
             return v;
         }
@@ -92,22 +91,18 @@ public:
     }
     std::string text(std::size_t n)
     {
-        if (n > m_left) {
-            m_ok = false;
+        if (n > m_left)
             n = m_left;
-        }
         std::string s(m_p, n);
         m_p += n;
         m_left -= n;
         return s;
     }
     std::size_t left() const { return m_left; }
-    bool ok() const { return m_ok; }
 
 private:
     const char* m_p;
     std::size_t m_left;
-    bool m_ok = true;
 };
 
 } // namespace zt

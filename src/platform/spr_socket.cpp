@@ -173,11 +173,6 @@ int setNoDelay(zt_socket_t s, bool on)
     return setFlag(s, IPPROTO_TCP, TCP_NODELAY, on);
 }
 
-int setReuseAddress(zt_socket_t s, bool on)
-{
-    return setFlag(s, SOL_SOCKET, SO_REUSEADDR, on);
-}
-
 bool makeAddress(const std::string& ip, unsigned short port, sockaddr_in& out)
 {
     std::memset(&out, 0, sizeof out);

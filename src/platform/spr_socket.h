@@ -44,7 +44,6 @@ int setSendTimeout(zt_socket_t s, unsigned int ms);
 int setRecvTimeout(zt_socket_t s, unsigned int ms);
 int setBroadcast(zt_socket_t s, bool on);
 int setNoDelay(zt_socket_t s, bool on);
-int setReuseAddress(zt_socket_t s, bool on);
 
 // Fills an IPv4 address from dotted text and a port; false if the text is no address.
 bool makeAddress(const std::string& ip, unsigned short port, sockaddr_in& out);
