@@ -8,6 +8,7 @@
 #include "netns.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztSimNetworkHead.h"
+#include "bench_support.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -110,23 +111,6 @@ Figure baseline(const std::vector<char>& unit)
     return {static_cast<double>(got) / secs / 1e6, cpu / secs};
 }
 
-struct Delivered {
-    std::mutex mutex;
-    std::condition_variable done;
-    std::size_t packets = 0;
-    std::size_t bytes = 0;
-    static void cb(int type, char*, int len, void* user)
-    {
-        if (type != 1280)
-            return;
-        auto* self = static_cast<Delivered*>(user);
-        std::lock_guard<std::mutex> lock(self->mutex);
-        ++self->packets;
-        self->bytes += static_cast<std::size_t>(len) + 8;
-        if (self->packets == kCount)
-            self->done.notify_all();
-    }
-};
 
 Figure endToEnd(const std::vector<char>& unit, bool raw)
 {
@@ -153,9 +137,9 @@ Figure endToEnd(const std::vector<char>& unit, bool raw)
     ::close(go[0]);
     ::close(ready[1]);
     waitFor(ready[0]);
-    Delivered delivered;
+    zt::bench::Delivered delivered;
     ztEmbeddedModuleProxyServer server;
-    server.registerModuleServerDataCB(&Delivered::cb, &delivered);
+    server.registerModuleServerDataCB(&zt::bench::Delivered::cb, &delivered);
     const int rc = server.init(kIP, kIP, "bench");
     if (rc != 0) {
         std::fprintf(stderr, "network_path_bench: the server did not come online (%d)\n", rc);
@@ -169,12 +153,7 @@ Figure endToEnd(const std::vector<char>& unit, bool raw)
     const double cpu0 = cpuSeconds();
     const auto t0 = Clock::now();
     signalChild(go[1]);
-    std::size_t bytes = 0;
-    {
-        std::unique_lock<std::mutex> lock(delivered.mutex);
-        delivered.done.wait_for(lock, std::chrono::seconds(60), [&] { return delivered.packets >= kCount; });
-        bytes = delivered.bytes;
-    }
+    const std::size_t bytes = delivered.waitFor(kCount, 60);
     const double secs = std::chrono::duration<double>(Clock::now() - t0).count();
     const double cpu = cpuSeconds() - cpu0;
     signalChild(go[1]);

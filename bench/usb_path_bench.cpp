@@ -5,6 +5,7 @@
 // in the same run. The program re-runs itself with the emulation's preload when needed.
 //
 // Prints frames/s, GB/s and the ratio; appends a JSON line to $ZT_BENCH_JSON if set.
+#include "bench_support.h"
 #include "ztSimUsbHead.h"
 #include "ztUsbProxyServer.h"
 
@@ -89,22 +90,6 @@ Figure bareLoop(ztSimUsbHead& head, const std::vector<char>& unit)
     return {static_cast<double>(bare.got) / static_cast<double>(unit.size()) / secs, static_cast<double>(bare.got) / secs / 1e9};
 }
 
-struct Delivered {
-    std::mutex mutex;
-    std::condition_variable done;
-    std::size_t frames = 0;
-    std::size_t bytes = 0;
-    static void cb(int type, char*, int len, void* user)
-    {
-        if (type != 1280)
-            return;
-        auto* self = static_cast<Delivered*>(user);
-        std::lock_guard<std::mutex> lock(self->mutex);
-        ++self->frames;
-        self->bytes += static_cast<std::size_t>(len) + 8;
-        self->done.notify_all();
-    }
-};
 
 Figure serverPath(ztSimUsbHead& head, const std::vector<char>& unit, std::size_t& frames)
 {
@@ -115,34 +100,22 @@ Figure serverPath(ztSimUsbHead& head, const std::vector<char>& unit, std::size_t
         std::fprintf(stderr, "usb_path_bench: cannot open the emulated head\n");
         std::exit(1);
     }
-    _ZT_USB3_DEVICE_INFO_ info{};
-    info.streamInEndpoint = ztSimUsbHead::kStreamIn;
-    info.ctrlInEndpoint = ztSimUsbHead::kCtrlIn;
-    info.ctrlOutEndpoint = ztSimUsbHead::kCtrlOut;
-    info.eventInEndpoint = ztSimUsbHead::kEventIn;
-    info.heartbeatOutEndpoint = ztSimUsbHead::kHeartbeatOut;
-    info.streamMaxPacket = kStreamMaxPacket;
-    info.ctrlMaxPacket = 16384;
-    info.eventMaxPacket = 1024;
-    std::strcpy(info.serialNumber, ztSimUsbHead::kSerialNumber);
-    Delivered delivered;
+    const _ZT_USB3_DEVICE_INFO_ info = ztSimUsbHead::deviceInfo(kStreamMaxPacket);
+    zt::bench::Delivered delivered;
     Figure f;
     {
         ztUsbProxyServer server(info, handle);
-        server.registerModuleServerDataCB(&Delivered::cb, &delivered);
+        server.registerModuleServerDataCB(&zt::bench::Delivered::cb, &delivered);
         if (server.init() != 0) {
             std::fprintf(stderr, "usb_path_bench: the server did not come online\n");
             std::exit(1);
         }
         head.startStream(unit, kFrames, 0);
         const auto t0 = Clock::now();
-        {
-            std::unique_lock<std::mutex> lock(delivered.mutex);
-            delivered.done.wait_for(lock, std::chrono::seconds(60), [&] { return delivered.frames >= kFrames; });
-        }
+        delivered.waitFor(kFrames, 60);
         const double secs = std::chrono::duration<double>(Clock::now() - t0).count();
-        f = {static_cast<double>(delivered.frames) / secs, static_cast<double>(delivered.bytes) / secs / 1e9};
-        frames = delivered.frames;
+        f = {static_cast<double>(delivered.packets) / secs, static_cast<double>(delivered.bytes) / secs / 1e9};
+        frames = delivered.packets;
         head.stopStream();
         server.deInit();
     }

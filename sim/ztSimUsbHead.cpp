@@ -1150,3 +1150,18 @@ std::vector<char> ztSimUsbHead::extendedPacket(unsigned short type, unsigned lon
 {
     return ztSimNetworkHead::extendedPacket(type, stamp, payload, n, goodTail);
 }
+
+_ZT_USB3_DEVICE_INFO_ ztSimUsbHead::deviceInfo(unsigned int streamMaxPacket)
+{
+    _ZT_USB3_DEVICE_INFO_ info{};
+    info.streamInEndpoint = kStreamIn;
+    info.ctrlInEndpoint = kCtrlIn;
+    info.ctrlOutEndpoint = kCtrlOut;
+    info.eventInEndpoint = kEventIn;
+    info.heartbeatOutEndpoint = kHeartbeatOut;
+    info.streamMaxPacket = streamMaxPacket;
+    info.ctrlMaxPacket = 16384;
+    info.eventMaxPacket = 1024;
+    std::strncpy(info.serialNumber, kSerialNumber, sizeof info.serialNumber - 1);
+    return info;
+}

@@ -28,6 +28,8 @@
 // a transfer is ready to be reaped.
 #pragma once
 
+#include "ztProxyTypes.h"
+
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -158,6 +160,9 @@ public:
     // at 64 and the tag 0xCC00FF55 at 72, payload, tail BB (0xBC when goodTail is false).
     static std::vector<char> extendedPacket(unsigned short type, unsigned long long stamp, const void* payload,
                                             std::size_t n, bool goodTail = true);
+    // The endpoint description a host passes to ztUsbProxyServer for this head: stream
+    // transfers of 64 x streamMaxPacket bytes, control of 4 x 16384, event of 4 x 1024.
+    static _ZT_USB3_DEVICE_INFO_ deviceInfo(unsigned int streamMaxPacket = 16384);
     // The device, configuration, interface and endpoint descriptors the head reports.
     static std::vector<unsigned char> descriptors();
 

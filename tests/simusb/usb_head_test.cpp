@@ -529,46 +529,4 @@ TEST_F(UsbHead, BadRequestsAreCountedAndDoNotStopLaterOnes)
     EXPECT_FALSE(head.nextCommand(r, 50));
 }
 
-// The bare read loop through the emulator: 8 transfers of 1 MiB in flight, resubmitted as
-// they complete. Reports the figure that end-to-end USB benchmarks compare against.
-TEST_F(UsbHead, BareReadLoopThroughput)
-{
-    constexpr int kLen = 1 << 20, kInFlight = 8;
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-    const size_t total = size_t(64) << 20; // instrumented copies are slow; the figure is not used
-#else
-    const size_t total = size_t(512) << 20;
-#endif
-    Bytes unit(kLen);
-    for (int i = 0; i < kLen; ++i)
-        unit[i] = static_cast<char>(i * 13);
-    std::vector<std::unique_ptr<Xfer>> xs;
-    for (int i = 0; i < kInFlight; ++i)
-        xs.push_back(std::make_unique<Xfer>(h, ztSimUsbHead::kStreamIn, kLen, 5000));
-    head.startStream(unit, total / kLen, 0);
-    auto t0 = Clock::now();
-    for (auto& x : xs)
-        ASSERT_EQ(x->submit(), 0);
-    size_t got = 0, transfers = 0;
-    bool intact = true;
-    for (size_t next = 0; got < total; next = (next + 1) % kInFlight) {
-        Xfer& x = *xs[next];
-        ASSERT_TRUE(waitFor(ctx, x.done, 5000));
-        ASSERT_EQ(x.status, LIBUSB_TRANSFER_COMPLETED);
-        // Every transfer starts at a unit boundary here, as the unit is the transfer size.
-        intact = intact && x.got.size() == size_t(kLen) && x.got == unit;
-        got += x.got.size();
-        ++transfers;
-        if (got + size_t(kInFlight - 1) * kLen < total) {
-            ASSERT_EQ(x.submit(), 0);
-        }
-    }
-    double s = std::chrono::duration<double>(Clock::now() - t0).count();
-    EXPECT_TRUE(intact);
-    EXPECT_EQ(got, total);
-    std::printf("bare libusb read loop through the emulated head: %.2f GB/s, %.0f transfers/s (%zu x 1 MiB in %.3f s)\n",
-                got / s / 1e9, transfers / s, transfers, s);
-    RecordProperty("GBps", std::to_string(got / s / 1e9));
-}
-
 } // namespace

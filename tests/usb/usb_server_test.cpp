@@ -11,6 +11,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -59,21 +60,6 @@ struct Calls {
     }
 };
 
-_ZT_USB3_DEVICE_INFO_ deviceInfo()
-{
-    _ZT_USB3_DEVICE_INFO_ info{};
-    info.streamInEndpoint = Head::kStreamIn;
-    info.ctrlInEndpoint = Head::kCtrlIn;
-    info.ctrlOutEndpoint = Head::kCtrlOut;
-    info.eventInEndpoint = Head::kEventIn;
-    info.heartbeatOutEndpoint = Head::kHeartbeatOut;
-    info.streamMaxPacket = 16384; // 1 MiB stream transfers
-    info.ctrlMaxPacket = 16384;   // 64 KiB control transfers
-    info.eventMaxPacket = 1024;   // 4 KiB event transfers
-    std::strcpy(info.serialNumber, Head::kSerialNumber);
-    return info;
-}
-
 // The emulated head opened on libusb's default context, as the server expects.
 struct Device {
     Head head;
@@ -96,6 +82,33 @@ struct Device {
     }
 };
 
+// A device with a server online on it, its callback recorded in calls.
+struct Online {
+    Device d;
+    Calls calls;
+    std::unique_ptr<ztUsbProxyServer> server;
+    void start()
+    {
+        ASSERT_TRUE(d.open());
+        server = std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), d.handle);
+        server->registerModuleServerDataCB(&Calls::cb, &calls);
+        ASSERT_EQ(server->init(), 0);
+    }
+    // Holds the processing thread inside the callback of the first message of this type.
+    void hold(int type)
+    {
+        std::lock_guard<std::mutex> lock(calls.mutex);
+        calls.hold = true;
+        calls.heldType = type;
+    }
+    ~Online()
+    {
+        if (server)
+            server->deInit();
+        server.reset();
+    }
+};
+
 std::string payloadOf(const std::vector<char>& message)
 {
     return std::string(message.begin() + 7, message.end() - 1);
@@ -108,7 +121,7 @@ TEST(UsbServer, OnlineThenOfflineWhenTheDeviceVanishes)
     ASSERT_TRUE(d.open());
     Calls calls;
     {
-        ztUsbProxyServer server(deviceInfo(), d.handle);
+        ztUsbProxyServer server(Head::deviceInfo(), d.handle);
         server.registerModuleServerDataCB(&Calls::cb, &calls);
         EXPECT_EQ(server.getCurDeviceAbilityInfo().productType, 31u);
         ASSERT_EQ(server.init(), 0);
@@ -148,60 +161,47 @@ TEST(UsbServer, OnlineThenOfflineWhenTheDeviceVanishes)
 TEST(UsbServer, EventsOnePerCompletionAndTheirLimits)
 {
     LogCapture log;
-    Device d;
-    ASSERT_TRUE(d.open());
-    Calls calls;
-    ztUsbProxyServer server(deviceInfo(), d.handle);
-    server.registerModuleServerDataCB(&Calls::cb, &calls);
-    ASSERT_EQ(server.init(), 0);
+    Online o;
+    o.start();
 
     // Heartbeat answers arrive on the event endpoint too; keep them out of the way while
     // a message is split across completions. (Event transfers that time out keep the
     // device alive meanwhile.)
-    d.head.setAnswerHeartbeats(false);
+    o.d.head.setAnswerHeartbeats(false);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     // One and a half messages: one callback, the half waits for the next completion.
     const auto a = Head::message(700, "first", 5);
     const auto b = Head::message(701, "second", 6);
     std::vector<char> oneAndHalf(a);
     oneAndHalf.insert(oneAndHalf.end(), b.begin(), b.begin() + 5);
-    d.head.pushEvent(oneAndHalf);
-    EXPECT_EQ(calls.of(700, 1), std::vector<std::string>{"first"});
-    EXPECT_TRUE(calls.of(701, 1, 200).empty());
-    d.head.pushEvent(std::vector<char>(b.begin() + 5, b.end()));
-    EXPECT_EQ(calls.of(701, 1), std::vector<std::string>{"second"});
+    o.d.head.pushEvent(oneAndHalf);
+    EXPECT_EQ(o.calls.of(700, 1), std::vector<std::string>{"first"});
+    EXPECT_TRUE(o.calls.of(701, 1, 200).empty());
+    o.d.head.pushEvent(std::vector<char>(b.begin() + 5, b.end()));
+    EXPECT_EQ(o.calls.of(701, 1), std::vector<std::string>{"second"});
 
     // A first message declaring 2 MB: dropped with the buffer.
     auto huge = Head::message(702, "x", 1);
     const std::uint32_t twoMB = 2 * 1024 * 1024;
     std::memcpy(huge.data() + 1, &twoMB, 4);
-    d.head.pushEvent(huge);
+    o.d.head.pushEvent(huge);
     EXPECT_TRUE(log.waitFor("xfer_callback_event::single frame len 2097152 > buffer vector size 9", 2000));
-    d.head.pushEvent(Head::message(703, "after", 5));
-    EXPECT_EQ(calls.of(703, 1), std::vector<std::string>{"after"});
+    o.d.head.pushEvent(Head::message(703, "after", 5));
+    EXPECT_EQ(o.calls.of(703, 1), std::vector<std::string>{"after"});
 
     // With the processing held on one event, the 16 frames fill and the next is dropped.
-    {
-        std::lock_guard<std::mutex> lock(calls.mutex);
-        calls.hold = true;
-        calls.heldType = 710;
-    }
+    o.hold(710);
     for (int i = 0; i < 20; ++i)
-        d.head.pushEvent(Head::message(710, "e", 1));
+        o.d.head.pushEvent(Head::message(710, "e", 1));
     EXPECT_TRUE(log.waitFor("xfer_callback_event::getOneFramefromPool is nullptr", 5000));
-    calls.release();
-    EXPECT_GE(calls.of(710, 16).size(), 16u);
-    server.deInit();
+    o.calls.release();
+    EXPECT_GE(o.calls.of(710, 16).size(), 16u);
 }
 
 TEST(UsbServer, StreamPacketsSplitAcrossTransfersArriveWholeAndInOrder)
 {
-    Device d;
-    ASSERT_TRUE(d.open());
-    Calls calls;
-    ztUsbProxyServer server(deviceInfo(), d.handle);
-    server.registerModuleServerDataCB(&Calls::cb, &calls);
-    ASSERT_EQ(server.init(), 0);
+    Online o;
+    o.start();
     std::vector<char> stream;
     std::vector<std::string> expected;
     for (int i = 0; i < 12; ++i) {
@@ -211,31 +211,28 @@ TEST(UsbServer, StreamPacketsSplitAcrossTransfersArriveWholeAndInOrder)
         expected.push_back(payloadOf(p));
     }
     // Garbage before the first packet is skipped by the decoder.
-    d.head.pushStream(std::vector<char>{0x01, 0x02, 0x55});
+    o.d.head.pushStream(std::vector<char>{0x01, 0x02, 0x55});
     for (std::size_t at = 0; at < stream.size(); at += 777777)
-        d.head.pushStream(std::vector<char>(stream.begin() + static_cast<std::ptrdiff_t>(at),
+        o.d.head.pushStream(std::vector<char>(stream.begin() + static_cast<std::ptrdiff_t>(at),
                                             stream.begin() + static_cast<std::ptrdiff_t>(std::min(stream.size(), at + 777777))));
-    EXPECT_EQ(calls.of(1280, 12, 10000), expected);
-    server.deInit();
+    EXPECT_EQ(o.calls.of(1280, 12, 10000), expected);
 }
 
 TEST(UsbServer, ControlExchange)
 {
     LogCapture log;
-    Device d;
-    ASSERT_TRUE(d.open());
-    ztUsbProxyServer server(deviceInfo(), d.handle);
-    ASSERT_EQ(server.init(), 0);
+    Online o;
+    o.start();
     std::vector<char> reply(0xA00000, 0);
     auto send = [&](unsigned short type, int timeoutMs) {
         auto req = Head::message(type, "\x01\x00\x00\x00", 4);
-        return server.sendCtrlCmd(req.data(), static_cast<int>(req.size()), reply.data(), true, timeoutMs);
+        return o.server->sendCtrlCmd(req.data(), static_cast<int>(req.size()), reply.data(), true, timeoutMs);
     };
     auto replyBytes = [&]() { return std::vector<char>(reply.begin(), reply.begin() + 12); };
 
     // A reply split so that its tail byte comes alone completes normally.
     const auto status = Head::statusMessage(7);
-    d.head.setRawReply(13, {std::vector<char>(status.begin(), status.end() - 1), std::vector<char>{static_cast<char>(0xBB)}});
+    o.d.head.setRawReply(13, {std::vector<char>(status.begin(), status.end() - 1), std::vector<char>{static_cast<char>(0xBB)}});
     ASSERT_EQ(send(13, 3000), 0);
     EXPECT_EQ(replyBytes(), status);
 
@@ -243,22 +240,22 @@ TEST(UsbServer, ControlExchange)
     auto two = Head::statusMessage(1);
     const auto second = Head::statusMessage(2);
     two.insert(two.end(), second.begin(), second.end());
-    d.head.setRawReply(13, {two});
+    o.d.head.setRawReply(13, {two});
     ASSERT_EQ(send(13, 3000), 0);
     EXPECT_EQ(replyBytes(), Head::statusMessage(1));
     // ...and the second does not pass for the next command's reply: it is emptied first.
-    d.head.setStatusReply(13, 3);
+    o.d.head.setStatusReply(13, 3);
     ASSERT_EQ(send(13, 3000), 0);
     EXPECT_EQ(replyBytes(), Head::statusMessage(3));
 
     // Unsolicited control bytes already buffered are discarded before the next command.
-    d.head.pushControl(Head::statusMessage(-9));
+    o.d.head.pushControl(Head::statusMessage(-9));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     ASSERT_EQ(send(13, 3000), 0);
     EXPECT_EQ(replyBytes(), Head::statusMessage(3));
 
     // No reply: the time-out with its log line.
-    d.head.setNoReply(13);
+    o.d.head.setNoReply(13);
     const auto t0 = Clock::now();
     EXPECT_EQ(send(13, 200), -1);
     EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(200));
@@ -268,28 +265,27 @@ TEST(UsbServer, ControlExchange)
     std::vector<char> big(8 << 20);
     for (std::size_t i = 0; i < big.size(); ++i)
         big[i] = static_cast<char>(i * 13);
-    d.head.setEchoReply(410, big);
+    o.d.head.setEchoReply(410, big);
     std::vector<char> large(0x6400000, 0);
     auto req = Head::message(410, nullptr, 0);
-    ASSERT_EQ(server.sendCtrlCmd_2(req.data(), 8, large.data(), 0x6400000, true, 20000), 0);
+    ASSERT_EQ(o.server->sendCtrlCmd_2(req.data(), 8, large.data(), 0x6400000, true, 20000), 0);
     EXPECT_EQ(std::string(large.begin() + 7, large.begin() + 7 + static_cast<std::ptrdiff_t>(big.size())),
               std::string(big.begin(), big.end()));
     // Limited below its size, the same reply never completes.
-    EXPECT_EQ(server.sendCtrlCmd_2(req.data(), 8, large.data(), 1 << 20, true, 500), -1);
+    EXPECT_EQ(o.server->sendCtrlCmd_2(req.data(), 8, large.data(), 1 << 20, true, 500), -1);
     EXPECT_EQ(log.count("ztUsbProxyServer::sendCtrlCmd_2 timeout"), 1);
 
     // sendData puts the bytes on control OUT.
-    d.head.clearCommands();
+    o.d.head.clearCommands();
     std::string raw(reinterpret_cast<const char*>(Head::message(77, "zz", 2).data()), 10);
-    EXPECT_EQ(server.sendData(raw), 0);
+    EXPECT_EQ(o.server->sendData(raw), 0);
     Head::Request r;
-    ASSERT_TRUE(d.head.nextCommand(r, 1000));
+    ASSERT_TRUE(o.d.head.nextCommand(r, 1000));
     EXPECT_EQ(r.type, 77);
-    server.deInit();
 
     // Without a device handle: -1 at once, no log.
     log.clear();
-    ztUsbProxyServer none(deviceInfo(), nullptr);
+    ztUsbProxyServer none(Head::deviceInfo(), nullptr);
     EXPECT_EQ(none.sendCtrlCmd(req.data(), 8, reply.data(), true, 1000), -1);
     EXPECT_EQ(none.sendCtrlCmd_2(req.data(), 8, reply.data(), 100, true, 1000), -1);
     EXPECT_TRUE(log.lines().empty());
@@ -299,40 +295,31 @@ TEST(UsbServer, ControlExchange)
 TEST(UsbServer, FullStreamPoolDropsSilentlyAndResumes)
 {
     LogCapture log;
-    Device d;
-    ASSERT_TRUE(d.open());
-    Calls calls;
-    ztUsbProxyServer server(deviceInfo(), d.handle);
-    server.registerModuleServerDataCB(&Calls::cb, &calls);
-    ASSERT_EQ(server.init(), 0);
-    {
-        std::lock_guard<std::mutex> lock(calls.mutex);
-        calls.hold = true;
-        calls.heldType = 1280;
-    }
+    Online o;
+    o.start();
+    o.hold(1280);
     // The first packet holds the processing thread; 64 frames fill, the rest are dropped.
     std::string body(1000, 'p');
     const auto packet = Head::extendedPacket(1280, 1, body.data(), body.size());
     for (int i = 0; i < 100; ++i)
-        d.head.pushStream(packet);
+        o.d.head.pushStream(packet);
     const auto t0 = Clock::now();
-    while (d.head.queuedStreamBytes() > 0 && Clock::now() - t0 < std::chrono::seconds(5))
+    while (o.d.head.queuedStreamBytes() > 0 && Clock::now() - t0 < std::chrono::seconds(5))
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     // Every transfer back in flight: all completions with the packets have been handled.
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    ASSERT_TRUE(d.head.waitPending(Head::kStreamIn, 32, 5000));
-    calls.release();
+    ASSERT_TRUE(o.d.head.waitPending(Head::kStreamIn, 32, 5000));
+    o.calls.release();
     // 64 frames in all: the one being processed and 63 queued behind it.
-    EXPECT_EQ(calls.of(1280, 64).size(), 64u);
+    EXPECT_EQ(o.calls.of(1280, 64).size(), 64u);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(calls.of(1280, 65, 10).size(), 64u);
+    EXPECT_EQ(o.calls.of(1280, 65, 10).size(), 64u);
     // Processing goes on with the next packets.
-    d.head.pushStream(Head::extendedPacket(1281, 2, body.data(), body.size()));
-    EXPECT_EQ(calls.of(1281, 1).size(), 1u);
+    o.d.head.pushStream(Head::extendedPacket(1281, 2, body.data(), body.size()));
+    EXPECT_EQ(o.calls.of(1281, 1).size(), 1u);
     // Dropping for want of a frame leaves no log line.
     for (const auto& line : log.lines())
         EXPECT_EQ(line.text.find("xfer_callback_stream"), std::string::npos) << line.text;
-    server.deInit();
 }
 
 TEST(UsbServer, UnplugWhileStreamingEndsEverything)
@@ -341,7 +328,7 @@ TEST(UsbServer, UnplugWhileStreamingEndsEverything)
     ASSERT_TRUE(d.open());
     Calls calls;
     {
-        ztUsbProxyServer server(deviceInfo(), d.handle);
+        ztUsbProxyServer server(Head::deviceInfo(), d.handle);
         server.registerModuleServerDataCB(&Calls::cb, &calls);
         ASSERT_EQ(server.init(), 0);
         std::string body(1 << 20, 's');
@@ -354,7 +341,7 @@ TEST(UsbServer, UnplugWhileStreamingEndsEverything)
         EXPECT_LT(Clock::now() - t0, std::chrono::seconds(5));
     }
     // A server that never ran, or whose init was not called, stops cleanly too.
-    ztUsbProxyServer idle(deviceInfo(), nullptr);
+    ztUsbProxyServer idle(Head::deviceInfo(), nullptr);
     idle.deInit();
     idle.deInit();
 }
@@ -362,23 +349,19 @@ TEST(UsbServer, UnplugWhileStreamingEndsEverything)
 TEST(UsbServer, UntrustedBytesOnEveryEndpoint)
 {
     LogCapture log(ZTLOG_LEVEL_WARN);
-    Device d;
-    ASSERT_TRUE(d.open());
-    Calls calls;
-    ztUsbProxyServer server(deviceInfo(), d.handle);
-    server.registerModuleServerDataCB(&Calls::cb, &calls);
-    ASSERT_EQ(server.init(), 0);
+    Online o;
+    o.start();
 
     // A flood of events: each is either delivered, in order, or dropped with the pool's
     // warning when more than the 16 event frames wait for the processing thread.
-    d.head.setAnswerHeartbeats(false);
+    o.d.head.setAnswerHeartbeats(false);
     for (int i = 0; i < 50; ++i)
-        d.head.pushEvent(Head::message(720, std::to_string(i % 10).c_str(), 1));
+        o.d.head.pushEvent(Head::message(720, std::to_string(i % 10).c_str(), 1));
     const auto settled = Clock::now() + std::chrono::seconds(10);
     std::size_t delivered = 0;
     int dropped = 0;
     while (Clock::now() < settled) {
-        delivered = calls.of(720, 50, 100).size();
+        delivered = o.calls.of(720, 50, 100).size();
         dropped = log.count("xfer_callback_event::getOneFramefromPool is nullptr");
         if (delivered + static_cast<std::size_t>(dropped) >= 50)
             break;
@@ -396,24 +379,23 @@ TEST(UsbServer, UntrustedBytesOnEveryEndpoint)
         if (static_cast<unsigned char>(c) == 0xAA)
             c = 0x11;
     }
-    d.head.pushStream(noise);
+    o.d.head.pushStream(noise);
     std::string body(2000, 'b');
     auto tooLong = Head::extendedPacket(1280, 1, body.data(), body.size());
     const std::uint32_t huge = 0x1E00001;
     std::memcpy(tooLong.data() + 1, &huge, 4);
-    d.head.pushStream(tooLong);
+    o.d.head.pushStream(tooLong);
     const auto good = Head::extendedPacket(1280, 2, body.data(), body.size());
-    d.head.pushStream(good);
-    EXPECT_EQ(calls.of(1280, 1), std::vector<std::string>{payloadOf(good)});
+    o.d.head.pushStream(good);
+    EXPECT_EQ(o.calls.of(1280, 1), std::vector<std::string>{payloadOf(good)});
 
     // Short control pieces are noise: a reply after them is still found whole.
     std::vector<char> reply(4096, 0);
     const auto status = Head::statusMessage(5);
-    d.head.setRawReply(13, {std::vector<char>{0x01, 0x02, 0x03}, status});
+    o.d.head.setRawReply(13, {std::vector<char>{0x01, 0x02, 0x03}, status});
     auto req = Head::message(13, nullptr, 0);
-    ASSERT_EQ(server.sendCtrlCmd(req.data(), 8, reply.data(), true, 3000), 0);
+    ASSERT_EQ(o.server->sendCtrlCmd(req.data(), 8, reply.data(), true, 3000), 0);
     EXPECT_EQ(std::vector<char>(reply.begin(), reply.begin() + 12), status);
-    server.deInit();
 }
 
 } // namespace
