@@ -100,6 +100,15 @@ typedef struct _ZT_USB3_DEVICE_INFO_ {
 } _ZT_USB3_DEVICE_INFO_;
 #pragma pack(pop)
 
+// How the head drops frames (setDropFrameRateMode) or fires its laser
+// (setLaserTriggerMode); travels as int16.
+typedef enum FRAME_DROP_MODE {
+    FRAME_DROP_NONE = 0,
+    FRAME_DROP_HALF = 1,
+    FRAME_DROP_THIRD = 2,
+    FRAME_DROP_QUARTER = 3,
+} FRAME_DROP_MODE;
+
 // Which SET file getSETFile asks the head for; travels as int32.
 typedef enum SetFileDataType {
     SET_FILE_DATA_0 = 0,
