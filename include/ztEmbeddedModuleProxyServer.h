@@ -9,6 +9,7 @@
 #ifndef ZT_EMBEDDED_MODULE_PROXY_SERVER_H
 #define ZT_EMBEDDED_MODULE_PROXY_SERVER_H
 
+#include "ztDeviceCommandSet.h"
 #include "ztProxyExport.h"
 #include "ztProxyTypes.h"
 
@@ -32,13 +33,13 @@ template <class T>
 class SharedSlot;
 } // namespace zt
 
-class ZT_PROXY_API ztEmbeddedModuleProxyServer {
+class ZT_PROXY_API ztEmbeddedModuleProxyServer : public ztDeviceCommandSet {
 public:
     // Connect time-out result of init.
     static constexpr int kConnectTimeout = 205;
 
     ztEmbeddedModuleProxyServer();
-    ~ztEmbeddedModuleProxyServer();
+    ~ztEmbeddedModuleProxyServer() override;
     ztEmbeddedModuleProxyServer(const ztEmbeddedModuleProxyServer&) = delete;
     ztEmbeddedModuleProxyServer& operator=(const ztEmbeddedModuleProxyServer&) = delete;
 
@@ -83,30 +84,31 @@ public:
     int getMarkerData(char* data, short* width, short* height, unsigned long long* stamp, char* header,
                       std::vector<std::vector<double>>& markers, char** next);
 
-    // Device queries used when the head comes online.
-    int getDeviceAbilityInfo(DeviceAbilityInfo* info);
-    DeviceAbilityInfo getCurDeviceAbilityInfo();
-    int parseDeviceAblityInfo(const char* data, DeviceAbilityInfo* info);
-    int getSETFile(SetFileDataType type);
-    int getRKProgramVersion(int* a, int* b, int* c, int* d);
-    // Starts a scan: type 13 with 1; 0 when the head's status is 0 or more.
-    int sendTrigger();
+    // Commands only the network head offers (the rest come from ztDeviceCommandSet).
+    int switchHardwareFrameRate(int type);
+    int getHardwareFrameRateType(int& type);
+    int preheatRKWithTrigger(int value);
+    // The temperatures arrive through the data callback.
+    int getTemp();
+    // The RGF file arrives through the data callback.
+    int getRGFFile();
+
+    // Light-pen text packets: 20-byte frames "*", four identifier characters, a two-byte
+    // key, a value character, reserved 0xFF bytes, the trailer key 6 7, 0xFF and "#".
+    // They are only built here; send them with sendData.
+    void dataInitSet(const std::string& deviceId, std::string& out, int n);
+    void setKey(int pos, std::string& out);
+    void selectDeviceParaCMDSet(int pos, std::string& out);
+    void setLPEnabled(bool enable, int pos, std::string& out);
+    void setLPWorkResult(bool result, int pos, std::string& out);
+    void packageLPCanWork(const std::string& deviceId, bool enable, std::string& out);
+    void packageLPWorkResult(const std::string& deviceId, bool result, std::string& out);
+    void packageSelectFirewareVersion(const std::string& deviceId, std::string& out);
 
 private:
-    // How a command's reply is judged.
-    enum class ReplyRule {
-        None,         // any reply succeeds
-        Echo,         // the reply carries the request's type; it is passed to processMsg
-        Status,       // a reply of type 0 whose int32 status is 0 or more
-        StatusOrEcho, // the status form first, then the echo form
-    };
-    // One command exchange on the command connection: sends type and payload, waits for the
-    // reply (5000 ms, or timeoutMs when not 0) and judges it by rule. failLog is logged when
-    // the exchange itself fails. Echo replies are handed to onReply (message pointer) after
-    // processMsg. locked: under the command mutex. 0 or -1.
-    int exchange(unsigned short type, const void* payload, unsigned int length, ReplyRule rule, const char* failLog,
-                 const std::function<void(const char* reply)>& onReply = nullptr, bool locked = true,
-                 unsigned int timeoutMs = 0);
+    // The command exchange on the command connection.
+    struct CommandLink;
+    zt::commands::Link& commandLink() override;
 
     struct Accumulator;
     using Slot = zt::SharedSlot<zt::EmbeddedTcpSocket>;
@@ -170,8 +172,7 @@ private:
     std::unique_ptr<ztCamera::QlensNetProto> m_decoder2;
     mutable std::mutex m_modelMutex;
     std::string m_deviceModel;
-    std::mutex m_abilityMutex;
-    DeviceAbilityInfo m_abilityInfo;
+    std::unique_ptr<CommandLink> m_link;
 };
 
 #endif

@@ -9,6 +9,7 @@
 #ifndef ZT_USB_PROXY_SERVER_H
 #define ZT_USB_PROXY_SERVER_H
 
+#include "ztDeviceCommandSet.h"
 #include "ztProxyExport.h"
 #include "ztProxyTypes.h"
 
@@ -31,10 +32,10 @@ class ByteQueue;
 class DataCallback;
 } // namespace zt
 
-class ZT_PROXY_API ztUsbProxyServer {
+class ZT_PROXY_API ztUsbProxyServer : public ztDeviceCommandSet {
 public:
     ztUsbProxyServer(_ZT_USB3_DEVICE_INFO_ info, libusb_device_handle* handle);
-    ~ztUsbProxyServer();
+    ~ztUsbProxyServer() override;
     ztUsbProxyServer(const ztUsbProxyServer&) = delete;
     ztUsbProxyServer& operator=(const ztUsbProxyServer&) = delete;
 
@@ -58,10 +59,8 @@ public:
     // Sends the bytes on the control OUT endpoint without waiting.
     int sendData(std::string& data);
 
-    int getDeviceAbilityInfo(DeviceAbilityInfo* info);
-    DeviceAbilityInfo getCurDeviceAbilityInfo();
-    int parseDeviceAblityInfo(const char* data, DeviceAbilityInfo* info);
-    int getSETFile(SetFileDataType type);
+    // The serial number of the device description passed at construction.
+    std::string getDeviceSN();
 
 private:
     static unsigned int onDataRecvThread(void* self);
@@ -88,10 +87,9 @@ private:
     int sendHeartbeat();
     int exchange(const char* name, char* cmd, int cmdLength, char* reply, int replyLimit, bool waitReply,
                  int timeoutMs);
-    // The command pattern: builds type+payload, sends it, waits up to timeoutMs and checks
-    // that the reply carries replyType. The checked reply is in the control reply buffer.
-    int command(const char* name, unsigned short type, const void* payload, unsigned int length,
-                unsigned short replyType, int timeoutMs = 3000);
+    // The command catalogue's exchange over the control endpoints.
+    struct CommandLink;
+    zt::commands::Link& commandLink() override;
     void processFrames(ztCamera::ztBufferPool& pool, std::atomic<bool>& stop, unsigned int idleMs);
 
     std::atomic<bool> m_bConnected{false};
@@ -104,13 +102,12 @@ private:
     std::unique_ptr<ztCamera::ztBufferPool> m_streamPool;
     std::unique_ptr<ztCamera::ztBufferPool> m_eventPool;
     char* m_pDataRecv_ctrl = nullptr;
-    std::mutex m_abilityMutex;
-    DeviceAbilityInfo m_abilityInfo;
     char* m_pFileRecv_ctrl = nullptr;
     std::shared_ptr<ztCamera::QlensNetCmd> m_cmd;
     std::mutex m_decoderMutex;
     std::unique_ptr<ztCamera::QlensNetProto> m_decoder;
     std::unique_ptr<zt::DataCallback> m_dataCB;
+    std::unique_ptr<CommandLink> m_link;
     libusb_device_handle* m_handle;
     _ZT_USB3_DEVICE_INFO_ m_info;
     unsigned int m_extra;

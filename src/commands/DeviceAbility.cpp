@@ -1,7 +1,6 @@
 #include "DeviceAbility.h"
 
 #include "platform/zt_log.h"
-#include "zt_embedded_msg.h"
 
 #include <cstdint>
 #include <cstring>
@@ -39,29 +38,27 @@ int parseAbility(const char* data, DeviceAbilityInfo* info)
     return 0;
 }
 
-int judgeAbilityReply(const char* reply, DeviceAbilityInfo* info, const char* typeZeroLog)
+int judgeAbilityReply(const ReplyView& reply, DeviceAbilityInfo* info, const char* className)
 {
-    constexpr unsigned short kAbilityType = 345;
-    const unsigned short type = zt_embedded_msg_get_msg_type(reply);
-    if (zt_embedded_msg_is_avalible(reply) != 0 || (type != kAbilityType && type != 0))
-        return -1;
-    // The payload as far as it is read: the status word, then at most three words of form
-    // and header, the format version and eleven values; a short reply reads as zeros.
-    char body[4 + 60] = {};
-    const int length = zt_embedded_msg_get_data_len(reply);
-    if (length > 0)
-        std::memcpy(body, reply + 7, static_cast<std::size_t>(length < static_cast<int>(sizeof body) ? length : sizeof body));
-    std::int32_t status;
-    std::memcpy(&status, body, sizeof status);
+    if (!reply.covers(4))
+        return reply.tooShort();
+    const std::int32_t status = reply.i32(0);
     if (status != 0) {
         ZTLOG_ERROR("ztEmbeddedModuleProxyServer::getDeviceAbilityInfo, reply = %d", status);
         return status;
     }
-    if (type == 0) {
-        ZTLOG_WARN(typeZeroLog);
+    if (reply.type() == 0) {
+        ZTLOG_WARN("%s::getDeviceAbilityInfo, msgType is 0", className);
         return 0;
     }
-    return parseAbility(body + 4, info);
+    // Status, form word, the header in the long form, the format version, eleven values.
+    const bool longForm = reply.covers(12) && reply.u32(8) == 0;
+    const int base = 4 + (longForm ? 12 : 8);
+    if (!reply.covers(base + 4))
+        return reply.tooShort();
+    if (reply.u32(base) == 1 && !reply.covers(base + 4 + 44))
+        return reply.tooShort();
+    return parseAbility(reply.payload() + 4, info);
 }
 
 } // namespace zt::commands

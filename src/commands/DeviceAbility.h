@@ -1,6 +1,7 @@
 // The device ability record as both device links read it from a head's reply.
 #pragma once
 
+#include "Catalogue.h"
 #include "ztProxyTypes.h"
 
 namespace zt::commands {
@@ -12,10 +13,9 @@ namespace zt::commands {
 // nothing but the header was filled). Reads at most 60 bytes from data.
 int parseAbility(const char* data, DeviceAbilityInfo* info);
 
-// Judges a whole ability reply message: only types 345 and 0 are taken (-1 otherwise); a
-// non-zero status is logged and returned; type 0 with status 0 logs typeZeroLog and leaves
-// info alone; otherwise the record is parsed into info. The reply is read only as far as
-// it goes: a short one reads as zeros.
-int judgeAbilityReply(const char* reply, DeviceAbilityInfo* info, const char* typeZeroLog);
+// Judges an ability reply of type 345 or 0: a non-zero status is logged and returned; type
+// 0 with status 0 logs a warning naming className and leaves info alone; otherwise the
+// record is parsed into info. A reply shorter than its form needs fails with -1.
+int judgeAbilityReply(const ReplyView& reply, DeviceAbilityInfo* info, const char* className);
 
 } // namespace zt::commands

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "EmbeddedFramer.h"
+#include "commands/Catalogue.h"
 #include "foundation/ByteQueue.h"
 #include "foundation/SharedSlot.h"
 #include "ztEmbeddedModuleProxyServer.h"
@@ -35,7 +36,30 @@ namespace zt::embedded {
 constexpr std::size_t kCommandDataLimit = 0xA00000;
 // The largest raw message on the data connection: the largest packet any decoder takes.
 constexpr std::size_t kRawDataLimit = 0x5000000;
+// Command replies: the reply buffer and the largest reply taken into it.
+constexpr std::size_t kCmdReplyBufSize = 0xA0000C;
+constexpr int kReplyLimit = 0xA00000;
+// Large replies (the whole log): the auxiliary buffer, its limit and time-out.
+constexpr std::size_t kAuxBufSize = 0x640000C;
+constexpr int kLargeReplyLimit = 104857600;
+constexpr unsigned int kLargeReplyTimeoutMs = 20000;
+// setCameraReverse waits this long for its reply.
+constexpr unsigned int kLongReplyTimeoutMs = 10000;
 } // namespace zt::embedded
+
+// The command catalogue's exchange over the command connection, with the network link's
+// result policy (0 or -1) and log texts.
+struct ztEmbeddedModuleProxyServer::CommandLink final : zt::commands::Link {
+    explicit CommandLink(ztEmbeddedModuleProxyServer& s) : server(s) {}
+    const char* className() const override { return "ztEmbeddedModuleProxyServer"; }
+    bool returnsStatusWord() const override { return false; }
+    int exchange(const zt::commands::Command& c, const char* msg, int size,
+                 const std::function<int(const char*)>& judge) override;
+    void handOff(char* reply) override { server.processMsg(reply); }
+    void programVersion(const int parts[4]) override;
+
+    ztEmbeddedModuleProxyServer& server;
+};
 
 namespace zt::embedded {
 

@@ -15,9 +15,6 @@
 namespace {
 
 constexpr int kHeadPort = 42001;
-constexpr std::size_t kCmdReplyBufSize = 0xA0000C;
-constexpr std::size_t kAuxBufSize = 0x640000C;
-constexpr int kReplyLimit = 0xA00000;
 constexpr unsigned int kHeartbeatPeriodMs = 500;
 constexpr int kMaxMissedHeartbeats = 4;
 constexpr unsigned int kReleaseDelayMs = 500;
@@ -43,7 +40,8 @@ ztEmbeddedModuleProxyServer::ztEmbeddedModuleProxyServer()
       m_dataVec(std::make_unique<Accumulator>(zt::embedded::kRawDataLimit)),
       m_cmd_vec(std::make_unique<Accumulator>(zt::embedded::kCommandDataLimit)),
       m_lpVec(std::make_unique<Accumulator>()), m_decoder1(std::make_unique<ztCamera::QlensNetProto>()),
-      m_decoder2(std::make_unique<ztCamera::QlensNetProto>()), m_abilityInfo{0, 31, 3, 4, 0, 0, 0, 0, 0, 0, 0, 0}
+      m_decoder2(std::make_unique<ztCamera::QlensNetProto>()),
+      m_link(std::make_unique<CommandLink>(*this))
 {
 }
 
@@ -64,9 +62,9 @@ ztEmbeddedModuleProxyServer::~ztEmbeddedModuleProxyServer()
 int ztEmbeddedModuleProxyServer::init(const std::string& localIP, const std::string& remoteIP,
                                       const std::string& deviceSN)
 {
-    if (m_pCmdReplyBuf == nullptr && (m_pCmdReplyBuf = static_cast<char*>(std::calloc(kCmdReplyBufSize, 1))) == nullptr)
+    if (m_pCmdReplyBuf == nullptr && (m_pCmdReplyBuf = static_cast<char*>(std::calloc(zt::embedded::kCmdReplyBufSize, 1))) == nullptr)
         return -1;
-    if (m_pAuxBuf == nullptr && (m_pAuxBuf = static_cast<char*>(std::calloc(kAuxBufSize, 1))) == nullptr)
+    if (m_pAuxBuf == nullptr && (m_pAuxBuf = static_cast<char*>(std::calloc(zt::embedded::kAuxBufSize, 1))) == nullptr)
         return -1;
     m_localIP = localIP;
     m_remoteIP = remoteIP;
@@ -133,10 +131,7 @@ unsigned int ztEmbeddedModuleProxyServer::onSocketConnectThreadFunc()
     m_bConnected = true;
     DeviceAbilityInfo ability = getCurDeviceAbilityInfo();
     getDeviceAbilityInfo(&ability);
-    {
-        std::lock_guard<std::mutex> lock(m_abilityMutex);
-        m_abilityInfo = ability;
-    }
+    keepAbilityInfo(ability);
     ZTLOG_INFO("ztEmbeddedModuleProxyServer::device %s online get device ablility info, product type: %d",
                m_deviceSN, static_cast<int>(ability.productType));
     getSETFile(SET_FILE_DATA_0);
@@ -163,6 +158,8 @@ void ztEmbeddedModuleProxyServer::deInit()
     zt::joinWorker(m_hCmdDataRecvThread, kName);
     zt::joinWorker(m_hCmdProcessThread, kName);
     releaseClient();
+    // A command still in flight holds the command mutex while it uses the buffers.
+    std::lock_guard<std::mutex> lock(m_cmdMutex);
     std::free(m_pCmdReplyBuf);
     m_pCmdReplyBuf = nullptr;
     std::free(m_pAuxBuf);
@@ -300,76 +297,4 @@ void ztEmbeddedModuleProxyServer::processMsg_Cmd(char* msg)
     if (msg == nullptr || zt_embedded_msg_is_avalible(msg) != 0)
         return;
     raiseDataCB(zt_embedded_msg_get_msg_type(msg), zt_embedded_msg_get_data(msg), zt_embedded_msg_get_data_len(msg));
-}
-
-int ztEmbeddedModuleProxyServer::exchange(unsigned short type, const void* payload, unsigned int length, ReplyRule rule,
-                                          const char* failLog, const std::function<void(const char*)>& onReply,
-                                          bool locked, unsigned int timeoutMs)
-{
-    std::unique_lock<std::mutex> lock(m_cmdMutex, std::defer_lock);
-    if (locked)
-        lock.lock();
-    const auto s = m_cmdTcp->get();
-    if (!s)
-        return -1;
-    void* msg = zt_embedded_msg_create(8 + length, type, length > 0 ? payload : nullptr);
-    if (msg == nullptr)
-        return -1;
-    // An exchange outside the command mutex gets a reply buffer of its own, so that it
-    // never writes into the one a locked exchange is reading.
-    std::unique_ptr<char, decltype(&std::free)> own(nullptr, &std::free);
-    char* reply = m_pCmdReplyBuf;
-    if (!locked || reply == nullptr) {
-        own.reset(static_cast<char*>(std::calloc(kCmdReplyBufSize, 1)));
-        reply = own.get();
-    }
-    int nret = -1;
-    if (reply != nullptr) {
-        const int full = zt_embedded_msg_get_full_size(msg);
-        nret = timeoutMs == 0 ? s->sendn(msg, full, reply, kReplyLimit) : s->sendn(msg, full, reply, kReplyLimit, timeoutMs);
-    }
-    zt_embedded_msg_release(msg);
-    if (nret == -1) {
-        if (failLog != nullptr)
-            ZTLOG_ERROR(failLog);
-        return -1;
-    }
-    const bool valid = zt_embedded_msg_is_avalible(reply) == 0;
-    const unsigned short replyType = zt_embedded_msg_get_msg_type(reply);
-    auto statusForm = [&](int& result) {
-        if (!valid || replyType != 0)
-            return false;
-        const int dataLen = zt_embedded_msg_get_data_len(reply);
-        result = dataLen >= 1 && zt::embedded::statusOf(reply) >= 0 ? 0 : -1;
-        return true;
-    };
-    auto echoForm = [&]() {
-        if (!valid || replyType != type)
-            return -1;
-        processMsg(reply);
-        if (onReply)
-            onReply(reply);
-        return 0;
-    };
-    int result = -1;
-    switch (rule) {
-    case ReplyRule::None:
-        // The caller judges the reply itself.
-        if (onReply)
-            onReply(reply);
-        result = 0;
-        break;
-    case ReplyRule::Status:
-        if (!statusForm(result))
-            result = -1;
-        break;
-    case ReplyRule::Echo:
-        result = echoForm();
-        break;
-    case ReplyRule::StatusOrEcho:
-        if (!statusForm(result))
-            result = echoForm();
-        break;
-    }
-    return result;
 }

@@ -1,6 +1,6 @@
 // The USB control exchange: a command goes out on the control OUT endpoint and its reply
 // is the next whole message that the control IN transfer gathers.
-#include "ztUsbProxyServer.h"
+#include "ztUsbCommandLink.h"
 
 #include "foundation/ByteQueue.h"
 #include "platform/zt_log.h"
@@ -17,6 +17,10 @@ constexpr unsigned int kTransferTimeoutMs = 1500;
 constexpr unsigned int kPollMs = 10;
 constexpr int kCtrlReplyLimit = 0xA00000;
 constexpr std::size_t kClearedReplyBytes = 1024;
+constexpr int kReplyTimeoutMs = 3000;
+// Large replies (the whole log) go to the file buffer.
+constexpr int kFileReplyLimit = 0x6400000;
+constexpr int kLargeReplyTimeoutMs = 20000;
 } // namespace
 
 int ztUsbProxyServer::sendCtrlCmd(char* cmd, int cmdLength, char* reply, bool waitReply, int timeoutMs)
@@ -94,24 +98,34 @@ int ztUsbProxyServer::sendData(std::string& data)
     return 0;
 }
 
-int ztUsbProxyServer::command(const char* name, unsigned short type, const void* payload, unsigned int length,
-                              unsigned short replyType, int timeoutMs)
+zt::commands::Link& ztUsbProxyServer::commandLink()
 {
-    if (m_pDataRecv_ctrl == nullptr)
+    return *m_link;
+}
+
+int ztUsbProxyServer::CommandLink::exchange(const zt::commands::Command& c, const char* msg, int size,
+                                            const std::function<int(const char*)>& judge)
+{
+    using namespace zt::commands;
+    // Before init there are no reply buffers, and so no device to talk to.
+    if (server.m_pDataRecv_ctrl == nullptr || server.m_pFileRecv_ctrl == nullptr) {
+        ZTLOG_ERROR("ztUsbProxyServer::[%s] send cmd failed", c.name);
         return -1;
-    std::memset(m_pDataRecv_ctrl, 0, kClearedReplyBytes);
-    void* msg = zt_embedded_msg_create(8 + length, type, length > 0 ? payload : nullptr);
-    if (msg == nullptr)
-        return -1;
-    const int rc = sendCtrlCmd(static_cast<char*>(msg), static_cast<int>(8 + length), m_pDataRecv_ctrl, true, timeoutMs);
-    zt_embedded_msg_release(msg);
+    }
+    std::memset(server.m_pDataRecv_ctrl, 0, kClearedReplyBytes);
+    char* request = const_cast<char*>(msg);
+    const bool wait = c.reply != Reply::NoWait && (c.flags & kUsbNoWait) == 0;
+    char* reply = server.m_pDataRecv_ctrl;
+    int rc;
+    if ((c.flags & kLargeReply) != 0) {
+        reply = server.m_pFileRecv_ctrl;
+        rc = server.sendCtrlCmd_2(request, size, reply, kFileReplyLimit, true, kLargeReplyTimeoutMs);
+    } else {
+        rc = server.sendCtrlCmd(request, size, reply, wait, kReplyTimeoutMs);
+    }
     if (rc == -1) {
-        ZTLOG_ERROR("ztUsbProxyServer::[%s] send cmd failed", name);
+        ZTLOG_ERROR("ztUsbProxyServer::[%s] send cmd failed", c.name);
         return -1;
     }
-    if (zt_embedded_msg_is_avalible(m_pDataRecv_ctrl) != 0 || zt_embedded_msg_get_msg_type(m_pDataRecv_ctrl) != replyType) {
-        ZTLOG_ERROR("ztUsbProxyServer::[%s] receive data error", name);
-        return -1;
-    }
-    return 0;
+    return wait ? judge(reply) : 0;
 }

@@ -1,4 +1,4 @@
-#include "ztUsbProxyServer.h"
+#include "ztUsbCommandLink.h"
 
 #include "QlensNetProto.h"
 #include "foundation/ByteQueue.h"
@@ -62,8 +62,8 @@ bool carriesData(const libusb_transfer* t)
 ztUsbProxyServer::ztUsbProxyServer(_ZT_USB3_DEVICE_INFO_ info, libusb_device_handle* handle)
     : m_ctrlRecv(std::make_unique<zt::ByteQueue>()), m_eventRecv(std::make_unique<zt::ByteQueue>()),
       m_streamPool(std::make_unique<ztCamera::ztBufferPool>()), m_eventPool(std::make_unique<ztCamera::ztBufferPool>()),
-      m_abilityInfo{0, 31, 3, 4, 0, 0, 0, 0, 0, 0, 0, 0}, m_decoder(std::make_unique<ztCamera::QlensNetProto>()),
-      m_dataCB(std::make_unique<zt::DataCallback>()), m_handle(handle), m_info(info), m_extra(info.extra)
+      m_decoder(std::make_unique<ztCamera::QlensNetProto>()),
+      m_dataCB(std::make_unique<zt::DataCallback>()), m_link(std::make_unique<CommandLink>(*this)), m_handle(handle), m_info(info), m_extra(info.extra)
 {
     // The serial number is read as text: make sure it ends inside its field.
     m_info.serialNumber[sizeof m_info.serialNumber - 1] = '\0';
@@ -101,10 +101,7 @@ int ztUsbProxyServer::init()
         return -1;
     DeviceAbilityInfo ability = getCurDeviceAbilityInfo();
     getDeviceAbilityInfo(&ability);
-    {
-        std::lock_guard<std::mutex> lock(m_abilityMutex);
-        m_abilityInfo = ability;
-    }
+    keepAbilityInfo(ability);
     ZTLOG_INFO("ztUsbProxyServer::device %s online get device ablility info, product type: %d", m_info.serialNumber,
                static_cast<int>(ability.productType));
     for (int i = 0; i < 5; ++i) {
@@ -450,4 +447,9 @@ int ztUsbProxyServer::sendHeartbeat()
         return -1;
     }
     return 0;
+}
+
+std::string ztUsbProxyServer::getDeviceSN()
+{
+    return m_info.serialNumber;
 }

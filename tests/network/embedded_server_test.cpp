@@ -224,7 +224,7 @@ TEST(EmbeddedServer, CommandExchangeReplyRules)
     o.head.setStatusReply(13, 0);
     EXPECT_EQ(o.server.sendTrigger(), 0);
 
-    // Echo replies reach the callback and fill the caller's values.
+    // A value reply fills the caller's values.
     o.head.setEchoReply(276, Head::valuePayload(0x07030400));
     int v[4] = {-1, -1, -1, -1};
     EXPECT_EQ(o.server.getRKProgramVersion(&v[0], &v[1], &v[2], &v[3]), 0);
@@ -232,9 +232,6 @@ TEST(EmbeddedServer, CommandExchangeReplyRules)
     EXPECT_EQ(v[1], 3);
     EXPECT_EQ(v[2], 4);
     EXPECT_EQ(v[3], 0);
-    const auto echoes = o.seen.of(276, 1);
-    ASSERT_EQ(echoes.size(), 1u);
-    EXPECT_EQ(echoes[0], str(Head::valuePayload(0x07030400)));
     // The ability record: a non-zero status is returned as it is, type 0 leaves the record.
     DeviceAbilityInfo info{};
     info.productType = 99;

@@ -1,0 +1,17 @@
+// The command catalogue over the USB control exchange, with the USB link's result policy
+// (the device's status word as it stands) and log texts.
+#pragma once
+
+#include "commands/Catalogue.h"
+#include "ztUsbProxyServer.h"
+
+struct ztUsbProxyServer::CommandLink final : zt::commands::Link {
+    explicit CommandLink(ztUsbProxyServer& s) : server(s) {}
+    const char* className() const override { return "ztUsbProxyServer"; }
+    bool returnsStatusWord() const override { return true; }
+    int exchange(const zt::commands::Command& c, const char* msg, int size,
+                 const std::function<int(const char*)>& judge) override;
+    void handOff(char* reply) override { server.preProcessMsg(reply); }
+
+    ztUsbProxyServer& server;
+};
