@@ -72,6 +72,7 @@ private:
     unsigned int onEventProcessThreadFunc();
     unsigned int onHeartBeatSendThreadFunc();
 
+    int allocateReplyBuffers();
     unsigned int allocateBuffer_stream();
     unsigned int allocateBuffer_ctrl();
     unsigned int allocateBuffer_event();

@@ -5,6 +5,8 @@
 #include "commands/Catalogue.h"
 #include "ztUsbProxyServer.h"
 
+#include <mutex>
+
 struct ztUsbProxyServer::CommandLink final : zt::commands::Link {
     explicit CommandLink(ztUsbProxyServer& s) : server(s) {}
     const char* className() const override { return "ztUsbProxyServer"; }
@@ -14,4 +16,7 @@ struct ztUsbProxyServer::CommandLink final : zt::commands::Link {
     void handOff(char* reply) override { server.preProcessMsg(reply); }
 
     ztUsbProxyServer& server;
+    // One catalogue command at a time: the control reply buffer is shared by all of them
+    // and read after the control exchange has let go of its own lock.
+    std::mutex mutex;
 };

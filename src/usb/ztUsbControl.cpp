@@ -85,8 +85,12 @@ int ztUsbProxyServer::exchange(const char* name, char* cmd, int cmdLength, char*
 
 int ztUsbProxyServer::sendData(std::string& data)
 {
-    if (m_pDataRecv_ctrl != nullptr)
-        std::memset(m_pDataRecv_ctrl, 0, kClearedReplyBytes);
+    {
+        // The reply buffer belongs to whichever command holds the command set's lock.
+        std::lock_guard<std::mutex> lock(m_link->mutex);
+        if (m_pDataRecv_ctrl != nullptr)
+            std::memset(m_pDataRecv_ctrl, 0, kClearedReplyBytes);
+    }
     int sent = 0;
     if (m_handle == nullptr ||
         libusb_bulk_transfer(m_handle, m_info.ctrlOutEndpoint, reinterpret_cast<unsigned char*>(data.data()),
@@ -107,6 +111,7 @@ int ztUsbProxyServer::CommandLink::exchange(const zt::commands::Command& c, cons
                                             const std::function<int(const char*)>& judge)
 {
     using namespace zt::commands;
+    std::lock_guard<std::mutex> lock(mutex);
     // Before init there are no reply buffers, and so no device to talk to.
     if (server.m_pDataRecv_ctrl == nullptr || server.m_pFileRecv_ctrl == nullptr) {
         ZTLOG_ERROR("ztUsbProxyServer::[%s] send cmd failed", c.name);

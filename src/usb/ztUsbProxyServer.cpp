@@ -81,7 +81,7 @@ ztUsbProxyServer::~ztUsbProxyServer()
         zt::joinWorker(t, kName);
 }
 
-int ztUsbProxyServer::init()
+int ztUsbProxyServer::allocateReplyBuffers()
 {
     if (m_pDataRecv_ctrl == nullptr && (m_pDataRecv_ctrl = static_cast<char*>(std::calloc(kCtrlReplyBufSize, 1))) == nullptr) {
         ZTLOG_ERROR("ztUsbProxyServer::malloc m_pDataRecv_ctrl buffer failed");
@@ -90,6 +90,16 @@ int ztUsbProxyServer::init()
     if (m_pFileRecv_ctrl == nullptr && (m_pFileRecv_ctrl = static_cast<char*>(std::calloc(kFileReplyBufSize, 1))) == nullptr) {
         ZTLOG_ERROR("ztUsbProxyServer::malloc m_pFileRecv_ctrl buffer failed");
         return -1;
+    }
+    return 0;
+}
+
+int ztUsbProxyServer::init()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_link->mutex);
+        if (allocateReplyBuffers() != 0)
+            return -1;
     }
     if (m_streamPool->initResource(kStreamFrames, kStreamFrameSize) != 0 ||
         m_eventPool->initResource(kEventFrames, kEventFrameSize) != 0)
@@ -126,6 +136,8 @@ void ztUsbProxyServer::deInit()
     zt::joinWorker(m_hEventProcessThread, kName);
     m_streamPool->releaseResource();
     m_eventPool->releaseResource();
+    // A command still running holds the command set's lock while it uses the buffers.
+    std::lock_guard<std::mutex> lock(m_link->mutex);
     std::free(m_pDataRecv_ctrl);
     m_pDataRecv_ctrl = nullptr;
     std::free(m_pFileRecv_ctrl);
