@@ -240,48 +240,6 @@ unsigned short ReplyView::type() const
     return zt_embedded_msg_get_msg_type(m_msg);
 }
 
-void ReplyView::read(int offset, void* out, std::size_t n) const
-{
-    std::memset(out, 0, n);
-    if (covers(static_cast<long long>(offset) + static_cast<long long>(n)))
-        std::memcpy(out, payload() + offset, n);
-}
-
-std::int16_t ReplyView::i16(int offset) const
-{
-    std::int16_t v;
-    read(offset, &v, sizeof v);
-    return v;
-}
-
-std::int32_t ReplyView::i32(int offset) const
-{
-    std::int32_t v;
-    read(offset, &v, sizeof v);
-    return v;
-}
-
-std::uint32_t ReplyView::u32(int offset) const
-{
-    std::uint32_t v;
-    read(offset, &v, sizeof v);
-    return v;
-}
-
-std::uint64_t ReplyView::u64(int offset) const
-{
-    std::uint64_t v;
-    read(offset, &v, sizeof v);
-    return v;
-}
-
-float ReplyView::f32(int offset) const
-{
-    float v;
-    read(offset, &v, sizeof v);
-    return v;
-}
-
 int ReplyView::tooShort() const
 {
     ZTLOG_ERROR("%s::[%s] reply too short", m_class, m_method);

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
@@ -110,16 +111,24 @@ public:
     const char* payload() const { return m_msg + 7; }
     // Whether the payload holds bytes [0, end).
     bool covers(long long end) const { return end >= 0 && end <= m_length; }
-    std::int16_t i16(int offset) const;
-    std::int32_t i32(int offset) const;
-    std::uint32_t u32(int offset) const;
-    std::uint64_t u64(int offset) const;
-    float f32(int offset) const;
+    // Values at a payload offset; bytes beyond the payload read as zero.
+    std::int16_t i16(int offset) const { return at<std::int16_t>(offset); }
+    std::int32_t i32(int offset) const { return at<std::int32_t>(offset); }
+    std::uint32_t u32(int offset) const { return at<std::uint32_t>(offset); }
+    std::uint64_t u64(int offset) const { return at<std::uint64_t>(offset); }
+    float f32(int offset) const { return at<float>(offset); }
     // Logs that the reply is shorter than its layout needs and gives -1.
     int tooShort() const;
 
 private:
-    void read(int offset, void* out, std::size_t n) const;
+    template <class T>
+    T at(int offset) const
+    {
+        T v{};
+        if (covers(static_cast<long long>(offset) + static_cast<long long>(sizeof v)))
+            std::memcpy(&v, payload() + offset, sizeof v);
+        return v;
+    }
     const char* m_msg;
     int m_length;
     const char* m_class;

@@ -18,6 +18,15 @@ bool fits(const char* method, int pos, std::size_t n, const std::string& out)
     ZTLOG_ERROR("ztEmbeddedModuleProxyServer::[%s] position %d outside the packet", method, pos);
     return false;
 }
+// The light-pen key 6 and its second byte, then the value character "0" or "1".
+void putKeyAndValue(const char* method, char key, bool value, int pos, std::string& out)
+{
+    if (!fits(method, pos, 3, out))
+        return;
+    out[static_cast<std::size_t>(pos)] = 6;
+    out[static_cast<std::size_t>(pos) + 1] = key;
+    out[static_cast<std::size_t>(pos) + 2] = value ? '1' : '0';
+}
 } // namespace
 
 int ztEmbeddedModuleProxyServer::switchHardwareFrameRate(int type)
@@ -89,20 +98,12 @@ void ztEmbeddedModuleProxyServer::selectDeviceParaCMDSet(int pos, std::string& o
 
 void ztEmbeddedModuleProxyServer::setLPEnabled(bool enable, int pos, std::string& out)
 {
-    if (!fits("setLPEnabled", pos, 3, out))
-        return;
-    out[static_cast<std::size_t>(pos)] = 6;
-    out[static_cast<std::size_t>(pos) + 1] = 25;
-    out[static_cast<std::size_t>(pos) + 2] = static_cast<char>('0' + (enable ? 1 : 0));
+    putKeyAndValue("setLPEnabled", 25, enable, pos, out);
 }
 
 void ztEmbeddedModuleProxyServer::setLPWorkResult(bool result, int pos, std::string& out)
 {
-    if (!fits("setLPWorkResult", pos, 3, out))
-        return;
-    out[static_cast<std::size_t>(pos)] = 6;
-    out[static_cast<std::size_t>(pos) + 1] = 27;
-    out[static_cast<std::size_t>(pos) + 2] = static_cast<char>('0' + (result ? 1 : 0));
+    putKeyAndValue("setLPWorkResult", 27, result, pos, out);
 }
 
 void ztEmbeddedModuleProxyServer::packageLPCanWork(const std::string& deviceId, bool enable, std::string& out)
