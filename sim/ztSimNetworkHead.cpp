@@ -184,6 +184,8 @@ struct ztSimNetworkHead::Impl {
     std::mutex lifeMutex; // start and stop
     bool running = false;
 
+    ztSimDevice device; // answers what the reply table does not cover; locks itself
+
     mutable std::mutex mutex; // everything below
     std::condition_variable changed;
     std::shared_ptr<Conn> slots[4];
@@ -569,6 +571,7 @@ bool ztSimNetworkHead::Impl::handleMessage(Conn& c, const char* m, std::uint32_t
     }
 
     Reply reply;
+    bool inTable = false;
     bool quiet = false;
     int delay = 0;
     {
@@ -578,21 +581,24 @@ bool ztSimNetworkHead::Impl::handleMessage(Conn& c, const char* m, std::uint32_t
         commands.push_back({type, std::vector<char>(m + 7, m + size - 1)});
         changed.notify_all();
         const auto it = replies.find(type);
-        if (it != replies.end())
+        inTable = it != replies.end();
+        if (inTable)
             reply = it->second;
         quiet = silent;
         delay = replyDelayMs;
     }
-    if (quiet || reply.kind == Reply::None)
+    if (quiet)
         return true;
     std::vector<char> out;
-    if (reply.kind == Reply::Status) {
+    if (!inTable) {
+        out = device.answer(type, m + 7, size - 8);
+    } else if (reply.kind == Reply::Status) {
         char status[4];
         putLE(status, static_cast<std::uint32_t>(reply.status), 4);
         out = message(kStatusReplyType, status, sizeof status);
     } else if (reply.kind == Reply::Echo) {
         out = message(type, reply.bytes.data(), reply.bytes.size());
-    } else {
+    } else if (reply.kind == Reply::Raw) {
         out = std::move(reply.bytes);
     }
     if (delay > 0 && !pause(delay))
@@ -711,9 +717,9 @@ void ztSimNetworkHead::Impl::stopStreamLocked()
 // ---------------------------------------------------------------------------------------
 // Public interface
 
-ztSimNetworkHead::ztSimNetworkHead(const std::string& bindIP, int port) : m_impl(std::make_unique<Impl>(bindIP, port))
+ztSimNetworkHead::ztSimNetworkHead(const std::string& bindIP, int port)
+    : m_impl(std::make_unique<Impl>(bindIP, port))
 {
-    resetReplies();
 }
 
 ztSimNetworkHead::~ztSimNetworkHead()
@@ -876,11 +882,12 @@ void ztSimNetworkHead::setRawReply(unsigned short type, const std::vector<char>&
 void ztSimNetworkHead::resetReplies()
 {
     std::lock_guard<std::mutex> lock(m_impl->mutex);
-    auto& r = m_impl->replies;
-    r.clear();
-    r[kAbilityType] = {Impl::Reply::Echo, 0, abilityPayload(defaultAbility(), true)};
-    r[kSetFileType] = {Impl::Reply::Echo, 0, setFilePayload()};
-    r[kRKProgramVersionType] = {Impl::Reply::Echo, 0, valuePayload(kDefaultProgramVersion)};
+    m_impl->replies.clear();
+}
+
+ztSimDevice& ztSimNetworkHead::device()
+{
+    return m_impl->device;
 }
 
 bool ztSimNetworkHead::nextCommand(Request& out, int timeoutMs)

@@ -11,15 +11,17 @@
 // holds its channel.
 //
 // On the command connection, requests are cut out of the byte stream as embedded messages
-// and answered from a settable reply table; on the command-data connection heartbeats
-// (type 2) are counted and answered. Bytes arriving on the data and light-pen connections
-// are kept for the caller. The caller pushes messages, packets or any bytes on any
+// and answered by the head's device state (device(), a ztSimDevice that answers the whole
+// command set) unless a settable reply table overrides it; on the command-data connection
+// heartbeats (type 2) are counted and answered. Bytes arriving on the data and light-pen
+// connections are kept for the caller. The caller pushes messages, packets or any bytes on any
 // connection, and can stream a unit of bytes repeatedly.
 //
 // Every member is thread-safe. Nothing spins while idle: threads sleep in poll().
 #pragma once
 
-#include <array>
+#include "ztSimDevice.h"
+
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -38,7 +40,7 @@ public:
 
     // The twelve 32-bit words of an ability record in record order: header, product type,
     // then ability2 to ability11.
-    using AbilityRecord = std::array<unsigned int, 12>;
+    using AbilityRecord = ztSimDevice::AbilityRecord;
 
     // Told about every connection that takes a channel (connected true) and every one that
     // leaves it (false); peer is "address:port". Runs on the head's threads.
@@ -110,7 +112,8 @@ public:
     // Command replies go out this many milliseconds after their request arrived.
     void setReplyDelay(int ms);
 
-    // The reply table. A type without an entry gets a status reply with status 0.
+    // The reply table, which overrides the device state for the types it holds. A type
+    // without an entry is answered by device().
     // Status reply: message type 0, payload the int32 status.
     void setStatusReply(unsigned short type, int status);
     // Echo reply: message type = the request's type, payload as given (the caller includes
@@ -119,10 +122,14 @@ public:
     void setNoReply(unsigned short type);
     // These bytes as they stand, for bad-input tests.
     void setRawReply(unsigned short type, const std::vector<char>& bytes);
-    // Back to the default table: 345 echoes abilityPayload(defaultAbility(), true),
-    // 264 echoes setFilePayload(), 276 echoes valuePayload(kDefaultProgramVersion),
-    // everything else gets status 0.
+    // Empties the table: every type is answered by device() again. The device state
+    // stays as it is.
     void resetReplies();
+    // The state that answers every request the table does not cover. Untouched by default,
+    // it answers 345 with abilityPayload(defaultAbility(), true), 264 with
+    // setFilePayload(), 276 with valuePayload(kDefaultProgramVersion), and a setting with
+    // status 0. While the head is silent it sees no request.
+    ztSimDevice& device();
 
     // Requests received on the command connection, in order (valid embedded messages only:
     // head 0xAA or 0xCC and tail 0xBB; the last 65536 are kept). false when none arrives

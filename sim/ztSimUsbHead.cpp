@@ -184,6 +184,7 @@ struct ztSimUsbHead::Impl {
     std::map<UMockdevIoctlClient*, unsigned> clients;
 
     std::map<unsigned short, Reply> replies;
+    ztSimDevice device; // answers what the reply table does not cover; locks itself
     std::deque<Request> requests;
     int heartbeats = 0;
     int bad = 0;
@@ -323,22 +324,28 @@ struct ztSimUsbHead::Impl {
             serve(i);
     }
 
-    void reply(unsigned short type)
+    // Queues the reply to one request: from the reply table, or else the device's.
+    void reply(unsigned short type, const char* payload, std::size_t n)
     {
         if (silent)
             return;
-        Reply r;
-        if (auto it = replies.find(type); it != replies.end())
-            r = it->second;
-        switch (r.kind) {
-        case Reply::Status: ctrlQ.pieces.push_back(statusMessage(r.status)); break;
-        case Reply::Echo: ctrlQ.pieces.push_back(message(type, r.bytes.data(), r.bytes.size())); break;
-        case Reply::None: break;
-        case Reply::Raw:
-            for (auto& p : r.pieces)
-                if (!p.empty())
-                    ctrlQ.pieces.push_back(p);
-            break;
+        const auto it = replies.find(type);
+        if (it == replies.end()) {
+            // The device's reply goes out as one completion.
+            if (std::vector<char> answer = device.answer(type, payload, n); !answer.empty())
+                ctrlQ.pieces.push_back(std::move(answer));
+        } else {
+            const Reply& r = it->second;
+            switch (r.kind) {
+            case Reply::Status: ctrlQ.pieces.push_back(statusMessage(r.status)); break;
+            case Reply::Echo: ctrlQ.pieces.push_back(message(type, r.bytes.data(), r.bytes.size())); break;
+            case Reply::None: break;
+            case Reply::Raw:
+                for (auto& p : r.pieces)
+                    if (!p.empty())
+                        ctrlQ.pieces.push_back(p);
+                break;
+            }
         }
         serve(1);
     }
@@ -381,7 +388,7 @@ struct ztSimUsbHead::Impl {
                 requests.pop_front();
             requests.push_back({type, std::vector<char>(msg + 7, msg + size - 1)});
             cv.notify_all();
-            reply(type);
+            reply(type, msg + 7, size - 8);
         }
         b.erase(b.begin(), b.begin() + static_cast<std::ptrdiff_t>(pos));
     }
@@ -723,10 +730,7 @@ struct ztSimUsbHead::Impl {
     }
 };
 
-ztSimUsbHead::ztSimUsbHead() : m_impl(std::make_unique<Impl>())
-{
-    resetReplies();
-}
+ztSimUsbHead::ztSimUsbHead() : m_impl(std::make_unique<Impl>()) {}
 
 ztSimUsbHead::~ztSimUsbHead()
 {
@@ -992,13 +996,12 @@ void ztSimUsbHead::setRawReply(unsigned short type, std::vector<std::vector<char
 void ztSimUsbHead::resetReplies()
 {
     std::lock_guard<std::mutex> lock(m_impl->m);
-    auto& r = m_impl->replies;
-    r.clear();
-    r[ztSimNetworkHead::kAbilityType] = {
-        Impl::Reply::Echo, 0, ztSimNetworkHead::abilityPayload(ztSimNetworkHead::defaultAbility(), true), {}};
-    r[ztSimNetworkHead::kSetFileType] = {Impl::Reply::Echo, 0, ztSimNetworkHead::setFilePayload(), {}};
-    r[ztSimNetworkHead::kRKProgramVersionType] = {
-        Impl::Reply::Echo, 0, ztSimNetworkHead::valuePayload(ztSimNetworkHead::kDefaultProgramVersion), {}};
+    m_impl->replies.clear();
+}
+
+ztSimDevice& ztSimUsbHead::device()
+{
+    return m_impl->device;
 }
 
 bool ztSimUsbHead::nextCommand(Request& out, int timeoutMs)

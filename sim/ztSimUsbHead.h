@@ -15,9 +15,10 @@
 //   0x02 heartbeat OUT heartbeats (8-byte type-2 messages)
 //
 // Commands arriving on control OUT are cut out as embedded messages (AA, 32-bit size,
-// 16-bit type, payload, BB), recorded, and answered on control IN from a settable reply
-// table. A reply travels as one completion of a control IN transfer, or as the pieces a raw
-// reply names, each its own completion. Heartbeats on heartbeat OUT are counted and, unless
+// 16-bit type, payload, BB), recorded, and answered on control IN by the head's device
+// state (device(), a ztSimDevice that answers the whole command set) unless a settable
+// reply table overrides it. A reply travels as one completion of a control IN transfer,
+// or as the pieces a raw reply names, each its own completion. Heartbeats on heartbeat OUT are counted and, unless
 // told otherwise, answered with an 8-byte type-2 message on event IN. Pushed events go out
 // one per event IN completion; stream bytes fill stream IN transfers up to their length.
 // An IN transfer with nothing to hand out stays pending until data arrives, the host
@@ -29,6 +30,7 @@
 #pragma once
 
 #include "ztProxyTypes.h"
+#include "ztSimDevice.h"
 
 #include <cstddef>
 #include <memory>
@@ -100,7 +102,8 @@ public:
     void replug();
     bool isUnplugged() const;
 
-    // The reply table. A type without an entry gets a status reply with status 0.
+    // The reply table, which overrides the device state for the types it holds. A type
+    // without an entry is answered by device().
     // Status reply: message type 0, payload the int32 status.
     void setStatusReply(unsigned short type, int status);
     // Echo reply: message type = the request's type, payload as given.
@@ -110,9 +113,13 @@ public:
     // lone tail byte, two replies in one completion, garbage). A piece longer than the
     // transfer continues in the next completion.
     void setRawReply(unsigned short type, std::vector<std::vector<char>> pieces);
-    // Back to the default table: 345 echoes the network head's default ability record, 264
-    // its default SET file, 276 its default program version; everything else status 0.
+    // Empties the table: every type is answered by device() again. The device state
+    // stays as it is.
     void resetReplies();
+    // The state that answers every request the table does not cover; untouched, it gives
+    // the network head's default ability record (345), SET file (264) and program version
+    // (276), and status 0 to settings. While the head is silent it sees no request.
+    ztSimDevice& device();
 
     // Requests received on control OUT, in order (valid messages only: head 0xAA or 0xCC,
     // tail 0xBB; the last 65536 are kept). false when none arrives within timeoutMs.

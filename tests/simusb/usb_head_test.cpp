@@ -14,6 +14,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -527,6 +528,43 @@ TEST_F(UsbHead, BadRequestsAreCountedAndDoNotStopLaterOnes)
     ASSERT_TRUE(head.nextCommand(r, 1000));
     EXPECT_EQ(r.type, 0x0120);
     EXPECT_FALSE(head.nextCommand(r, 50));
+}
+
+TEST_F(UsbHead, RequestsWithoutTableEntryReachTheDevice)
+{
+    Xfer in(h, ztSimUsbHead::kCtrlIn, 4096, 2000);
+    auto exchange = [&](const Bytes& request) {
+        EXPECT_EQ(in.submit(), 0);
+        EXPECT_EQ(sendOut(ztSimUsbHead::kCtrlOut, request), 0);
+        EXPECT_TRUE(waitFor(ctx, in.done, 2000));
+        return in.got;
+    };
+    // setWifi, then getWifi: status 0, u8 length, ssid, u8 length, password, in one
+    // completion.
+    const Bytes wifi{5, 'z', 't', '-', 'a', 'p', 2, 'p', 'w'};
+    EXPECT_EQ(exchange(ztSimUsbHead::message(278, wifi.data(), wifi.size())), ztSimUsbHead::statusMessage(0));
+    EXPECT_EQ(head.device().wifi(), std::make_pair(std::string("zt-ap"), std::string("pw")));
+    Bytes reply{0, 0, 0, 0};
+    reply.insert(reply.end(), wifi.begin(), wifi.end());
+    EXPECT_EQ(exchange(ztSimUsbHead::message(290, nullptr, 0)), ztSimUsbHead::message(290, reply.data(), reply.size()));
+    // Exposure preset on the device: status 0, then the float's bits.
+    head.device().setFloatValue(8, 1.5f);
+    EXPECT_EQ(exchange(ztSimUsbHead::message(8, nullptr, 0)),
+              ztSimUsbHead::message(8, "\0\0\0\0\0\0\xC0\x3F", 8));
+
+    // The table overrides the device until it is emptied.
+    head.setStatusReply(290, 4);
+    EXPECT_EQ(exchange(ztSimUsbHead::message(290, nullptr, 0)), ztSimUsbHead::statusMessage(4));
+    head.resetReplies();
+    EXPECT_EQ(exchange(ztSimUsbHead::message(290, nullptr, 0)), ztSimUsbHead::message(290, reply.data(), reply.size()));
+
+    // A pre-trigger is not answered: the control IN transfer times out.
+    Xfer shortIn(h, ztSimUsbHead::kCtrlIn, 4096, 200);
+    ASSERT_EQ(shortIn.submit(), 0);
+    ASSERT_EQ(sendOut(ztSimUsbHead::kCtrlOut, ztSimUsbHead::message(13, "\2\0\0\0", 4)), 0);
+    ASSERT_TRUE(waitFor(ctx, shortIn.done, 3000));
+    EXPECT_EQ(shortIn.status, LIBUSB_TRANSFER_TIMED_OUT);
+    EXPECT_EQ(head.device().receivedCount(13), 1);
 }
 
 } // namespace
