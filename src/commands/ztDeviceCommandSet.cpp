@@ -214,7 +214,15 @@ int ztDeviceCommandSet::setCameraGain(float gain)
 
 int ztDeviceCommandSet::getCameraGain(float* gain)
 {
-    return query(commandLink(), Cmd::getCameraGain, gain);
+    if (gain == nullptr)
+        return run(commandLink(), Cmd::getCameraGain, Payload().refuse("no output"));
+    // The gain travels as an integer.
+    return run(commandLink(), Cmd::getCameraGain, Payload(), [gain](const ReplyView& r) {
+        if (!r.covers(8))
+            return r.tooShort();
+        *gain = static_cast<float>(r.i32(4));
+        return 0;
+    });
 }
 
 int ztDeviceCommandSet::setCameraFrameRate(int fps)
