@@ -4,15 +4,14 @@
 // gives the ratio decoder/memcpy of the best repetitions (GB/s in 10^9 bytes), with the
 // medians beside. When ZT_BENCH_JSON names a file, the same figures are appended to it,
 // one JSON object per line.
+#include "bench_reporter.h"
 #include "usb/QlensNetProto.h"
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -97,46 +96,6 @@ void baseline(benchmark::State& state, std::size_t chunk)
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * s.size()));
 }
 
-// Prints as usual and keeps the bytes per second of every repetition by benchmark name.
-class Collector : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        for (const auto& r : runs) {
-            if (r.run_type != Run::RT_Iteration)
-                continue;
-            auto rate = r.counters.find("bytes_per_second");
-            if (r.error_occurred || rate == r.counters.end())
-                failed = true;
-            else
-                rates[r.run_name.function_name].push_back(rate->second.value);
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    // The best and the median repetition in GB/s (10^9 bytes); 0 when there was none.
-    // Other load on the machine only ever slows a run, so the best is the least disturbed.
-    double bestGBps(const std::string& name) const { return pick(name, false); }
-    double medianGBps(const std::string& name) const { return pick(name, true); }
-    std::size_t count(const std::string& name) const
-    {
-        auto found = rates.find(name);
-        return found == rates.end() ? 0 : found->second.size();
-    }
-    std::map<std::string, std::vector<double>> rates;
-    bool failed = false;
-
-private:
-    double pick(const std::string& name, bool median) const
-    {
-        auto found = rates.find(name);
-        if (found == rates.end() || found->second.empty())
-            return 0;
-        std::vector<double> v = found->second;
-        std::sort(v.begin(), v.end());
-        return (median ? v[v.size() / 2] : v.back()) / 1e9;
-    }
-};
-
 struct Chunk {
     const char* label;
     std::size_t bytes;
@@ -161,28 +120,19 @@ int main(int argc, char** argv)
                 ->Repetitions(kRepetitions);
         }
     }
-    // Repetitions of the decoder and of memcpy run interleaved, so that load on a shared
-    // machine falls on both alike; a flag on the command line still overrides this.
-    std::vector<char*> args(argv, argv + argc);
-    char interleave[] = "--benchmark_enable_random_interleaving=true";
-    args.insert(args.begin() + 1, interleave);
-    argc = static_cast<int>(args.size());
-    argv = args.data();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+    // Repetitions of the decoder and of memcpy run interleaved.
+    if (!zt::bench::initializeInterleaved(argc, argv))
         return 1;
-    Collector reporter;
+    zt::bench::RateCollector reporter("bytes_per_second");
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
 
-    const char* jsonPath = std::getenv("ZT_BENCH_JSON");
-    std::FILE* json = jsonPath && *jsonPath ? std::fopen(jsonPath, "a") : nullptr;
-    if (jsonPath && *jsonPath && !json)
-        std::fprintf(stderr, "decoder_bench: cannot open %s\n", jsonPath);
+    std::FILE* json = zt::bench::openResults("decoder_bench");
     for (const Chunk& c : kChunks) {
         const std::string decName = std::string("decoder/") + c.label, memName = std::string("memcpy/") + c.label;
-        const double dec = reporter.bestGBps(decName), mem = reporter.bestGBps(memName);
-        const double decMedian = reporter.medianGBps(decName), memMedian = reporter.medianGBps(memName);
+        // GB/s in 10^9 bytes.
+        const double dec = reporter.best(decName) / 1e9, mem = reporter.best(memName) / 1e9;
+        const double decMedian = reporter.median(decName) / 1e9, memMedian = reporter.median(memName) / 1e9;
         if (dec == 0 || mem == 0)
             continue;
         std::printf("decoder_vs_memcpy ratio (%s chunks): %.2f  (best of %zu: decoder %.2f GB/s, memcpy %.2f GB/s;"
@@ -197,5 +147,5 @@ int main(int argc, char** argv)
     }
     if (json)
         std::fclose(json);
-    return reporter.failed ? 1 : 0;
+    return reporter.failed() ? 1 : 0;
 }

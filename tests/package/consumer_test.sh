@@ -1,14 +1,18 @@
 #!/usr/bin/env bash
 # Installs the built library into a fresh prefix and builds a project outside the tree
 # against it, once with find_package and once with pkg-config, then runs both programs.
+# A fourth argument ON says the library was built with image assembly, which the
+# consumer then uses too.
 set -euo pipefail
-build=$1 source=$2 work=$3
+build=$1 source=$2 work=$3 image=${4:-OFF}
+image_flag=()
+[ "$image" = ON ] && image_flag=(-DCONSUMER_WITH_IMAGE)
 rm -rf "$work"
 mkdir -p "$work"
 prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >/dev/null
 
-cmake -S "$source" -B "$work/with-cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake -S "$source" -B "$work/with-cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCONSUMER_WITH_IMAGE="$image" >/dev/null
 cmake --build "$work/with-cmake" >/dev/null
 out=$("$work/with-cmake/consumer")
 [ "$out" = "consumer ok 7" ] || { echo "find_package consumer printed: $out"; exit 1; }
@@ -16,7 +20,7 @@ out=$("$work/with-cmake/consumer")
 pc=$(dirname "$(find "$prefix" -name ztProxyProtocol.pc | head -n 1)")
 libdir=$(PKG_CONFIG_PATH=$pc pkg-config --variable=libdir ztProxyProtocol)
 # shellcheck disable=SC2046
-c++ -std=c++17 "$source/main.cpp" $(PKG_CONFIG_PATH=$pc pkg-config --cflags --libs ztProxyProtocol) \
+c++ -std=c++17 "${image_flag[@]}" "$source/main.cpp" $(PKG_CONFIG_PATH=$pc pkg-config --cflags --libs ztProxyProtocol) \
     -o "$work/with-pkg-config"
 out=$(LD_LIBRARY_PATH=$libdir "$work/with-pkg-config")
 [ "$out" = "consumer ok 7" ] || { echo "pkg-config consumer printed: $out"; exit 1; }

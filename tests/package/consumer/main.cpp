@@ -7,6 +7,9 @@
 #include <zt_msg.h>
 #include <ztModuleProxyServer.h>
 #include <ztScanEmbeddedUDPClient.h>
+#ifdef CONSUMER_WITH_IMAGE
+#include <ztImageAssembler.h>
+#endif
 
 #include <cstdio>
 #include <cstring>
@@ -63,6 +66,17 @@ int main()
     ztDeviceProxyProtocol device;
     ztDeviceProxyProtocol other;
     other = device;
+#ifdef CONSUMER_WITH_IMAGE
+    // OpenCV core comes with the package: cv::Mat is created, read and freed here.
+    ztImageAssembler assembler;
+    unsigned short pixels[4] = {0, 1024, 1200, 65535};
+    const cv::Mat image = assembler.imageFormat_16To8(pixels, 4, 2, 2);
+    if (image.rows != 2 || image.at<unsigned char>(0, 1) != 255 || image.at<unsigned char>(1, 0) != 50 ||
+        pixels[3] != 18948) {
+        std::puts("consumer: imageFormat_16To8 misbehaves");
+        return 1;
+    }
+#endif
     std::printf("consumer ok %d\n", read);
     return 0;
 }

@@ -1,0 +1,120 @@
+// Speed of the 16-bit to 8-bit conversion (ztImageAssembler::imageFormat_16To8) on
+// 2448 x 1024 frames of 16-bit pixels (5.0 MB), against a plain per-pixel loop of the
+// double-precision formula, measured in the same run on one thread. Each iteration
+// converts a fresh copy of the frame, since the conversion rewrites its source; only the
+// conversion, allocation of the 8-bit image included, is timed. After the benchmarks one
+// line gives Gpixel/s (10^9 pixels per second) of the best repetitions and the ratio, with
+// the medians beside. When ZT_BENCH_JSON names a file, the same figures are appended to
+// it, one JSON object per line.
+#include "bench_reporter.h"
+#include "ztImageAssembler.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr int kRows = 1024;
+constexpr int kCols = 2448;
+constexpr int kPixels = kRows * kCols;
+constexpr int kRepetitions = 9;
+
+// 12-bit sensor values: black, the 0..255 range and the wrap above it all occur.
+const std::vector<unsigned short>& frame()
+{
+    static const std::vector<unsigned short> pixels = [] {
+        std::vector<unsigned short> p(kPixels);
+        unsigned seed = 12345;
+        for (auto& v : p) {
+            seed = seed * 1664525u + 1013904223u;
+            v = static_cast<unsigned short>(seed >> 20);
+        }
+        return p;
+    }();
+    return pixels;
+}
+
+// The formula as written, one pixel at a time.
+cv::Mat plainLoop(unsigned short* src, int count, int rows, int cols)
+{
+    cv::Mat image(rows, cols, CV_8UC1);
+    unsigned char* out = image.data;
+    for (int i = 0; i < count; ++i) {
+        int v = src[i];
+        if (v < 144)
+            v = 144;
+        const int r = static_cast<int>((v - 144.0) * 255.0 / 880.0);
+        out[i] = static_cast<unsigned char>(r);
+        src[i] = static_cast<unsigned short>(r);
+    }
+    return image;
+}
+
+template <class Convert>
+void run(benchmark::State& state, Convert convert)
+{
+    const std::vector<unsigned short>& original = frame();
+    std::vector<unsigned short> src(kPixels);
+    cv::Mat image;
+    for (auto _ : state) {
+        std::memcpy(src.data(), original.data(), sizeof(unsigned short) * kPixels);
+        const auto start = std::chrono::steady_clock::now();
+        image = convert(src.data(), kPixels, kRows, kCols);
+        benchmark::DoNotOptimize(image.data);
+        benchmark::ClobberMemory();
+        state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    }
+    // Both must give the formula's results: the bytes and the rewritten source.
+    std::vector<unsigned short> expectSrc = original;
+    const cv::Mat expect = plainLoop(expectSrc.data(), kPixels, kRows, kCols);
+    if (image.total() != static_cast<std::size_t>(kPixels) || std::memcmp(image.data, expect.data, kPixels) != 0 ||
+        src != expectSrc)
+        state.SkipWithError("the conversion does not give the formula's results");
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * kPixels);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    ztImageAssembler assembler;
+    benchmark::RegisterBenchmark("imageFormat_16To8", [&assembler](benchmark::State& st) {
+        run(st, [&assembler](unsigned short* src, int count, int rows, int cols) {
+            return assembler.imageFormat_16To8(src, count, rows, cols);
+        });
+    })->Unit(benchmark::kMillisecond)->UseManualTime()->Repetitions(kRepetitions);
+    benchmark::RegisterBenchmark("plain_loop", [](benchmark::State& st) { run(st, plainLoop); })
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime()
+        ->Repetitions(kRepetitions);
+    // Repetitions of the conversion and of the plain loop run interleaved.
+    if (!zt::bench::initializeInterleaved(argc, argv))
+        return 1;
+    zt::bench::RateCollector reporter("items_per_second");
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+
+    const double lut = reporter.best("imageFormat_16To8") / 1e9, plain = reporter.best("plain_loop") / 1e9;
+    const double lutMedian = reporter.median("imageFormat_16To8") / 1e9, plainMedian = reporter.median("plain_loop") / 1e9;
+    if (lut == 0 || plain == 0)
+        return 1;
+    std::printf("imageFormat_16To8_vs_plain_loop ratio (%dx%d frames): %.2f  (best of %zu: imageFormat_16To8 %.2f "
+                "Gpixel/s, plain loop %.2f Gpixel/s; medians %.2f / %.2f Gpixel/s, ratio %.2f)\n",
+                kCols, kRows, lut / plain, std::min(reporter.count("imageFormat_16To8"), reporter.count("plain_loop")), lut,
+                plain, lutMedian, plainMedian, lutMedian / plainMedian);
+    if (std::FILE* json = zt::bench::openResults("image_bench")) {
+        std::fprintf(json,
+                     "{\"benchmark\":\"image_bench\",\"rows\":%d,\"cols\":%d,\"convert_Gpixel_per_s\":%.3f,"
+                     "\"plain_loop_Gpixel_per_s\":%.3f,\"ratio\":%.3f,\"convert_median_Gpixel_per_s\":%.3f,"
+                     "\"plain_loop_median_Gpixel_per_s\":%.3f,\"median_ratio\":%.3f}\n",
+                     kRows, kCols, lut, plain, lut / plain, lutMedian, plainMedian, lutMedian / plainMedian);
+        std::fclose(json);
+    }
+    return reporter.failed() ? 1 : 0;
+}
