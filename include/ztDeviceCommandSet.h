@@ -18,8 +18,12 @@
 #ifndef ZT_DEVICE_COMMAND_SET_H
 #define ZT_DEVICE_COMMAND_SET_H
 
+#include "ztProxyConfig.h"
 #include "ztProxyExport.h"
 #include "ztProxyTypes.h"
+#if ZT_PROXY_WITH_IMAGE
+#include "ztImageAssembler.h"
+#endif
 
 #include <mutex>
 #include <string>
@@ -29,7 +33,13 @@ namespace zt::commands {
 class Link;
 }
 
-class ZT_PROXY_API ztDeviceCommandSet {
+// Where the library is built with image assembly, both links also offer the methods of
+// ztImageAssembler (getOriImageData, getCutoutImageData, imageFormat_16To8, ...).
+class ZT_PROXY_API ztDeviceCommandSet
+#if ZT_PROXY_WITH_IMAGE
+    : public ztImageAssembler
+#endif
+{
 public:
     virtual ~ztDeviceCommandSet();
     ztDeviceCommandSet(const ztDeviceCommandSet&) = delete;
@@ -73,6 +83,7 @@ public:
     int getCameraROI(char* name, int& nameLen, short& x, short& y, short& width, short& height);
     int setCameraReverse(char* name, int nameLen, int value);
     int setImageROI(std::string name, short x, short y, short width, short height);
+    // The sensor image size.
     int getImageSize(short* width, short* height);
     int resetCamera();
     int setDropFrameRateMode(FRAME_DROP_MODE mode);
