@@ -1,9 +1,11 @@
 // ztproxy: the command-line tool of ztProxyProtocol.
 #include "demo.h"
+#include "net_command.h"
 #include "sim_command.h"
 #include "sim_head.h"
 #ifdef ZT_WITH_USB
 #include "sim_usb.h"
+#include "usb_command.h"
 #endif
 
 #include "ztLog.h"
@@ -20,6 +22,10 @@ const char* const kUsage =
     "commands:\n"
     "  demo      run a simulated device module and a host on loopback and show their exchange\n"
     "  sim       run a simulated end: ztproxy sim module|head (sim usb: how to use the USB one)\n"
+    "  net       run one device command on a network scanner head (or a simulated one)\n"
+#ifdef ZT_WITH_USB
+    "  usb       run one device command on a USB scanner head (or an emulated one)\n"
+#endif
     "\n"
     "options:\n"
     "  --log-level LEVEL  trace, debug, info, warn (default), error or off; logs go to\n"
@@ -110,5 +116,11 @@ int main(int argc, char** argv)
             return fail(std::string("sim module takes no argument '") + argv[i] + "'");
         return zt::tools::runSimModule();
     }
+    if (command == "net")
+        return zt::tools::runNetCommand(argc - i, argv + i);
+#ifdef ZT_WITH_USB
+    if (command == "usb")
+        return zt::tools::runUsbCommand(argc - i, argv + i, argv);
+#endif
     return fail("unknown command '" + command + "' (see ztproxy --help)");
 }

@@ -1,9 +1,16 @@
 #!/usr/bin/env bash
-# The ztproxy tool as a user meets it: help, errors, the demo, and the simulated module
-# started and stopped. Runs inside a private network namespace (netns_run.sh).
+# The ztproxy tool as a user meets it. Runs inside a private network namespace
+# (netns_run.sh). Usage: ztproxy_test.sh ZTPROXY [basics|commands]
+#   basics    help, errors, the demo, the simulated module started and stopped, and
+#             ztproxy net|usb: bad input, the wire, JSON, the emulated USB head, Ctrl-C
+#   commands  every device command of ztproxy net, one process each, on a simulated head
+# Without a part, both run.
 set -uo pipefail
 ztproxy=$1
+part=${2:-all}
 fail=0
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
 check() { # description, expected status, command...
     local what=$1 want=$2
     shift 2
@@ -15,30 +22,309 @@ check() { # description, expected status, command...
         fail=1
     fi
 }
-check "help" 0 "$ztproxy" --help
-check "demo help" 0 "$ztproxy" demo --help
-check "no command" 2 "$ztproxy"
-check "unknown command" 2 "$ztproxy" frobnicate
-check "unknown option" 2 "$ztproxy" --loud demo
-check "bad log level" 2 "$ztproxy" --log-level loud demo
-check "sim without an end" 2 "$ztproxy" sim
-check "sim usb help" 0 "$ztproxy" sim usb --help
-check "sim usb with a command" 2 "$ztproxy" sim usb -- true
-check "demo" 0 "$ztproxy" --log-level error demo
-grep -q "every step went as expected" /tmp/ztproxy_test.$$ || { echo "FAIL: demo summary missing"; fail=1; }
+basics() {
+    check "help" 0 "$ztproxy" --help
+    check "demo help" 0 "$ztproxy" demo --help
+    check "no command" 2 "$ztproxy"
+    check "unknown command" 2 "$ztproxy" frobnicate
+    check "unknown option" 2 "$ztproxy" --loud demo
+    check "bad log level" 2 "$ztproxy" --log-level loud demo
+    check "sim without an end" 2 "$ztproxy" sim
+    check "sim usb help" 0 "$ztproxy" sim usb --help
+    check "sim usb with a command" 2 "$ztproxy" sim usb -- true
+    check "demo" 0 "$ztproxy" --log-level error demo
+    grep -q "every step went as expected" /tmp/ztproxy_test.$$ || { echo "FAIL: demo summary missing"; fail=1; }
 
-# The simulated module answers a host until it is stopped.
-"$ztproxy" sim module >/tmp/ztproxy_sim.$$ 2>&1 &
-sim=$!
-for _ in $(seq 50); do grep -q listening /tmp/ztproxy_sim.$$ && break; sleep 0.1; done
-# A register request by hand: magic 0x2324, type 3, sub type 1, no payload.
-exec 3<>/dev/tcp/127.0.0.1/9479
-printf '\x24\x23\x00\x00\x03\x00\x00\x00\x01\x00\x00\x00\x00\x00\x00\x00' >&3
-reply=$(timeout 2 head -c 20 <&3 | od -An -tx1 | tr -d ' \n')
-exec 3>&-
-[ "$reply" = "2423000004000000010000000400000001000000" ] || { echo "FAIL: sim module reply $reply"; fail=1; }
-kill -TERM $sim
-wait $sim || { echo "FAIL: sim module did not stop cleanly"; fail=1; }
-grep -q "request 0x00001" /tmp/ztproxy_sim.$$ || { echo "FAIL: sim module did not report the request"; fail=1; }
-rm -f /tmp/ztproxy_test.$$ /tmp/ztproxy_sim.$$
+    # The simulated module answers a host until it is stopped.
+    "$ztproxy" sim module >/tmp/ztproxy_sim.$$ 2>&1 &
+    sim=$!
+    for _ in $(seq 50); do grep -q listening /tmp/ztproxy_sim.$$ && break; sleep 0.1; done
+    # A register request by hand: magic 0x2324, type 3, sub type 1, no payload.
+    exec 3<>/dev/tcp/127.0.0.1/9479
+    printf '\x24\x23\x00\x00\x03\x00\x00\x00\x01\x00\x00\x00\x00\x00\x00\x00' >&3
+    reply=$(timeout 2 head -c 20 <&3 | od -An -tx1 | tr -d ' \n')
+    exec 3>&-
+    [ "$reply" = "2423000004000000010000000400000001000000" ] || { echo "FAIL: sim module reply $reply"; fail=1; }
+    kill -TERM $sim
+    wait $sim || { echo "FAIL: sim module did not stop cleanly"; fail=1; }
+    grep -q "request 0x00001" /tmp/ztproxy_sim.$$ || { echo "FAIL: sim module did not report the request"; fail=1; }
+    rm -f /tmp/ztproxy_test.$$ /tmp/ztproxy_sim.$$
+}
+
+export LC_ALL=C
+# Runs a command with its output in $tmp/out and $tmp/err and its exit status in $rc.
+run() {
+    "$@" </dev/null >"$tmp/out" 2>"$tmp/err"
+    rc=$?
+}
+failed() {
+    echo "FAIL: $*"
+    echo "--- stdout:"
+    cat "$tmp/out"
+    echo "--- stderr:"
+    cat "$tmp/err"
+    fail=1
+}
+# A usage error: exit 2, one line on standard error, nothing on standard output.
+usage_error() { # description, command...
+    local what=$1
+    shift
+    run "$@"
+    [ $rc -eq 2 ] && [ "$(wc -l <"$tmp/err")" -eq 1 ] && [ ! -s "$tmp/out" ] ||
+        failed "$what: exit $rc, expected 2 with one line on standard error"
+}
+expect_output() { # description, expected standard output, command...
+    local what=$1 want=$2
+    shift 2
+    run "$@"
+    [ $rc -eq 0 ] && [ "$(cat "$tmp/out")" = "$want" ] || failed "$what: exit $rc, expected 0 and the output: $want"
+}
+expect_json() { # description, Python condition on the object d, command...
+    local what=$1 condition=$2
+    shift 2
+    run "$@"
+    [ $rc -eq 0 ] && python3 -c "import json, sys; d = json.load(sys.stdin); sys.exit(0 if ($condition) else 1)" <"$tmp/out" ||
+        failed "$what: exit $rc, or the output is not one JSON object with $condition"
+}
+wait_for_line() { # file, line: true once the file holds the line (up to 3 s)
+    for _ in $(seq 30); do
+        grep -qxF "$2" "$1" && return 0
+        sleep 0.1
+    done
+    return 1
+}
+
+sim_set_file=$(printf 'result: 0\ncallbacks: 264 (28 bytes)')
+program_version=$(printf 'result: 0\nmajor: 1\nminor: 2\nrevision: 3\nbuild: 4')
+ability=$(printf 'result: 0\nability.abilityHeader: 1\nability.productType: 42')
+for n in 2 3 4 5 6 7 8 9 10 11; do ability+=$'\n'"ability.ability$n: $n"; done
+
+device_basics() {
+    local net=("$ztproxy" --log-level off net --sim)
+    local usb=("$ztproxy" --log-level off usb --sim)
+    run "$ztproxy" net --help
+    [ $rc -eq 0 ] && grep -q "^  setCameraExposure EXPOSURE_US" "$tmp/out" && grep -q "getTemp  *(network only)" "$tmp/out" ||
+        failed "net --help lists no commands"
+    run "$ztproxy" usb --help
+    [ $rc -eq 0 ] && grep -q "^  getImageSize  *-> width height" "$tmp/out" && ! grep -q "getTemp" "$tmp/out" ||
+        failed "usb --help lists a network-only command, or no commands"
+
+    # Bad input: refused before anything is connected.
+    usage_error "net without an address" "$ztproxy" net sendTrigger
+    usage_error "net --sim with an address" "$ztproxy" net --sim --remote 127.0.0.1 sendTrigger
+    usage_error "net with a bad address" "$ztproxy" net --local 127.0.0.1 --remote 300.1.1.1 sendTrigger
+    usage_error "net with an unknown option" "$ztproxy" net --loud --sim sendTrigger
+    usage_error "net without a command" "$ztproxy" net --sim
+    usage_error "unknown device command" "${net[@]}" frobnicate
+    grep -qF "ztproxy: unknown device command 'frobnicate'" "$tmp/err" || failed "unknown command not named"
+    usage_error "too few arguments" "${net[@]}" setCameraExposure
+    [ "$(cat "$tmp/err")" = "ztproxy: setCameraExposure takes 1 argument, 0 given (usage: setCameraExposure EXPOSURE_US)" ] ||
+        failed "argument count message"
+    usage_error "too many arguments" "${net[@]}" sendTrigger 1
+    usage_error "not a number" "${net[@]}" setCameraExposure fast
+    [ "$(cat "$tmp/err")" = "ztproxy: setCameraExposure: EXPOSURE_US 'fast' is not a number (usage: setCameraExposure EXPOSURE_US)" ] ||
+        failed "bad argument message"
+    usage_error "not a finite number" "${net[@]}" setCameraGain inf
+    usage_error "short out of range" "${net[@]}" setCameraROI roi 0 0 32768 10
+    usage_error "int out of range" "${net[@]}" setCameraFrameRate 2147483648
+    usage_error "trailing junk" "${net[@]}" setMaster 1x
+    usage_error "not a truth value" "${net[@]}" execSync yes 0
+    usage_error "odd hex digits" "${net[@]}" setRegisterValue 1 0x10 abc
+    usage_error "not hex" "${net[@]}" setRegisterValue 1 0x10 0g
+    usage_error "no bytes" "${net[@]}" setRegisterValue 1 0x10 ""
+    usage_error "name over 255 bytes" "${net[@]}" setWifi "$(printf 'x%.0s' $(seq 256))" secret
+    usage_error "not a frame drop mode" "${net[@]}" setDropFrameRateMode 4
+    usage_error "not a SET file type" "${net[@]}" getSETFile -1
+    usage_error "negative system id" "${net[@]}" setSystemId -1
+    usage_error "byte out of range" "${net[@]}" sendLazerCMD 1 256 0
+    usage_error "missing file" "${net[@]}" sendSETFile "$tmp/missing"
+    usage_error "directory as file" "${net[@]}" updateFirmware "$tmp"
+    usage_error "network-only command on usb" "${usb[@]}" getTemp
+    usage_error "unknown command on usb" "${usb[@]}" frobnicate
+    usage_error "usb without ids" "$ztproxy" usb sendTrigger
+    usage_error "usb with a bad vendor id" "$ztproxy" usb --vid 12345 --pid 1 sendTrigger
+
+    # The commands on the wire, through ztproxy net --local/--remote to a simulated head in
+    # a process of its own, which logs each command's type and payload size.
+    printf 'simulated SET file' >"$tmp/file"
+    "$ztproxy" sim head >"$tmp/head" 2>&1 &
+    local head=$!
+    for _ in $(seq 50); do grep -q listening "$tmp/head" && break; sleep 0.1; done
+    local host=("$ztproxy" --log-level off net --local 127.0.0.1 --remote 127.0.0.1 --sn ZT-WIRE)
+    usage_error "bad argument with a head" "${host[@]}" setCameraExposure 1e99
+    sleep 0.3
+    ! grep -q "connection from" "$tmp/head" || failed "a bad argument connected to the head"
+    local line want args
+    while IFS='|' read -r line want args; do
+        # shellcheck disable=SC2086 # the arguments are words
+        run "${host[@]}" $args
+        [ $rc -eq 0 ] && { [ "$want" = "-" ] || [ "$(cat "$tmp/out")" = "$want" ]; } ||
+            failed "net $args: exit $rc, expected 0 and the output: $want"
+        wait_for_line "$tmp/head" "$line" || { echo "FAIL: net $args: the head did not log '$line'"; fail=1; }
+    done <<LIST
+command 7, 4 payload bytes|result: 0|setCameraExposure 12.5
+command 271, 8 payload bytes|result: 0|setSystemId 0x5A5400000000BEEF
+command 11, 12 payload bytes|result: 0|setCameraROI roi -1 2 640 480
+command 26, 12 payload bytes|result: 0|setQRBarCenter qr true 10 20 30 40
+command 774, 15 payload bytes|result: 0|setRegisterValue 1 0x10 0a0B0c
+command 278, 11 payload bytes|result: 0|setWifi ssid pass1
+command 263, 18 payload bytes|result: 0|sendSETFile $tmp/file
+command 291, 2 payload bytes|result: 0|setDropFrameRateMode 2
+command 318, 9 payload bytes|result: 0|sendLazerCMD 1 255 -3
+command 356, 4 payload bytes|result: 0|switchHardwareFrameRate 1
+command 354, 32 payload bytes|result: 0|syncTime2Device 2024-11-15T09:30:00.000000+08:00
+command 344, 20 payload bytes|-|getLightpenVersion LP01
+command 276, 0 payload bytes|-|getRKProgramVersion
+LIST
+    kill -TERM $head
+    wait $head || { echo "FAIL: sim head did not stop cleanly"; fail=1; }
+    grep -q "command-data connection from 127.0.0.1" "$tmp/head" || { echo "FAIL: the head saw no host"; fail=1; }
+
+    # JSON: one object per command.
+    expect_json "json program version" 'd == {"command": "getRKProgramVersion", "result": 0, "major": 1, "minor": 2, "revision": 3, "build": 4, "callbacks": [{"code": 276, "length": 8}]}' \
+        "$ztproxy" --log-level off net --sim --json getRKProgramVersion
+    expect_json "json SET file" 'd == {"command": "getSETFile", "result": 0, "callbacks": [{"code": 264, "length": 28}]}' \
+        "$ztproxy" --log-level off net --sim --json getSETFile 1
+    expect_json "json camera serial numbers" 'd["command"] == "getCameraSN" and type(d["result"]) is int' \
+        "$ztproxy" --log-level off net --sim --json getCameraSN
+    expect_json "json setter" 'd == {"command": "setCameraExposure", "result": 0}' \
+        "$ztproxy" --log-level off net --sim --json setCameraExposure 12.5
+
+    # The emulated USB head, opened by its descriptors (the tool adds the preload itself).
+    expect_output "usb sendTrigger" "result: 0" "${usb[@]}" sendTrigger
+    expect_output "usb setCameraROI" "result: 0" "${usb[@]}" setCameraROI roi 0 0 640 480
+    expect_output "usb getRKProgramVersion" "$program_version" "${usb[@]}" getRKProgramVersion
+    expect_output "usb getCurDeviceAbilityInfo" "$ability" "${usb[@]}" getCurDeviceAbilityInfo
+    expect_output "usb getSETFile" "$sim_set_file" "${usb[@]}" getSETFile 1
+    expect_json "usb json ability" 'd["command"] == "getDeviceAbilityInfo" and d["result"] == 0 and d["ability.productType"] == 42' \
+        "$ztproxy" --log-level off usb --sim --json getDeviceAbilityInfo
+    run "$ztproxy" usb --vid 0x1234 --pid 0x5678 sendTrigger
+    [ $rc -eq 1 ] && [ "$(wc -l <"$tmp/err")" -eq 1 ] && grep -q "^ztproxy: no USB device 1234:5678" "$tmp/err" &&
+        [ ! -s "$tmp/out" ] || failed "usb without such a device: exit $rc, expected 1 and one line"
+    "$ztproxy" net --list | cut -d' ' -f1 >"$tmp/net.names"
+    "$ztproxy" usb --list | cut -d' ' -f1 >"$tmp/usb.names"
+    [ "$(sort "$tmp/net.names" | comm -23 - <(sort "$tmp/usb.names") | tr '\n' ' ')" = \
+        "getHardwareFrameRateType getRGFFile getTemp preheatRKWithTrigger switchHardwareFrameRate " ] &&
+        [ -z "$(sort "$tmp/net.names" | comm -13 - <(sort "$tmp/usb.names"))" ] ||
+        { echo "FAIL: usb --list is not net --list without the network-only commands"; fail=1; }
+
+    # A head that takes one connection and then none: the host's connect times out (3 s).
+    python3 -c '
+import socket, time
+s = socket.socket()
+s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+s.bind(("127.0.0.1", 42001))
+s.listen(0)
+print("listening", flush=True)
+time.sleep(20)' >"$tmp/stuck" &
+    local stuck=$!
+    for _ in $(seq 50); do grep -q listening "$tmp/stuck" && break; sleep 0.1; done
+    run "${host[@]}" sendTrigger
+    [ $rc -eq 1 ] && [ "$(cat "$tmp/err")" = "ztproxy: the head at 127.0.0.1:42001 did not come online (init returned 205)" ] &&
+        [ ! -s "$tmp/out" ] || failed "head not online: exit $rc, expected 1 and one line"
+    # Ctrl-C while connecting: the connect finishes, nothing is sent, exit 130.
+    "${host[@]}" sendTrigger </dev/null >"$tmp/out" 2>"$tmp/err" &
+    local tool=$!
+    sleep 1
+    kill -INT $tool
+    wait $tool
+    rc=$?
+    [ $rc -eq 130 ] && [ "$(cat "$tmp/err")" = "ztproxy: interrupted" ] && [ ! -s "$tmp/out" ] ||
+        failed "Ctrl-C: exit $rc, expected 130 and one line"
+    kill $stuck
+    wait $stuck 2>/dev/null
+}
+
+# A value for each kind of argument that the commands name.
+sample() {
+    case $1 in
+    NAME | SN | SSID | PASSWORD) echo zt01 ;;
+    TIME) echo 2024-11-15T09:30:00.000000+08:00 ;;
+    HEX_BYTES) echo 0a0b ;;
+    FILE) echo "$tmp/file" ;;
+    EXPOSURE_US | GAIN) echo 12.5 ;;
+    SYSTEM_ID) echo 0x5A5400000000BEEF ;;
+    PERIOD_MS) echo 40 ;;
+    FPS) echo 25 ;;
+    ADDRESS) echo 0x10 ;;
+    WIDTH | HEIGHT) echo 64 ;;
+    B) echo 2 ;; # the second drop-frame value: 2 or more
+    START | WAIT | FLAG | ENABLE | BLACK | STATUS | SOURCE | MODE | MASTER | TYPE | DATA_TYPE | COMMAND | \
+        CHANNEL | VALUE | COUNT | DEVICE | LENGTH | X | Y | A | C | D | E | F | A0 | A2 | B0 | B2) echo 1 ;;
+    *) return 1 ;;
+    esac
+}
+
+# Every command of the device command set, letter for letter.
+catalogue="sendTrigger sendStopTrigger sendPreTrigger getTriggerMode setScanStatus setScanDataSource
+getScanDataSource execSync updateSyncStat setHardwareSyncMode getHardwareSyncMode setMaster getMaster
+setSystemId getSystemId getBandWidth setCameraExposure getCameraExposure setLedExposure getLedExposure
+setCameraGain getCameraGain setCameraFrameRate getCameraFrameRate setPeriod getPeriod setCameraROI
+getCameraROI setCameraReverse setImageROI getImageSize resetCamera setDropFrameRateMode setLaserTriggerMode
+setDeviceDropFrame switchHardwareFrameRate getHardwareFrameRateType setQRBarCenter sendLightCMD sendLazerCMD
+enableAlarmVoice sendIsBlackObject setLightPenEnable SetLightpenType sendGetLPFindList sendLPSelectInfo
+getLightpenVersion preheatRK preheatRKWithTrigger setHybridComputeNum2RK syncTime2Device getTemp rebootDevice
+redetectNetworkCard30 getCameraSN getDeviceAbilityInfo getCurDeviceAbilityInfo getFirmwareVersion
+getFirmwareDate getRKProgramVersion setIntegerRegisterValue getIntegerRegisterValue setEnumerationRegisterValue
+getEnumerationRegisterValue readRegisterValue setRegisterValue setWifi getWifi reconnectWIFI getSETFile
+sendSETFile sendRGFFile getRGFFile getLPSETFile sendLightpenSETFile updateFirmware getSectionalLog getAllLog"
+# Commands that the simulated head's default status reply (0) settles: the network link
+# reports 0 and nothing else.
+settled="sendTrigger sendStopTrigger sendPreTrigger setScanStatus setScanDataSource execSync updateSyncStat
+setHardwareSyncMode setMaster setSystemId setCameraExposure setLedExposure setCameraGain setCameraFrameRate
+setPeriod setCameraROI setCameraReverse setImageROI resetCamera setDropFrameRateMode setLaserTriggerMode
+setDeviceDropFrame switchHardwareFrameRate setQRBarCenter sendLightCMD sendLazerCMD enableAlarmVoice
+sendIsBlackObject setLightPenEnable SetLightpenType sendGetLPFindList sendLPSelectInfo preheatRK
+preheatRKWithTrigger setHybridComputeNum2RK syncTime2Device rebootDevice redetectNetworkCard30
+setIntegerRegisterValue setEnumerationRegisterValue readRegisterValue setRegisterValue setWifi reconnectWIFI
+sendSETFile sendRGFFile getLPSETFile sendLightpenSETFile updateFirmware"
+
+commands() {
+    printf 'simulated SET file' >"$tmp/file"
+    "$ztproxy" net --list >"$tmp/list" || { echo "FAIL: net --list"; fail=1; }
+    [ "$(cut -d' ' -f1 "$tmp/list" | sort | tr '\n' ' ')" = "$(printf '%s\n' $catalogue | sort | tr '\n' ' ')" ] ||
+        { echo "FAIL: net --list does not name the command set:"; cat "$tmp/list"; fail=1; }
+    local name placeholders p value ran=0
+    while read -r name placeholders; do
+        local args=()
+        for p in $placeholders; do
+            value=$(sample "$p") || { echo "FAIL: $name: no sample value for $p"; fail=1; continue 2; }
+            args+=("$value")
+        done
+        run "$ztproxy" --log-level off net --sim "$name" "${args[@]}"
+        ran=$((ran + 1))
+        if [ $rc -ne 0 ] || ! head -1 "$tmp/out" | grep -Eqx 'result: -?[0-9]+'; then
+            failed "net --sim $name ${args[*]}: exit $rc, expected 0 and a result line"
+            continue
+        fi
+        # Output values follow a result of 0 only, one "name: value" line each.
+        if [ "$(head -1 "$tmp/out")" = "result: 0" ]; then
+            tail -n +2 "$tmp/out" | grep -Evq '^[A-Za-z0-9.]+: ' && failed "net --sim $name: an output line is not 'name: value'"
+        else
+            [ "$(wc -l <"$tmp/out")" -eq 1 ] || failed "net --sim $name: output values after a failed result"
+        fi
+        local want= shown
+        shown=$(cat "$tmp/out")
+        case " $(echo $settled) " in *" $name "*) want="result: 0" ;; esac
+        case $name in
+        # An echoed value reply also reaches the data callback on the network link.
+        getRKProgramVersion) want=$program_version$'\ncallbacks: 276 (8 bytes)' ;;
+        getCurDeviceAbilityInfo) want=$ability ;;
+        getDeviceAbilityInfo)
+            want=$ability
+            shown=$(grep -v '^callbacks: ' "$tmp/out")
+            ;;
+        getSETFile) want=$sim_set_file ;;
+        esac
+        [ -z "$want" ] || [ "$shown" = "$want" ] || failed "net --sim $name: expected the output: $want"
+    done <"$tmp/list"
+    [ $ran -eq 78 ] || { echo "FAIL: ran $ran commands, expected 78"; fail=1; }
+}
+
+case $part in
+basics) basics; device_basics ;;
+commands) commands ;;
+all) basics; device_basics; commands ;;
+*) echo "unknown part: $part" >&2; exit 2 ;;
+esac
 exit $fail

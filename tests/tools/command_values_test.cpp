@@ -1,0 +1,168 @@
+// Arguments of device commands parsed from the command line, and results shown as text
+// and JSON: limits, rejected input, escaping, and floats that read back unchanged.
+#include "command_values.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <unistd.h>
+
+namespace zt::tools {
+namespace {
+
+template <class T>
+bool parses(const std::string& text, T expected)
+{
+    T value{};
+    std::string why;
+    return parseArgument(text, value, why) && value == expected && why.empty();
+}
+
+template <class T>
+std::string rejected(const std::string& text)
+{
+    T value{};
+    std::string why;
+    return parseArgument(text, value, why) ? "(accepted)" : why;
+}
+
+TEST(CommandValues, WholeNumbersTakeTheirFullRangeAndNothingElse)
+{
+    EXPECT_TRUE(parses<int>("2147483647", 2147483647));
+    EXPECT_TRUE(parses<int>("-2147483648", std::numeric_limits<int>::min()));
+    EXPECT_TRUE(parses<int>("0x7fffffff", 2147483647));
+    EXPECT_TRUE(parses<int>("-0x10", -16));
+    EXPECT_TRUE(parses<int>("010", 10)); // decimal, not octal
+    EXPECT_EQ(rejected<int>("2147483648"), "is not a whole number from -2147483648 to 2147483647");
+    EXPECT_EQ(rejected<int>("-2147483649"), "is not a whole number from -2147483648 to 2147483647");
+    for (const char* bad : {"", "-", "+1", " 1", "1 ", "1x", "0x", "0x-1", "1.0", "--1", "99999999999999999999"})
+        EXPECT_NE(rejected<int>(bad), "(accepted)") << bad;
+
+    EXPECT_TRUE(parses<short>("-32768", static_cast<short>(-32768)));
+    EXPECT_TRUE(parses<short>("0x7FFF", static_cast<short>(32767)));
+    EXPECT_EQ(rejected<short>("32768"), "is not a whole number from -32768 to 32767");
+    EXPECT_EQ(rejected<short>("0x8000"), "is not a whole number from -32768 to 32767");
+
+    EXPECT_TRUE(parses<unsigned int>("0xFFFFFFFF", 0xFFFFFFFFu));
+    EXPECT_EQ(rejected<unsigned int>("-1"), "is not a whole number from 0 to 4294967295");
+    EXPECT_EQ(rejected<unsigned int>("4294967296"), "is not a whole number from 0 to 4294967295");
+
+    EXPECT_TRUE(parses<unsigned long long>("18446744073709551615", 18446744073709551615ull));
+    EXPECT_TRUE(parses<unsigned long long>("0x5A5400000000BEEF", 0x5A5400000000BEEFull));
+    EXPECT_NE(rejected<unsigned long long>("18446744073709551616"), "(accepted)");
+    EXPECT_NE(rejected<unsigned long long>("-1"), "(accepted)");
+
+    // A byte travels as its eight bits.
+    EXPECT_TRUE(parses<char>("255", static_cast<char>(0xFF)));
+    EXPECT_TRUE(parses<char>("0x41", 'A'));
+    EXPECT_EQ(rejected<char>("256"), "is not a whole number from 0 to 255");
+    EXPECT_EQ(rejected<char>("-1"), "is not a whole number from 0 to 255");
+}
+
+TEST(CommandValues, FloatsAreFiniteAndTruthValuesAreFourWords)
+{
+    EXPECT_TRUE(parses<float>("12.5", 12.5f));
+    EXPECT_TRUE(parses<float>("-0.25", -0.25f));
+    EXPECT_TRUE(parses<float>("1e3", 1000.0f));
+    EXPECT_TRUE(parses<float>("3.4028235e38", std::numeric_limits<float>::max()));
+    for (const char* bad : {"", "nan", "inf", "-inf", "1e39", "12.5us", "+1", "0x10", ". 5"})
+        EXPECT_EQ(rejected<float>(bad), "is not a number") << bad;
+
+    EXPECT_TRUE(parses<bool>("1", true));
+    EXPECT_TRUE(parses<bool>("true", true));
+    EXPECT_TRUE(parses<bool>("0", false));
+    EXPECT_TRUE(parses<bool>("false", false));
+    for (const char* bad : {"", "2", "yes", "TRUE", "on", "01"})
+        EXPECT_EQ(rejected<bool>(bad), "is not 0, 1, true or false") << bad;
+}
+
+TEST(CommandValues, TextsBytesFilesAndEnumerations)
+{
+    std::string text;
+    std::string why;
+    EXPECT_TRUE(parseArgument("", text, why));
+    EXPECT_EQ(text, "");
+
+    ShortText name;
+    EXPECT_TRUE(parseArgument(std::string(255, 'n'), name, why));
+    EXPECT_EQ(name.text.size(), 255u);
+    EXPECT_FALSE(parseArgument(std::string(256, 'n'), name, why));
+    EXPECT_EQ(why, "is longer than 255 bytes");
+    EXPECT_EQ(name.text.size(), 255u); // unchanged
+
+    HexBytes hex;
+    ASSERT_TRUE(parseArgument("00a0B1ff", hex, why));
+    EXPECT_EQ(hex.bytes, (std::vector<char>{0, static_cast<char>(0xA0), static_cast<char>(0xB1), static_cast<char>(0xFF)}));
+    for (const char* bad : {"", "a", "abc", "0g", "0x00", "a b "})
+        EXPECT_EQ(rejected<HexBytes>(bad), "is not bytes in hexadecimal, two digits each") << bad;
+
+    // A file is read whole, zero bytes and all, across more than one read.
+    char path[] = "/tmp/zt_command_values_XXXXXX";
+    const int fd = ::mkstemp(path);
+    ASSERT_GE(fd, 0);
+    std::string contents(200000, '\0');
+    for (std::size_t i = 0; i < contents.size(); ++i)
+        contents[i] = static_cast<char>(i * 7);
+    ASSERT_EQ(::write(fd, contents.data(), contents.size()), static_cast<ssize_t>(contents.size()));
+    ::close(fd);
+    FileBytes file;
+    EXPECT_TRUE(parseArgument(path, file, why));
+    EXPECT_EQ(std::string(file.bytes.begin(), file.bytes.end()), contents);
+    ::unlink(path);
+    EXPECT_EQ(rejected<FileBytes>(path), "cannot be opened (No such file or directory)");
+    EXPECT_EQ(rejected<FileBytes>("/tmp"), "cannot be read (Is a directory)");
+
+    EXPECT_TRUE(parses<FRAME_DROP_MODE>("3", FRAME_DROP_QUARTER));
+    EXPECT_TRUE(parses<FRAME_DROP_MODE>("0x1", FRAME_DROP_HALF));
+    EXPECT_EQ(rejected<FRAME_DROP_MODE>("4"), "is not one of 0 1 2 3");
+    EXPECT_EQ(rejected<FRAME_DROP_MODE>("-1"), "is not one of 0 1 2 3");
+    EXPECT_TRUE(parses<SetFileDataType>("2", SET_FILE_DATA_2));
+    EXPECT_EQ(rejected<SetFileDataType>("3"), "is not one of 0 1 2");
+    EXPECT_EQ(rejected<SetFileDataType>("one"), "is not one of 0 1 2");
+}
+
+TEST(CommandValues, ShownAsTextAndAsValidJson)
+{
+    EXPECT_EQ(show(-7).text, "-7");
+    EXPECT_EQ(show(static_cast<short>(-32768)).json, "-32768");
+    EXPECT_EQ(show(4294967295u).json, "4294967295");
+    EXPECT_EQ(show(18446744073709551615ull).text, "18446744073709551615");
+
+    EXPECT_EQ(show(12.5f).text, "12.5");
+    EXPECT_EQ(show(0.1f).json, "0.1");
+    EXPECT_EQ(show(-0.0f).text, "-0");
+    EXPECT_EQ(show(std::numeric_limits<float>::quiet_NaN()).text, "nan");
+    EXPECT_EQ(show(std::numeric_limits<float>::quiet_NaN()).json, "null");
+    EXPECT_EQ(show(-std::numeric_limits<float>::infinity()).text, "-inf");
+    EXPECT_EQ(show(std::numeric_limits<float>::infinity()).json, "null");
+    // Every shown float reads back as the same bits.
+    for (unsigned int bits = 0x00000001u; bits < 0x7F800000u; bits += 0x00F0F0F1u) {
+        float f;
+        std::memcpy(&f, &bits, 4);
+        float back = 0;
+        std::string why;
+        ASSERT_TRUE(parseArgument(show(f).text, back, why)) << show(f).text;
+        unsigned int backBits;
+        std::memcpy(&backBits, &back, 4);
+        EXPECT_EQ(backBits, bits) << show(f).text;
+    }
+
+    // Bytes outside printable ASCII are escaped; the JSON stays valid whatever the bytes.
+    const std::string raw("a\"b\\c\x01\n\x7f\xff", 9);
+    EXPECT_EQ(show(raw).text, "a\"b\\\\c\\x01\\x0A\\x7F\\xFF");
+    EXPECT_EQ(show(raw).json, "\"a\\\"b\\\\c\\u0001\\u000A\\u007F\\u00FF\"");
+    EXPECT_EQ(show(std::string("\0x", 2)).json, "\"\\u0000x\"");
+
+    EXPECT_EQ(show(std::vector<std::string>{"ZT01", "ZT 02"}).text, "ZT01, ZT 02");
+    EXPECT_EQ(show(std::vector<std::string>{"ZT01", "ZT\"02"}).json, "[\"ZT01\",\"ZT\\\"02\"]");
+    EXPECT_EQ(show(std::vector<std::string>{}).json, "[]");
+    EXPECT_EQ(show(std::vector<std::string>{}).text, "");
+}
+
+} // namespace
+} // namespace zt::tools

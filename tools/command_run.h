@@ -1,0 +1,69 @@
+// What ztproxy net and ztproxy usb share: their options, their help, Ctrl-C, and running
+// one prepared device command with its output.
+#pragma once
+
+#include "device_commands.h"
+
+#include <initializer_list>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace zt::tools {
+
+// Exit status after Ctrl-C (or SIGTERM).
+constexpr int kInterruptedStatus = 130;
+
+struct LinkOptions {
+    bool help = false;
+    bool list = false;
+    bool json = false;
+    bool sim = false;
+    // Options with a value, by name ("--local" and so on), in the order given.
+    std::vector<std::pair<std::string, std::string>> values;
+    // The command and its arguments.
+    std::vector<std::string> words;
+
+    // The value of an option, empty when it was not given.
+    std::string value(const char* name) const;
+};
+
+// Options come before the command; every word from the command on is its own. link names
+// the subcommand in messages; withValue are the options that take a value. false with a
+// one-line message on an unknown option or a missing value.
+bool parseLinkOptions(int argc, char** argv, const char* link, std::initializer_list<const char*> withValue,
+                      LinkOptions& options, std::string& error);
+
+// Prints usage, what the links share (output, arguments, exit status) and the commands.
+int printLinkHelp(const char* usage, DeviceLink link);
+
+// Prints "ztproxy: message" on standard error; 2.
+int usageError(const std::string& message);
+
+// From now on Ctrl-C (and SIGTERM) only sets a flag: the command finishes or times out and
+// the device is closed as usual.
+void catchInterrupts();
+bool wasInterrupted();
+// Says so on standard error; kInterruptedStatus.
+int reportInterrupted();
+
+// Records the data callbacks raised on the thread that runs a command while it runs: the
+// replies that the command handed to inbound processing. The link's own threads deliver
+// everything else. Register onData with this object as the user pointer.
+class CommandRunner {
+public:
+    static void onData(int code, char* data, int length, void* user);
+
+    // Runs the command and prints its result, its outputs and the callbacks it raised.
+    void run(const PreparedCommand& command, const CommandTarget& target, bool json);
+
+private:
+    std::mutex m_mutex;
+    bool m_recording = false;
+    std::thread::id m_thread;
+    std::vector<std::pair<int, int>> m_seen; // code, length
+};
+
+} // namespace zt::tools

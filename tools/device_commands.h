@@ -1,0 +1,56 @@
+// The device command set as command-line commands (ztproxy net|usb <command> [args]):
+// one table names every command with its arguments and outputs, parses the arguments,
+// makes the call and shows the result.
+#pragma once
+
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+class ztDeviceCommandSet;
+class ztEmbeddedModuleProxyServer;
+
+namespace zt::tools {
+
+enum class DeviceLink { Network, Usb };
+
+// What a command runs on: the device's command set, and the network head's own commands
+// (null on the USB link).
+struct CommandTarget {
+    ztDeviceCommandSet& device;
+    ztEmbeddedModuleProxyServer* network;
+};
+
+// One output value of a command: its name, its plain text and its JSON value.
+struct OutputValue {
+    std::string name;
+    std::string text;
+    std::string json;
+};
+
+// A command whose arguments have been parsed. call makes the call and, when the result
+// is 0, adds the command's output values.
+struct PreparedCommand {
+    std::string name;
+    std::function<int(const CommandTarget&, std::vector<OutputValue>&)> call;
+};
+
+// Looks up words[0] among the commands of the link and parses the arguments that follow.
+// false with a one-line message in error (without the program name) for an unknown
+// command, a command the link does not offer, a wrong number of arguments or an argument
+// that does not parse; the messages about arguments end with the command's usage.
+bool prepareDeviceCommand(DeviceLink link, const std::vector<std::string>& words, PreparedCommand& out,
+                          std::string& error);
+
+// Plain text: "result: N", then one "name: value" line per output value.
+std::string formatPlain(int result, const std::vector<OutputValue>& outputs);
+// One JSON object on one line: {"command":..., "result":N, "name":value...}.
+std::string formatJson(const std::string& command, int result, const std::vector<OutputValue>& outputs);
+
+// One usage line per command the link offers ("setCameraExposure EXPOSURE_US"), each
+// after indent. detailed adds a column with the names of the output values
+// ("-> width height") and marks the network head's own commands "(network only)".
+void listDeviceCommands(DeviceLink link, std::FILE* out, const char* indent, bool detailed);
+
+} // namespace zt::tools

@@ -1,0 +1,51 @@
+// Opening a USB scanner head with libusb for ztUsbProxyServer: the device found by vendor,
+// product and serial number, interface 0 claimed, and the endpoint description read from
+// its descriptors.
+#pragma once
+
+#include "ztProxyTypes.h"
+
+#include <string>
+
+struct libusb_device_handle;
+
+namespace zt::tools {
+
+// Which device to open; an empty serial takes the first device with the ids.
+struct UsbSelector {
+    unsigned short vendor = 0;
+    unsigned short product = 0;
+    std::string serial;
+};
+
+// One opened head on libusb's default context (the one ztUsbProxyServer handles events
+// on). The destructor releases the interface, closes the device and ends the context.
+class UsbHead {
+public:
+    UsbHead() = default;
+    ~UsbHead();
+    UsbHead(const UsbHead&) = delete;
+    UsbHead& operator=(const UsbHead&) = delete;
+
+    // Opens the first matching device and claims interface 0. false with a one-line
+    // message when libusb cannot start, no device matches, or the matching device cannot
+    // be opened or claimed or lacks the head's endpoints.
+    bool open(const UsbSelector& which, std::string& error);
+    libusb_device_handle* handle() const { return m_handle; }
+    // Interface 0's bulk endpoints in descriptor order: IN stream, control, event; OUT
+    // control, heartbeat; each IN endpoint's wMaxPacketSize; the serial number string.
+    const _ZT_USB3_DEVICE_INFO_& info() const { return m_info; }
+
+private:
+    void close();
+
+    bool m_contextUp = false;
+    libusb_device_handle* m_handle = nullptr;
+    bool m_claimed = false;
+    _ZT_USB3_DEVICE_INFO_ m_info{};
+};
+
+// Vendor or product id: hexadecimal, with or without 0x. false when not a 16-bit number.
+bool parseUsbId(const std::string& text, unsigned short& id);
+
+} // namespace zt::tools
