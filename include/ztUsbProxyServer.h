@@ -91,7 +91,7 @@ private:
     // The command catalogue's exchange over the control endpoints.
     struct CommandLink;
     zt::commands::Link& commandLink() override;
-    void processFrames(ztCamera::ztBufferPool& pool, std::atomic<bool>& stop, unsigned int idleMs);
+    void processFrames(ztCamera::ztBufferPool& pool, std::atomic<bool>& stop);
 
     std::atomic<bool> m_bConnected{false};
     std::atomic<bool> m_bHeartBeatAlive{false};

@@ -137,6 +137,12 @@ int EmbeddedTcpSocket::send(const void* buffer, int length)
     return -1;
 }
 
+bool EmbeddedTcpSocket::waitReadable(int timeoutMs)
+{
+    const zt_socket_t s = socket();
+    return s != 0 && sock::waitReadable(s, timeoutMs) == 1;
+}
+
 int EmbeddedTcpSocket::sendn(const void* request, int requestLength, void* reply, int replyCapacity)
 {
     return exchange(request, requestLength, reply, replyCapacity, kReplyWindowMs);

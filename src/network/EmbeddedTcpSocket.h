@@ -41,6 +41,8 @@ public:
     // One receive / one send: the count, or -1 (connected flag cleared) when it gives
     // nothing or fails. On the non-blocking socket a receive with nothing pending fails.
     int receive(void* buffer, int length);
+    // Waits up to timeoutMs for bytes (or the end of the stream) to arrive; true if so.
+    bool waitReadable(int timeoutMs);
     int send(const void* buffer, int length);
     // Sends the request once, then collects bytes every 5 ms until one whole embedded
     // message of at most replyCapacity bytes is held, and copies it to the start of reply:

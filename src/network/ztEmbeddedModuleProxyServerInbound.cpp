@@ -26,6 +26,7 @@ constexpr int kRawBlock = 0x20000;
 constexpr unsigned int kPacketPeriodMs = 1;
 constexpr unsigned int kRawPeriodMs = 5;
 constexpr unsigned int kProcessIdleMs = 5;
+constexpr unsigned int kIdleWaitMs = 50;
 constexpr std::size_t kLPBlock = 0xA00000;
 constexpr int kLPRecvLimit = 0x20000;
 constexpr unsigned int kLPPeriodMs = 30;
@@ -78,6 +79,7 @@ unsigned int ztEmbeddedModuleProxyServer::onCommandChannelRecvThreadFunc()
             m_cmd_vec->stream.clear();
         }
         m_cmd_vec->stream.append(block.get(), static_cast<std::size_t>(n));
+        m_cmd_vec->arrived.notify_one();
         return true;
     });
     return 0;
@@ -93,10 +95,13 @@ unsigned int ztEmbeddedModuleProxyServer::onCMDProcessThreadFunc()
     std::vector<char> message;
     zt::workerLoop(m_bStop, kCmdProcessPeriodMs, [&] {
         {
-            std::lock_guard<std::mutex> lock(m_cmd_vec->mutex);
+            std::unique_lock<std::mutex> lock(m_cmd_vec->mutex);
             const char* front = m_cmd_vec->stream.front();
-            if (front == nullptr)
+            if (front == nullptr) {
+                // Idle: sleep until the receiver adds bytes instead of every round.
+                m_cmd_vec->arrived.wait_for(lock, std::chrono::milliseconds(kIdleWaitMs));
                 return true;
+            }
             message.assign(front, front + m_cmd_vec->stream.frontSize());
             m_cmd_vec->stream.pop();
         }
@@ -153,8 +158,12 @@ unsigned int ztEmbeddedModuleProxyServer::onDataChannelRecvThreadFunc()
             continue;
         const int limit = raw ? kRawBlock : kPacketBlock;
         const int n = s->receive(block.get(), limit);
-        if (n < 1)
+        if (n < 1) {
+            // Idle: sleep until bytes arrive (or a moment passes, for the stop flag)
+            // rather than looking again every millisecond.
+            s->waitReadable(kIdleWaitMs);
             continue;
+        }
         full = n == limit;
         if (raw) {
             std::lock_guard<std::mutex> lock(m_dataVec->mutex);
@@ -181,7 +190,10 @@ unsigned int ztEmbeddedModuleProxyServer::onProcessThreadFunc()
     bool raw = rawMode();
     while (!m_bStop) {
         if (!raw && !(raw = rawMode())) {
-            SPR_Sleep(kProcessIdleMs);
+            // Packet mode leaves this thread nothing to do; it looks for a change of mode
+            // whenever the receiver signals bytes, and a few times a second.
+            std::unique_lock<std::mutex> lock(m_dataVec->mutex);
+            m_dataVec->arrived.wait_for(lock, std::chrono::milliseconds(kIdleWaitMs));
             continue;
         }
         // Raw mode: every whole message is handled as soon as it is there. Rather than

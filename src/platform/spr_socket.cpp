@@ -250,4 +250,23 @@ int waitWritable(zt_socket_t s, long seconds, long microseconds)
     return n < 0 ? -1 : (n == 0 ? 0 : 1);
 }
 
+int waitReadable(zt_socket_t s, int timeoutMs)
+{
+#ifdef _WIN32
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(s, &readable);
+    timeval tv{};
+    tv.tv_sec = timeoutMs / 1000;
+    tv.tv_usec = (timeoutMs % 1000) * 1000;
+    const int n = ::select(0, &readable, nullptr, nullptr, &tv);
+#else
+    pollfd p{};
+    p.fd = s;
+    p.events = POLLIN;
+    const int n = ::poll(&p, 1, timeoutMs);
+#endif
+    return n < 0 ? -1 : (n == 0 ? 0 : 1);
+}
+
 } // namespace zt::sock

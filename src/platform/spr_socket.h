@@ -60,5 +60,7 @@ int recvFrom(zt_socket_t s, void* buffer, int length, sockaddr_in& from);
 
 // Waits for the socket to become writable: 1 writable, 0 time-out, -1 error.
 int waitWritable(zt_socket_t s, long seconds, long microseconds);
+// Waits for the socket to have bytes (or an end) to read: 1 readable, 0 time-out, -1 error.
+int waitReadable(zt_socket_t s, int timeoutMs);
 
 } // namespace zt::sock

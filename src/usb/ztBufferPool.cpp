@@ -1,5 +1,7 @@
 #include "ztBufferPool.h"
 
+#include <chrono>
+
 #include "platform/zt_log.h"
 
 #include <cstdlib>
@@ -94,8 +96,17 @@ void ztBufferPool::pushReady(ztPoolFrame* frame)
 {
     if (frame == nullptr)
         return;
-    std::lock_guard<std::mutex> lock(m_queueMutex);
-    m_ready.push_back(frame);
+    {
+        std::lock_guard<std::mutex> lock(m_queueMutex);
+        m_ready.push_back(frame);
+    }
+    m_readyPushed.notify_one();
+}
+
+bool ztBufferPool::waitReady(unsigned int timeoutMs)
+{
+    std::unique_lock<std::mutex> lock(m_queueMutex);
+    return m_readyPushed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return !m_ready.empty(); });
 }
 
 bool ztBufferPool::isReadyEmpty()

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <condition_variable>
 #include <mutex>
 #include <vector>
 
@@ -53,6 +54,9 @@ public:
     // Appends frame to the back of the ready queue.
     void pushReady(ztPoolFrame* frame);
     bool isReadyEmpty();
+    // Waits up to timeoutMs for the ready queue to hold a frame; true when it does. Lets
+    // an idle consumer sleep until a frame is pushed instead of polling.
+    bool waitReady(unsigned int timeoutMs);
     // Removes and returns the front frame of the ready queue; null when it is empty.
     ztPoolFrame* popReady();
 
@@ -68,6 +72,7 @@ private:
     std::vector<ztPoolFrame*> m_frames;
     std::mutex m_queueMutex; // guards m_ready; never held together with m_poolMutex
     std::deque<ztPoolFrame*> m_ready;
+    std::condition_variable m_readyPushed;
 };
 
 } // namespace ztCamera

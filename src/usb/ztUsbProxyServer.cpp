@@ -27,6 +27,7 @@ constexpr unsigned int kHeartbeatPeriodMs = 500;
 constexpr int kMaxMissedHeartbeats = 4;
 constexpr unsigned int kReleaseDelayMs = 500;
 constexpr unsigned int kPollMs = 10;
+constexpr unsigned int kIdleWaitMs = 50;
 constexpr unsigned short kHeartbeatType = 2;
 constexpr const char* kName = "ztUsbProxyServer";
 
@@ -367,13 +368,13 @@ unsigned int ztUsbProxyServer::onDataRecvThreadFunc()
     return 0;
 }
 
-void ztUsbProxyServer::processFrames(ztCamera::ztBufferPool& pool, std::atomic<bool>& stop, unsigned int idleMs)
+void ztUsbProxyServer::processFrames(ztCamera::ztBufferPool& pool, std::atomic<bool>& stop)
 {
     while (!stop) {
-        if (pool.isReadyEmpty()) {
-            SPR_Sleep(idleMs);
+        // An idle consumer sleeps until a frame is pushed rather than looking every
+        // millisecond; it still looks at the stop flag several times a second.
+        if (!pool.waitReady(kIdleWaitMs))
             continue;
-        }
         ztCamera::ztPoolFrame* frame = pool.popReady();
         preProcessMsg(reinterpret_cast<char*>(frame->data));
         pool.returnFrame(frame);
@@ -388,7 +389,7 @@ unsigned int ztUsbProxyServer::onStreamProcessThread(void* self)
 unsigned int ztUsbProxyServer::onStreamProcessThreadFunc()
 {
     ZTLOG_INFO("ztUsbProxyServer::stream process thread start");
-    processFrames(*m_streamPool, m_stop[Stream], 1);
+    processFrames(*m_streamPool, m_stop[Stream]);
     return 0;
 }
 
@@ -400,7 +401,7 @@ unsigned int ztUsbProxyServer::onEventProcessThread(void* self)
 unsigned int ztUsbProxyServer::onEventProcessThreadFunc()
 {
     ZTLOG_INFO("ztUsbProxyServer::event process thread start");
-    processFrames(*m_eventPool, m_stop[Event], 10);
+    processFrames(*m_eventPool, m_stop[Event]);
     return 0;
 }
 
