@@ -4,7 +4,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <mutex>
+
+#include <unistd.h>
 
 namespace zt::bench {
 
@@ -36,5 +40,21 @@ struct Delivered {
         return bytes;
     }
 };
+
+// The USB emulation lives in a preload library. Call when it is not active: runs the
+// program again with the preload set and returns only on failure (1, with a line naming
+// the program).
+inline int rerunWithUsbEmulation(const char* program, char** argv)
+{
+    if (std::getenv("ZT_USB_BENCH_REEXEC") != nullptr) {
+        std::fprintf(stderr, "%s: the umockdev preload does not take effect\n", program);
+        return 1;
+    }
+    setenv("ZT_USB_BENCH_REEXEC", "1", 1);
+    setenv("LD_PRELOAD", "libumockdev-preload.so.0", 1);
+    execv("/proc/self/exe", argv);
+    std::perror(program);
+    return 1;
+}
 
 } // namespace zt::bench

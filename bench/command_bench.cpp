@@ -9,6 +9,7 @@
 // on the network link, 10 ms on the USB link). Idle: CPU share of one core and resident
 // memory of the process (server and simulated head together) while the server sits online.
 // Appends a JSON line to $ZT_BENCH_JSON if set.
+#include "bench_support.h"
 #include "netns.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztSimNetworkHead.h"
@@ -110,22 +111,14 @@ int network(Figures& f)
 #if ZT_BENCH_WITH_USB
 int usb(char** argv, Figures& f)
 {
-    if (!ztSimUsbHead::emulationAvailable()) {
-        // The emulation lives in a preload library: start again with it.
-        if (std::getenv("ZT_USB_BENCH_REEXEC") != nullptr) {
-            std::fprintf(stderr, "command_bench: the umockdev preload does not take effect\n");
-            return 1;
-        }
-        setenv("ZT_USB_BENCH_REEXEC", "1", 1);
-        setenv("LD_PRELOAD", "libumockdev-preload.so.0", 1);
-        execv("/proc/self/exe", argv);
-        std::perror("command_bench: re-running with the preload");
-        return 1;
-    }
+    if (!ztSimUsbHead::emulationAvailable())
+        return zt::bench::rerunWithUsbEmulation("command_bench", argv);
     ztSimUsbHead head;
-    libusb_context* ctx = nullptr;
+    // The server works on libusb's default context.
     libusb_device_handle* handle = nullptr;
-    if (head.start() != 0 || (handle = ztSimUsbHead::openEmulated(&ctx)) == nullptr) {
+    if (head.start() != 0 || libusb_init(nullptr) != 0 ||
+        (handle = libusb_open_device_with_vid_pid(nullptr, ztSimUsbHead::kVendor, ztSimUsbHead::kProduct)) == nullptr ||
+        libusb_claim_interface(handle, ztSimUsbHead::kInterface) != 0) {
         std::fprintf(stderr, "command_bench: the emulated head does not start\n");
         return 1;
     }

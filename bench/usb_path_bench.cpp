@@ -129,18 +129,8 @@ Figure serverPath(ztSimUsbHead& head, const std::vector<char>& unit, std::size_t
 
 int main(int, char** argv)
 {
-    if (!ztSimUsbHead::emulationAvailable()) {
-        // The emulation lives in a preload library: start again with it.
-        if (std::getenv("ZT_USB_BENCH_REEXEC") != nullptr) {
-            std::fprintf(stderr, "usb_path_bench: the umockdev preload does not take effect\n");
-            return 1;
-        }
-        setenv("ZT_USB_BENCH_REEXEC", "1", 1);
-        setenv("LD_PRELOAD", "libumockdev-preload.so.0", 1);
-        execv("/proc/self/exe", argv);
-        std::perror("usb_path_bench: re-running with the preload");
-        return 1;
-    }
+    if (!ztSimUsbHead::emulationAvailable())
+        return zt::bench::rerunWithUsbEmulation("usb_path_bench", argv);
     ztSimUsbHead head;
     if (head.start() != 0) {
         std::fprintf(stderr, "usb_path_bench: the emulated head does not start\n");
