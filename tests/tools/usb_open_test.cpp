@@ -40,10 +40,11 @@ TEST(UsbOpen, FillsTheEndpointDescriptionFromTheDescriptors)
         EXPECT_EQ(info.eventInEndpoint, expected.eventInEndpoint);
         EXPECT_EQ(info.ctrlOutEndpoint, expected.ctrlOutEndpoint);
         EXPECT_EQ(info.heartbeatOutEndpoint, expected.heartbeatOutEndpoint);
-        // wMaxPacketSize of each bulk IN endpoint as the head describes it.
-        EXPECT_EQ(info.streamMaxPacket, 1024u);
-        EXPECT_EQ(info.ctrlMaxPacket, 1024u);
-        EXPECT_EQ(info.eventMaxPacket, 1024u);
+        // wMaxPacketSize of each bulk IN endpoint as the head describes it (compared as
+        // copies: the packed fields are misaligned).
+        EXPECT_EQ(+info.streamMaxPacket, 1024u);
+        EXPECT_EQ(+info.ctrlMaxPacket, 1024u);
+        EXPECT_EQ(+info.eventMaxPacket, 1024u);
         EXPECT_STREQ(info.serialNumber, Head::kSerialNumber);
         const std::vector<unsigned char> zeros(5, 0);
         EXPECT_EQ(std::vector<unsigned char>(info.reserved0, info.reserved0 + 5), zeros);
