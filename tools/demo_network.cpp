@@ -1,5 +1,6 @@
 #include "demo.h"
 
+#include "stream_view.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztSimNetworkHead.h"
 
@@ -19,7 +20,7 @@ struct Delivery {
     std::condition_variable cv;
     int online = 0;
     int offline = 0;
-    int packets = 0;
+    long long packets = 0;
     long long bytes = 0;
     static void cb(int type, char*, int len, void* user)
     {
@@ -74,14 +75,27 @@ int runNetworkHeadDemo()
     // A burst of image packets on the data connection.
     constexpr int kPackets = 200;
     const std::string image(1 << 20, '\x5a');
-    const auto t0 = std::chrono::steady_clock::now();
+    ProgressBar bar("stream", kPackets, stdoutIsTerminal());
+    const UsageMeter meter;
     head.startStream(ztSimNetworkHead::Data, ztSimNetworkHead::extendedPacket(1280, 1, image.data(), image.size()),
                      kPackets, 0);
-    const bool all = got.waitUntil(20000, [&] { return got.packets >= kPackets; });
-    const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    std::printf("  stream                                       %d packets, %.0f MB/s\n", got.packets,
-                static_cast<double>(got.bytes) / secs / 1e6);
-    failures += all ? 0 : 1;
+    StreamFigures figures;
+    for (;;) {
+        const bool all = got.waitUntil(50, [&] { return got.packets >= kPackets; });
+        {
+            std::lock_guard<std::mutex> lock(got.mutex);
+            figures.frames = got.packets;
+            figures.bytes = got.bytes;
+        }
+        bar.update(figures.frames);
+        if (all || meter.seconds() > 20)
+            break;
+    }
+    figures.seconds = meter.seconds();
+    figures.cpuPercent = meter.cpuPercent();
+    bar.finish(figures.frames);
+    std::printf("  stream                                       %s\n", figures.text().c_str());
+    failures += figures.frames == kPackets ? 0 : 1;
 
     // The head falls silent: five missed heartbeats later it is offline.
     head.setAnswerHeartbeats(false);

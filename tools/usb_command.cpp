@@ -1,17 +1,13 @@
 #include "usb_command.h"
 
 #include "command_run.h"
+#include "usb_emulation.h"
 #include "usb_open.h"
 #include "ztSimUsbHead.h"
 #include "ztUsbProxyServer.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -40,29 +36,9 @@ const char* const kUsbUsage =
     "  --list       print the commands with their arguments, one per line\n"
     "  -h, --help   show this help\n";
 
-constexpr const char* kPreload = "libumockdev-preload.so.0";
 // A head answers its first heartbeat within one 500 ms period; five silent periods in a
 // row make it offline.
 constexpr int kOnlineWaitMs = 2500;
-
-bool preloadSet()
-{
-    const char* preload = std::getenv("LD_PRELOAD");
-    return preload != nullptr && std::strstr(preload, "libumockdev-preload") != nullptr;
-}
-
-// Runs the program again with the emulation's preload in front of any other; returns only
-// when that fails.
-int runAgainWithPreload(char** programArgv)
-{
-    const char* current = std::getenv("LD_PRELOAD");
-    const std::string preload =
-        current != nullptr && *current != '\0' ? std::string(kPreload) + ":" + current : std::string(kPreload);
-    ::setenv("LD_PRELOAD", preload.c_str(), 1);
-    ::execv("/proc/self/exe", programArgv);
-    std::fprintf(stderr, "ztproxy: cannot run again with LD_PRELOAD=%s (%s)\n", kPreload, std::strerror(errno));
-    return 1;
-}
 
 // Brings the server online on the opened head, runs the command and takes the server down.
 int runOn(const UsbHead& head, const PreparedCommand& command, bool json)
@@ -123,16 +99,15 @@ int runUsbCommand(int argc, char** argv, char** programArgv)
     PreparedCommand command;
     if (!prepareDeviceCommand(DeviceLink::Usb, o.words, command, error))
         return usageError(error);
-    if (o.sim && !preloadSet())
-        return runAgainWithPreload(programArgv);
+    if (o.sim && !usbEmulationPreloaded())
+        return runAgainWithUsbEmulation(programArgv);
 
     catchInterrupts();
     std::unique_ptr<ztSimUsbHead> sim;
     if (o.sim) {
         sim = std::make_unique<ztSimUsbHead>();
         if (sim->start() != 0) {
-            std::fprintf(stderr, "ztproxy: the emulated USB head cannot start (is umockdev's %s installed?)\n",
-                         kPreload);
+            reportUsbEmulationMissing();
             return 1;
         }
     }

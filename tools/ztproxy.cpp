@@ -3,9 +3,11 @@
 #include "net_command.h"
 #include "sim_command.h"
 #include "sim_head.h"
+#include "stream_command.h"
 #ifdef ZT_WITH_USB
 #include "sim_usb.h"
 #include "usb_command.h"
+#include "usb_emulation.h"
 #endif
 
 #include "ztLog.h"
@@ -20,12 +22,13 @@ const char* const kUsage =
     "usage: ztproxy [--log-level LEVEL] <command> [options]\n"
     "\n"
     "commands:\n"
-    "  demo      run a simulated device module and a host on loopback and show their exchange\n"
+    "  demo      the library's links against simulated ends on loopback, with a stream and a PNG\n"
     "  sim       run a simulated end: ztproxy sim module|head (sim usb: how to use the USB one)\n"
     "  net       run one device command on a network scanner head (or a simulated one)\n"
 #ifdef ZT_WITH_USB
     "  usb       run one device command on a USB scanner head (or an emulated one)\n"
 #endif
+    "  stream    receive frames from a head for a while, with live counters and saved images\n"
     "\n"
     "options:\n"
     "  --log-level LEVEL  trace, debug, info, warn (default), error or off; logs go to\n"
@@ -33,13 +36,26 @@ const char* const kUsage =
     "  -h, --help         show this help\n";
 
 const char* const kDemoUsage =
-    "usage: ztproxy demo\n"
+    "usage: ztproxy demo [--png PATH]\n"
     "\n"
     "Starts a simulated device module on ports 11300 and 9479 of this machine, connects a\n"
     "host (ztModuleProxyServer) to it over loopback, runs a tour of requests, notifications\n"
     "and a file query; then brings a simulated network head on port 42001 online, runs\n"
-    "commands, streams packets and lets the head go offline. Prints every step and exits 0\n"
-    "when every step went as expected.\n";
+    "commands, streams packets and lets the head go offline."
+#ifdef ZT_WITH_USB
+    " Last, an emulated USB head\n"
+    "(umockdev; the tool runs itself again with its preload) comes online, answers a tour of\n"
+    "commands, streams 100 full frames and sends one more, which is scaled to 8 bits and\n"
+    "written as a PNG image."
+#endif
+    "\n"
+    "Prints every step and exits 0 when every step went as expected.\n"
+#ifdef ZT_WITH_USB
+    "\n"
+    "options:\n"
+    "  --png PATH  where the image goes (default ./ztproxy-demo.png)\n"
+#endif
+    ;
 
 const char* const kSimUsage =
     "usage: ztproxy sim module\n"
@@ -90,11 +106,30 @@ int main(int argc, char** argv)
             std::fputs(kDemoUsage, stdout);
             return 0;
         }
+#ifdef ZT_WITH_USB
+        std::string png = "ztproxy-demo.png";
+        if (i < argc && std::strcmp(argv[i], "--png") == 0) {
+            if (i + 1 >= argc)
+                return fail("demo: --png needs a path");
+            png = argv[i + 1];
+            i += 2;
+        }
+#endif
         if (i < argc)
             return fail(std::string("demo takes no argument '") + argv[i] + "'");
+#ifdef ZT_WITH_USB
+        // The emulated USB head needs umockdev's preload from the start of the process.
+        if (!zt::tools::usbEmulationPreloaded())
+            return zt::tools::runAgainWithUsbEmulation(argv);
+#endif
         const int moduleProxy = zt::tools::runModuleProxyDemo();
         const int networkHead = zt::tools::runNetworkHeadDemo();
-        return moduleProxy == 0 && networkHead == 0 ? 0 : 1;
+#ifdef ZT_WITH_USB
+        const int usbHead = zt::tools::runUsbHeadDemo(png);
+#else
+        const int usbHead = 0;
+#endif
+        return moduleProxy == 0 && networkHead == 0 && usbHead == 0 ? 0 : 1;
     }
     if (command == "sim") {
         if (i < argc && (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0)) {
@@ -118,6 +153,8 @@ int main(int argc, char** argv)
     }
     if (command == "net")
         return zt::tools::runNetCommand(argc - i, argv + i);
+    if (command == "stream")
+        return zt::tools::runStreamCommand(argc - i, argv + i, argv);
 #ifdef ZT_WITH_USB
     if (command == "usb")
         return zt::tools::runUsbCommand(argc - i, argv + i, argv);

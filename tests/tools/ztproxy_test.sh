@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
 # The ztproxy tool as a user meets it. Runs inside a private network namespace
-# (netns_run.sh). Usage: ztproxy_test.sh ZTPROXY [basics|commands]
-#   basics    help, errors, the demo, the simulated module started and stopped, and
-#             ztproxy net|usb: bad input, the wire, JSON, the emulated USB head, Ctrl-C
+# (netns_run.sh). Usage: ztproxy_test.sh ZTPROXY [basics|commands|demo|stream]
+#   basics    help, errors, the simulated module started and stopped, and ztproxy
+#             net|usb: bad input, the wire, JSON, the emulated USB head, Ctrl-C
 #   commands  every device command of ztproxy net, one process each, on a simulated head
+#   demo      the whole demo and the image it writes
+#   stream    ztproxy stream on both simulated heads: counters, JSON, saved images, bad
+#             input, a missing device, Ctrl-C
 # Without a part, both run.
 set -uo pipefail
 ztproxy=$1
@@ -32,8 +35,6 @@ basics() {
     check "sim without an end" 2 "$ztproxy" sim
     check "sim usb help" 0 "$ztproxy" sim usb --help
     check "sim usb with a command" 2 "$ztproxy" sim usb -- true
-    check "demo" 0 "$ztproxy" --log-level error demo
-    grep -q "every step went as expected" /tmp/ztproxy_test.$$ || { echo "FAIL: demo summary missing"; fail=1; }
 
     # The simulated module answers a host until it is stopped.
     "$ztproxy" sim module >/tmp/ztproxy_sim.$$ 2>&1 &
@@ -316,10 +317,93 @@ commands() {
     [ $ran -eq 78 ] || { echo "FAIL: ran $ran commands, expected 78"; fail=1; }
 }
 
+# Width and height from a PNG file's header (signature, then the IHDR chunk); fails when
+# the file does not start as a PNG file does.
+png_size() {
+    python3 -c '
+import struct, sys
+d = open(sys.argv[1], "rb").read(33)
+if d[:8] != b"\x89PNG\r\n\x1a\n" or d[12:16] != b"IHDR":
+    sys.exit(1)
+print("%d %d" % struct.unpack(">II", d[16:24]))' "$1"
+}
+
+demo() {
+    usage_error "demo --png without a path" "$ztproxy" demo --png
+    usage_error "demo with an unknown argument" "$ztproxy" demo --fast
+    run timeout 60 "$ztproxy" --log-level error demo --png "$tmp/demo.png"
+    [ $rc -eq 0 ] || failed "demo: exit $rc, expected 0 within 60 s"
+    local section
+    for section in "module proxy" "network head" "USB head"; do
+        grep -qx "  $section: every step went as expected" "$tmp/out" || failed "demo: $section did not go as expected"
+    done
+    # The USB link hands back the head's status word; the stream is counted whole.
+    grep -Eq '^  sendTrigger \(the head answers status 5\) +5$' "$tmp/out" || failed "demo: status word not shown"
+    grep -Eq '^  stream +100 frames in [0-9.]+ s: [0-9.]+ frames/s, [0-9.]+ MB/s, CPU [0-9]+ % of one core$' "$tmp/out" ||
+        failed "demo: no USB stream summary"
+    grep -qF "getOriImageData -> PNG                       $tmp/demo.png (1280 x 1024, 8 bits)" "$tmp/out" ||
+        failed "demo: the image path is not shown"
+    [ "$(png_size "$tmp/demo.png")" = "1280 1024" ] || failed "demo: $tmp/demo.png is not a 1280 x 1024 PNG image"
+}
+
+stream() {
+    local sim=("$ztproxy" --log-level off stream)
+    run "$ztproxy" stream --help
+    [ $rc -eq 0 ] && grep -q -- "--save-every N" "$tmp/out" || failed "stream --help"
+    usage_error "stream without a source" "$ztproxy" stream
+    usage_error "stream with two sources" "${sim[@]}" --sim-net --sim-usb
+    usage_error "stream with a simulated and a real head" "${sim[@]}" --sim-net --local 127.0.0.1 --remote 127.0.0.1
+    usage_error "stream with half an address" "${sim[@]}" --local 127.0.0.1
+    usage_error "stream with a bad address" "${sim[@]}" --local 127.0.0.1 --remote 127.0.0.256
+    usage_error "stream with a bad vendor id" "${sim[@]}" --vid xyz --pid 1
+    usage_error "stream for 0 seconds" "${sim[@]}" --sim-net --seconds 0
+    usage_error "stream for a while" "${sim[@]}" --sim-net --seconds 2s
+    usage_error "stream saving without a folder" "${sim[@]}" --sim-net --save-every 5
+    usage_error "stream with a folder only" "${sim[@]}" --sim-net --out "$tmp"
+    usage_error "stream into a missing folder" "${sim[@]}" --sim-net --save-every 5 --out "$tmp/missing"
+    usage_error "stream with an unknown option" "${sim[@]}" --sim-net --fast
+    usage_error "stream with an option lacking its value" "${sim[@]}" --sim-net --seconds
+    run "${sim[@]}" --vid 1234 --pid 5678
+    [ $rc -eq 1 ] && [ "$(wc -l <"$tmp/err")" -eq 1 ] && grep -q "^ztproxy: no USB device 1234:5678" "$tmp/err" &&
+        [ ! -s "$tmp/out" ] || failed "stream without such a device: exit $rc, expected 1 and one line"
+
+    expect_json "stream --sim-net" 'd["frames"] > 0 and d["dropped"] == 0 and d["saved"] == 0 and d["bytes"] >= d["frames"] * 2621440' \
+        "${sim[@]}" --sim-net --seconds 2 --json
+    mkdir "$tmp/frames"
+    expect_json "stream --sim-usb" 'd["frames"] > 0 and d["dropped"] == 0 and d["saved"] == d["frames"] // 20 and d["saved"] > 0' \
+        "${sim[@]}" --sim-usb --seconds 2 --json --save-every 20 --out "$tmp/frames"
+    local saved
+    saved=$(python3 -c 'import json, sys; print(json.load(sys.stdin)["saved"])' <"$tmp/out")
+    [ "$(find "$tmp/frames" -name 'frame-*.png' | wc -l)" -eq "$saved" ] && [ -f "$tmp/frames/frame-000020.png" ] ||
+        failed "stream --save-every 20: the files are not the $saved saved"
+    local png
+    for png in "$tmp"/frames/frame-*.png; do
+        [ "$(png_size "$png")" = "1280 1024" ] || failed "stream: $png is not a 1280 x 1024 PNG image"
+    done
+
+    # Not a terminal: no counters, one summary line.
+    run "${sim[@]}" --sim-net --seconds 1
+    [ $rc -eq 0 ] && [ "$(wc -l <"$tmp/out")" -eq 1 ] &&
+        grep -Eqx 'stream: [1-9][0-9]* frames in [0-9.]+ s: [0-9.]+ frames/s, [0-9.]+ MB/s, CPU [0-9]+ % of one core, dropped 0, saved 0' "$tmp/out" ||
+        failed "stream --sim-net: exit $rc, expected 0 and one summary line"
+
+    # Ctrl-C ends the stream early, with its summary.
+    "${sim[@]}" --sim-net --seconds 60 --json </dev/null >"$tmp/out" 2>"$tmp/err" &
+    local tool=$!
+    sleep 2
+    kill -INT $tool
+    wait $tool
+    rc=$?
+    [ $rc -eq 0 ] && python3 -c 'import json, sys; d = json.load(sys.stdin); sys.exit(0 if d["seconds"] < 10 and d["frames"] > 0 else 1)' <"$tmp/out" ||
+        failed "stream interrupted: exit $rc, expected 0 and a summary of a few seconds"
+}
+
 case $part in
 basics) basics; device_basics ;;
 commands) commands ;;
-all) basics; device_basics; commands ;;
+demo) demo ;;
+stream) stream ;;
+all) basics; device_basics; commands; demo; stream ;;
 *) echo "unknown part: $part" >&2; exit 2 ;;
 esac
 exit $fail

@@ -1,0 +1,441 @@
+#include "stream_command.h"
+
+#include "command_run.h"
+#include "frame_record.h"
+#include "stream_view.h"
+#include "ztEmbeddedModuleProxyServer.h"
+#include "ztSimNetworkHead.h"
+#ifdef ZT_WITH_USB
+#include "usb_emulation.h"
+#include "usb_open.h"
+#include "ztSimUsbHead.h"
+#include "ztUsbProxyServer.h"
+#endif
+
+#include <arpa/inet.h>
+#include <sys/stat.h>
+
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zt::tools {
+
+namespace {
+
+const char* const kStreamUsage =
+    "usage: ztproxy stream SOURCE [--seconds N] [--save-every N --out DIR] [--json]\n"
+    "\n"
+    "Receives frames from a scanner head for N seconds and counts them: frames, frames/s,\n"
+    "MB/s and frames dropped, redrawn on one line while standard output is a terminal.\n"
+    "At the end one summary line (or one JSON object) is printed. Ctrl-C ends early.\n"
+    "\n"
+    "sources:\n"
+    "  --sim-net              a simulated network head in this process on 127.0.0.1:42001,\n"
+    "                         streaming 100 full frames of 1280 x 1024 pixels a second\n"
+#ifdef ZT_WITH_USB
+    "  --sim-usb              the emulated USB head in this process, streaming the same; it\n"
+    "                         needs umockdev's LD_PRELOAD=libumockdev-preload.so.0, which\n"
+    "                         the tool sets by running itself again when it is missing\n"
+#endif
+    "  --local IP --remote IP a network head (port 42001), connecting from IP [--sn SN]\n"
+#ifdef ZT_WITH_USB
+    "  --vid V --pid P        a USB head by hexadecimal ids [--serial S]\n"
+#endif
+    "\n"
+    "options:\n"
+    "  --seconds N            how long to receive (default 5)\n"
+    "  --save-every N         write every Nth full-frame record (type 1280) as an 8-bit PNG\n"
+    "  --out DIR              ... into this existing folder, as frame-NNNNNN.png\n"
+    "  --json                 print the summary as one JSON object\n"
+    "  -h, --help             show this help\n"
+    "\n"
+    "Frames dropped are known for the simulated heads only: frames the head sent that never\n"
+    "reached the data callback.\n"
+    "\n"
+    "exit status: 0 when the stream ran (also when interrupted); 1 when the head cannot be\n"
+    "reached or an image cannot be written; 2 on a usage error.\n";
+
+constexpr unsigned short kSimWidth = 1280;
+constexpr unsigned short kSimHeight = 1024;
+constexpr double kSimFramesPerSecond = 100;
+constexpr int kHeadPort = ztSimNetworkHead::kDefaultPort;
+constexpr int kOnlineWaitMs = 2500;
+constexpr int kRedrawMs = 250;
+// After a simulated stream ends, frames still on their way get this long to arrive.
+constexpr int kTailWaitMs = 2000;
+
+enum class Source { None, SimNet, SimUsb, Net, Usb };
+
+struct Options {
+    bool help = false;
+    bool json = false;
+    Source source = Source::None;
+    std::string local, remote, sn;
+    std::string vid, pid, serial;
+    long long seconds = 5;
+    long long saveEvery = 0;
+    std::string outDir;
+};
+
+bool parseCount(const std::string& text, long long& value)
+{
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    return ec == std::errc() && end == text.data() + text.size() && value > 0;
+}
+
+bool isIPv4(const std::string& text)
+{
+    in_addr a{};
+    return ::inet_pton(AF_INET, text.c_str(), &a) == 1;
+}
+
+bool parse(int argc, char** argv, Options& o, std::string& error)
+{
+    std::vector<std::string> sources;
+    std::string seconds, saveEvery;
+    for (int i = 0; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "-h" || arg == "--help") {
+            o.help = true;
+            continue;
+        }
+        if (arg == "--json") {
+            o.json = true;
+            continue;
+        }
+        if (arg == "--sim-net" || arg == "--sim-usb") {
+            sources.push_back(arg);
+            continue;
+        }
+        std::string* value = nullptr;
+        if (arg == "--local")
+            value = &o.local;
+        else if (arg == "--remote")
+            value = &o.remote;
+        else if (arg == "--sn")
+            value = &o.sn;
+        else if (arg == "--vid")
+            value = &o.vid;
+        else if (arg == "--pid")
+            value = &o.pid;
+        else if (arg == "--serial")
+            value = &o.serial;
+        else if (arg == "--seconds")
+            value = &seconds;
+        else if (arg == "--save-every")
+            value = &saveEvery;
+        else if (arg == "--out")
+            value = &o.outDir;
+        if (value == nullptr) {
+            error = "stream: unknown option '" + arg + "' (see ztproxy stream --help)";
+            return false;
+        }
+        if (i + 1 >= argc) {
+            error = "stream: " + arg + " needs a value";
+            return false;
+        }
+        *value = argv[++i];
+    }
+    if (o.help)
+        return true;
+    const bool net = !o.local.empty() || !o.remote.empty() || !o.sn.empty();
+    const bool usb = !o.vid.empty() || !o.pid.empty() || !o.serial.empty();
+    if (sources.size() + (net ? 1 : 0) + (usb ? 1 : 0) != 1) {
+        error = "stream: give one source: --sim-net, --sim-usb, --local IP --remote IP, or --vid V --pid P";
+        return false;
+    }
+    if (!sources.empty()) {
+        o.source = sources[0] == "--sim-net" ? Source::SimNet : Source::SimUsb;
+    } else if (net) {
+        if (o.local.empty() || o.remote.empty()) {
+            error = "stream: a network head needs both --local IP and --remote IP";
+            return false;
+        }
+        for (const std::string& ip : {o.local, o.remote})
+            if (!isIPv4(ip)) {
+                error = "stream: '" + ip + "' is not an IPv4 address";
+                return false;
+            }
+        o.source = Source::Net;
+    } else {
+        if (o.vid.empty() || o.pid.empty()) {
+            error = "stream: a USB head needs both --vid V and --pid P";
+            return false;
+        }
+        o.source = Source::Usb;
+    }
+#ifndef ZT_WITH_USB
+    if (o.source == Source::SimUsb || o.source == Source::Usb) {
+        error = "stream: this build has no USB link";
+        return false;
+    }
+#endif
+    if (!seconds.empty() && (!parseCount(seconds, o.seconds) || o.seconds > 86400)) {
+        error = "stream: --seconds '" + seconds + "' is not a whole number from 1 to 86400";
+        return false;
+    }
+    if (!saveEvery.empty() && !parseCount(saveEvery, o.saveEvery)) {
+        error = "stream: --save-every '" + saveEvery + "' is not a whole number above 0";
+        return false;
+    }
+    if ((o.saveEvery > 0) != !o.outDir.empty()) {
+        error = "stream: --save-every N and --out DIR go together";
+        return false;
+    }
+    struct stat st {};
+    if (!o.outDir.empty() && (::stat(o.outDir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))) {
+        error = "stream: --out '" + o.outDir + "' is not an existing folder";
+        return false;
+    }
+    return true;
+}
+
+// Counts what the data callback delivers and saves every Nth full-frame record.
+struct Receiver {
+    Receiver(ztImageAssembler& images, const Options& o) : assembler(images), saveEvery(o.saveEvery), outDir(o.outDir) {}
+
+    ztImageAssembler& assembler;
+    const long long saveEvery;
+    const std::string outDir;
+
+    std::mutex mutex;
+    long long frames = 0;
+    long long bytes = 0;
+    long long saved = 0;
+    std::string saveError;
+    // Touched by the link's delivering thread only.
+    long long fullFrames = 0;
+
+    static bool isFrame(int type)
+    {
+        return type == 512 || type == 513 || type == 514 || type == 1280 || type == 1281;
+    }
+
+    static void cb(int type, char* data, int length, void* user)
+    {
+        auto* self = static_cast<Receiver*>(user);
+        if (!isFrame(type))
+            return;
+        std::string error;
+        bool wrote = false;
+        if (self->saveEvery > 0 && type == kFullFrameType) {
+            char* record = recordIn(data, length);
+            if (record != nullptr && ++self->fullFrames % self->saveEvery == 0) {
+                char name[32];
+                std::snprintf(name, sizeof name, "/frame-%06lld.png", self->fullFrames);
+                wrote = saveRecordAsPng(self->assembler, record, self->outDir + name, error);
+            }
+        }
+        std::lock_guard<std::mutex> lock(self->mutex);
+        ++self->frames;
+        self->bytes += length;
+        self->saved += wrote ? 1 : 0;
+        if (!error.empty() && self->saveError.empty())
+            self->saveError = error;
+    }
+
+    StreamFigures figures(const UsageMeter& meter)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return {frames, bytes, meter.seconds(), meter.cpuPercent()};
+    }
+};
+
+// The simulated head's side: how many whole frames it has sent, and ending its stream.
+struct SimStream {
+    std::function<std::size_t()> sentBytes;
+    std::function<void()> stop;
+    std::size_t unitSize = 0;
+};
+
+std::vector<char> simUnit()
+{
+    const std::vector<char> record = gradientRecord(kSimWidth, kSimHeight, 1);
+    return ztSimNetworkHead::extendedPacket(kFullFrameType, 1, record.data(), record.size());
+}
+
+// Receives for the options' time (or until Ctrl-C), prints the counters and the summary.
+int receive(const Options& o, Receiver& receiver, const SimStream* sim)
+{
+    const bool terminal = stdoutIsTerminal();
+    const UsageMeter meter;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(o.seconds);
+    while (!wasInterrupted() && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(kRedrawMs));
+        if (!terminal || o.json)
+            continue;
+        const StreamFigures f = receiver.figures(meter);
+        std::printf("\r  %lld frames  %.1f frames/s  %.1f MB/s  dropped %s   ", f.frames, f.framesPerSecond(),
+                    f.megabytesPerSecond(), sim != nullptr ? "0" : "-");
+        std::fflush(stdout);
+    }
+    StreamFigures figures = receiver.figures(meter);
+    long long dropped = -1;
+    if (sim != nullptr) {
+        sim->stop();
+        const auto sent = static_cast<long long>(sim->sentBytes() / sim->unitSize);
+        const auto tail = std::chrono::steady_clock::now() + std::chrono::milliseconds(kTailWaitMs);
+        while (receiver.figures(meter).frames < sent && std::chrono::steady_clock::now() < tail)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        const StreamFigures all = receiver.figures(meter);
+        figures.frames = all.frames;
+        figures.bytes = all.bytes;
+        dropped = sent > all.frames ? sent - all.frames : 0;
+    }
+    if (terminal && !o.json)
+        std::printf("\n");
+    long long saved = 0;
+    std::string saveError;
+    {
+        std::lock_guard<std::mutex> lock(receiver.mutex);
+        saved = receiver.saved;
+        saveError = receiver.saveError;
+    }
+    const std::string droppedText = dropped < 0 ? (o.json ? "null" : "-") : std::to_string(dropped);
+    if (o.json) {
+        std::printf("{\"seconds\": %.3f, \"frames\": %lld, \"bytes\": %lld, \"frames_per_second\": %.1f, "
+                    "\"megabytes_per_second\": %.1f, \"cpu_percent\": %.0f, \"dropped\": %s, \"saved\": %lld}\n",
+                    figures.seconds, figures.frames, figures.bytes, figures.framesPerSecond(),
+                    figures.megabytesPerSecond(), figures.cpuPercent, droppedText.c_str(), saved);
+    } else {
+        std::printf("stream: %s, dropped %s, saved %lld\n", figures.text().c_str(), droppedText.c_str(), saved);
+    }
+    std::fflush(stdout);
+    if (!saveError.empty()) {
+        std::fprintf(stderr, "ztproxy: %s\n", saveError.c_str());
+        return 1;
+    }
+    return 0;
+}
+
+int streamNetwork(const Options& o)
+{
+    std::unique_ptr<ztSimNetworkHead> head;
+    std::string local = o.local;
+    std::string remote = o.remote;
+    if (o.source == Source::SimNet) {
+        local = remote = "127.0.0.1";
+        head = std::make_unique<ztSimNetworkHead>(remote, kHeadPort);
+        if (head->start() != 0) {
+            std::fprintf(stderr, "ztproxy: the simulated head cannot listen on %s:%d (in use?)\n", remote.c_str(),
+                         kHeadPort);
+            return 1;
+        }
+    }
+    int status = 0;
+    {
+        ztEmbeddedModuleProxyServer server;
+        Receiver receiver(server, o);
+        server.registerModuleServerDataCB(&Receiver::cb, &receiver);
+        const int rc = server.init(local, remote, o.sn);
+        if (!server.isConnected()) {
+            std::fprintf(stderr, "ztproxy: the head at %s:%d did not come online (init returned %d)\n", remote.c_str(),
+                         kHeadPort, rc);
+            status = 1;
+        } else if (head) {
+            const std::vector<char> unit = simUnit();
+            head->startStream(ztSimNetworkHead::Data, unit, 0, static_cast<double>(unit.size()) * kSimFramesPerSecond);
+            const SimStream sim{[&] { return head->streamedBytes(); }, [&] { head->stopStream(); }, unit.size()};
+            status = receive(o, receiver, &sim);
+        } else {
+            status = receive(o, receiver, nullptr);
+        }
+        server.deInit();
+    }
+    if (head)
+        head->stop();
+    return status;
+}
+
+#ifdef ZT_WITH_USB
+int streamUsb(const Options& o)
+{
+    UsbSelector which;
+    if (o.source == Source::SimUsb) {
+        which.vendor = ztSimUsbHead::kVendor;
+        which.product = ztSimUsbHead::kProduct;
+    } else {
+        which.serial = o.serial;
+        if (!parseUsbId(o.vid, which.vendor))
+            return usageError("stream: vendor id '" + o.vid + "' is not a hexadecimal number from 0 to ffff");
+        if (!parseUsbId(o.pid, which.product))
+            return usageError("stream: product id '" + o.pid + "' is not a hexadecimal number from 0 to ffff");
+    }
+    std::unique_ptr<ztSimUsbHead> head;
+    if (o.source == Source::SimUsb) {
+        head = std::make_unique<ztSimUsbHead>();
+        if (head->start() != 0) {
+            reportUsbEmulationMissing();
+            return 1;
+        }
+    }
+    int status = 0;
+    {
+        UsbHead usb;
+        std::string error;
+        if (!usb.open(which, error)) {
+            std::fprintf(stderr, "ztproxy: %s\n", error.c_str());
+            status = 1;
+        } else {
+            ztUsbProxyServer server(usb.info(), usb.handle());
+            Receiver receiver(server, o);
+            server.registerModuleServerDataCB(&Receiver::cb, &receiver);
+            const int rc = server.init();
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kOnlineWaitMs);
+            while (rc == 0 && !server.isConnected() && !wasInterrupted() && std::chrono::steady_clock::now() < deadline)
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            if (!server.isConnected()) {
+                std::fprintf(stderr, "ztproxy: the USB head %s did not come online (init returned %d)\n",
+                             usb.info().serialNumber, rc);
+                status = 1;
+            } else if (head) {
+                const std::vector<char> unit = simUnit();
+                head->startStream(unit, 0, static_cast<double>(unit.size()) * kSimFramesPerSecond);
+                const SimStream sim{[&] { return head->streamedBytes(); }, [&] { head->stopStream(); }, unit.size()};
+                status = receive(o, receiver, &sim);
+            } else {
+                status = receive(o, receiver, nullptr);
+            }
+            server.deInit();
+        }
+    }
+    // Every handle on the emulated head is closed by now.
+    if (head)
+        head->stop();
+    return status;
+}
+#endif
+
+} // namespace
+
+int runStreamCommand(int argc, char** argv, char** programArgv)
+{
+    Options o;
+    std::string error;
+    if (!parse(argc, argv, o, error))
+        return usageError(error);
+    if (o.help) {
+        std::fputs(kStreamUsage, stdout);
+        return 0;
+    }
+#ifdef ZT_WITH_USB
+    if (o.source == Source::SimUsb && !usbEmulationPreloaded())
+        return runAgainWithUsbEmulation(programArgv);
+    catchInterrupts();
+    if (o.source == Source::SimUsb || o.source == Source::Usb)
+        return streamUsb(o);
+#else
+    (void)programArgv;
+    catchInterrupts();
+#endif
+    return streamNetwork(o);
+}
+
+} // namespace zt::tools
