@@ -162,16 +162,6 @@ const Command& command(Cmd id)
     return kCatalogue[static_cast<std::size_t>(id)];
 }
 
-const Command* catalogueBegin()
-{
-    return std::begin(kCatalogue);
-}
-
-const Command* catalogueEnd()
-{
-    return std::end(kCatalogue);
-}
-
 Payload& Payload::put(const void* p, std::size_t n)
 {
     const char* b = static_cast<const char*>(p);

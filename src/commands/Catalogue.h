@@ -62,9 +62,6 @@ struct Command {
 };
 
 const Command& command(Cmd id);
-// Every command, in catalogue order.
-const Command* catalogueBegin();
-const Command* catalogueEnd();
 
 // A request payload in wire order (little-endian numbers). An argument that cannot be
 // encoded marks the payload refused with a reason; a refused payload is never sent.
@@ -104,7 +101,6 @@ private:
 class ReplyView {
 public:
     ReplyView(const char* msg, const char* className, const char* method);
-    const char* message() const { return m_msg; }
     unsigned short type() const;
     // Payload bytes held (0 for a malformed message).
     int length() const { return m_length; }

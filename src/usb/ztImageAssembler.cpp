@@ -98,18 +98,31 @@ bool anyNull(const char* method, const char* record, const short* width, const s
     return true;
 }
 
-// Keeps the new image as the object's last one and fills the caller's outputs from it and
-// from the record's head.
-int handOut(std::mutex& mutex, cv::Mat& last, cv::Mat made, const char* record, unsigned char*& image,
-            short* width, short* height, unsigned long long* timestamp, char* header)
+// The common course of both record conversions: checks the pointers, builds the image
+// from the record's width and height with build (allocation failures logged), keeps it as
+// the object's last image and fills the caller's outputs from it and the record's head.
+template <class Build>
+int assemble(const char* method, std::mutex& mutex, cv::Mat& last, char* record, unsigned char*& image, short* width,
+             short* height, unsigned long long* timestamp, char* header, Build&& build)
 {
+    if (anyNull(method, record, width, height, timestamp, header))
+        return -1;
+    const int w = readAt<std::uint16_t>(record, kWidthAt);
+    const int h = readAt<std::uint16_t>(record, kHeightAt);
+    cv::Mat made;
+    try {
+        made = build(w, h);
+    } catch (const std::exception& e) {
+        ZTLOG_ERROR("ztImageAssembler::[%s] cannot allocate a %dx%d image: %s", method, w, h, e.what());
+        return -1;
+    }
     {
         std::lock_guard<std::mutex> lock(mutex);
         last = std::move(made);
         image = last.data;
     }
-    *width = static_cast<short>(readAt<std::uint16_t>(record, kWidthAt));
-    *height = static_cast<short>(readAt<std::uint16_t>(record, kHeightAt));
+    *width = static_cast<short>(w);
+    *height = static_cast<short>(h);
     *timestamp = readAt<std::uint64_t>(record, kTimestampAt);
     std::memcpy(header, record, kHeaderSize);
     return 0;
@@ -169,50 +182,37 @@ void ztImageAssembler::MergePart2Complete(cv::Mat* full, unsigned char* part, in
 int ztImageAssembler::getOriImageData(char* record, unsigned char*& image, short* width, short* height,
                                       unsigned long long* timestamp, char* header)
 {
-    if (anyNull("getOriImageData", record, width, height, timestamp, header))
-        return -1;
-    const int w = readAt<std::uint16_t>(record, kWidthAt);
-    const int h = readAt<std::uint16_t>(record, kHeightAt);
-    cv::Mat converted;
-    try {
-        // As imageFormat_16To8(record + 76, w x h, h, w), without its int pixel count,
-        // which 65535 x 65535 would overflow.
-        converted = scaledImage(reinterpret_cast<unsigned char*>(record + kPixelsAt),
-                                static_cast<std::size_t>(w) * static_cast<std::size_t>(h), h, w);
-    } catch (const std::exception& e) {
-        ZTLOG_ERROR("ztImageAssembler::[getOriImageData] cannot allocate a %dx%d image: %s", w, h, e.what());
-        return -1;
-    }
-    return handOut(m_imageMutex, m_image, std::move(converted), record, image, width, height, timestamp, header);
+    return assemble("getOriImageData", m_imageMutex, m_image, record, image, width, height, timestamp, header,
+                    [record](int w, int h) {
+                        // As imageFormat_16To8(record + 76, w x h, h, w), without its int pixel
+                        // count, which 65535 x 65535 would overflow.
+                        return scaledImage(reinterpret_cast<unsigned char*>(record + kPixelsAt),
+                                           static_cast<std::size_t>(w) * static_cast<std::size_t>(h), h, w);
+                    });
 }
 
 int ztImageAssembler::getCutoutImageData(char* record, unsigned char*& image, short* width, short* height,
                                          unsigned long long* timestamp, char* header)
 {
-    if (anyNull("getCutoutImageData", record, width, height, timestamp, header))
-        return -1;
-    const int w = readAt<std::uint16_t>(record, kWidthAt);
-    const int h = readAt<std::uint16_t>(record, kHeightAt);
-    cv::Mat assembled;
-    try {
-        // Zeroed: pixels that no part covers read as 0.
-        assembled = cv::Mat::zeros(h, w, CV_8UC1);
-    } catch (const std::exception& e) {
-        ZTLOG_ERROR("ztImageAssembler::[getCutoutImageData] cannot allocate a %dx%d image: %s", w, h, e.what());
-        return -1;
-    }
-    const int parts = readAt<std::uint16_t>(record, kPartCountAt);
-    char* part = record + kPartsAt;
-    for (int i = 0; i < parts; ++i) {
-        const int x = readAt<std::uint16_t>(part, 0);
-        const int y = readAt<std::uint16_t>(part, 2);
-        const int partWidth = readAt<std::uint16_t>(part, 4);
-        const int partRows = readAt<std::uint16_t>(part, 6);
-        // A part is pasted only when it ends strictly inside the image (which puts its
-        // corner inside too); one that reaches the right or bottom edge exactly is skipped.
-        if (x + partWidth < w && y + partRows < h)
-            MergePart2Complete(&assembled, reinterpret_cast<unsigned char*>(part + kPartHeadSize), x, y, partWidth, partRows);
-        part += kPartHeadSize + static_cast<std::size_t>(partWidth) * static_cast<std::size_t>(partRows);
-    }
-    return handOut(m_imageMutex, m_image, std::move(assembled), record, image, width, height, timestamp, header);
+    return assemble("getCutoutImageData", m_imageMutex, m_image, record, image, width, height, timestamp, header,
+                    [this, record](int w, int h) {
+                        // Zeroed: pixels that no part covers read as 0.
+                        cv::Mat assembled = cv::Mat::zeros(h, w, CV_8UC1);
+                        const int parts = readAt<std::uint16_t>(record, kPartCountAt);
+                        char* part = record + kPartsAt;
+                        for (int i = 0; i < parts; ++i) {
+                            const int x = readAt<std::uint16_t>(part, 0);
+                            const int y = readAt<std::uint16_t>(part, 2);
+                            const int partWidth = readAt<std::uint16_t>(part, 4);
+                            const int partRows = readAt<std::uint16_t>(part, 6);
+                            // A part is pasted only when it ends strictly inside the image
+                            // (which puts its corner inside too); one that reaches the right
+                            // or bottom edge exactly is skipped.
+                            if (x + partWidth < w && y + partRows < h)
+                                MergePart2Complete(&assembled, reinterpret_cast<unsigned char*>(part + kPartHeadSize), x,
+                                                   y, partWidth, partRows);
+                            part += kPartHeadSize + static_cast<std::size_t>(partWidth) * static_cast<std::size_t>(partRows);
+                        }
+                        return assembled;
+                    });
 }

@@ -648,28 +648,13 @@ struct Wire {
     Bytes payload;
 };
 
-#ifdef ZT_TEST_LINK_NETWORK
-// ztEmbeddedModuleProxyServer online against the simulated network head on loopback.
-class NetworkLink {
+// What both links do with their simulated head: set its replies, read the requests it
+// recorded, and count the callbacks the server raises.
+template <class HeadT>
+class SimulatedHead {
 public:
-    static constexpr bool kNetwork = true;
-    static constexpr const char* kClass = "ztEmbeddedModuleProxyServer";
-    using Server = ztEmbeddedModuleProxyServer;
-    using Head = ztSimNetworkHead;
-
-    // An empty text once online, else what went wrong.
-    std::string start()
-    {
-        if (m_head.start() != 0)
-            return "the simulated head cannot listen on 127.0.0.1:42001";
-        return connect();
-    }
-    Server& server() { return *m_server; }
-    Cmd& commands() { return *m_server; }
+    using Head = HeadT;
     Calls& calls() { return m_calls; }
-    static bool runs(const Row&) { return true; }
-    int call(const Row& row, Out& out) { return row.call ? row.call(*m_server, out) : row.netCall(*m_server, out); }
-
     void resetReplies() { m_head.resetReplies(); }
     void feed(unsigned short type, const Feed& f)
     {
@@ -681,7 +666,7 @@ public:
             m_head.setEchoReply(type, f.bytes);
             break;
         case Feed::Raw:
-            m_head.setRawReply(type, f.bytes);
+            m_head.setRawReply(type, {f.bytes});
             break;
         case Feed::None:
             m_head.setNoReply(type);
@@ -690,7 +675,7 @@ public:
     }
     bool nextCommand(Wire& out, int timeoutMs)
     {
-        Head::Request r;
+        typename Head::Request r;
         if (!m_head.nextCommand(r, timeoutMs))
             return false;
         out.type = r.type;
@@ -698,6 +683,32 @@ public:
         return true;
     }
     void clearCommands() { m_head.clearCommands(); }
+
+protected:
+    Calls m_calls;
+    Head m_head;
+};
+
+#ifdef ZT_TEST_LINK_NETWORK
+// ztEmbeddedModuleProxyServer online against the simulated network head on loopback.
+class NetworkLink : public SimulatedHead<ztSimNetworkHead> {
+public:
+    static constexpr bool kNetwork = true;
+    static constexpr const char* kClass = "ztEmbeddedModuleProxyServer";
+    using Server = ztEmbeddedModuleProxyServer;
+
+    // An empty text once online, else what went wrong.
+    std::string start()
+    {
+        if (m_head.start() != 0)
+            return "the simulated head cannot listen on 127.0.0.1:42001";
+        return connect();
+    }
+    Server& server() { return *m_server; }
+    Cmd& commands() { return *m_server; }
+    static bool runs(const Row&) { return true; }
+    int call(const Row& row, Out& out) { return row.call ? row.call(*m_server, out) : row.netCall(*m_server, out); }
+
 
     // Makes every later exchange fail at its send: the head closes the command connection.
     // The first request after that still leaves the host, and the head's end answers it
@@ -734,8 +745,6 @@ private:
         return {};
     }
 
-    Calls m_calls;
-    Head m_head{"127.0.0.1", Head::kDefaultPort};
     std::unique_ptr<Server> m_server;
 };
 using Links = ::testing::Types<NetworkLink>;
@@ -743,12 +752,11 @@ using Links = ::testing::Types<NetworkLink>;
 
 #ifdef ZT_TEST_LINK_USB
 // ztUsbProxyServer online on libusb's default context against the emulated USB head.
-class UsbLink {
+class UsbLink : public SimulatedHead<ztSimUsbHead> {
 public:
     static constexpr bool kNetwork = false;
     static constexpr const char* kClass = "ztUsbProxyServer";
     using Server = ztUsbProxyServer;
-    using Head = ztSimUsbHead;
 
     ~UsbLink()
     {
@@ -763,38 +771,9 @@ public:
     }
     Server& server() { return *m_server; }
     Cmd& commands() { return *m_server; }
-    Calls& calls() { return m_calls; }
     static bool runs(const Row& row) { return static_cast<bool>(row.call); }
     int call(const Row& row, Out& out) { return row.call(*m_server, out); }
 
-    void resetReplies() { m_head.resetReplies(); }
-    void feed(unsigned short type, const Feed& f)
-    {
-        switch (f.kind) {
-        case Feed::Status:
-            m_head.setStatusReply(type, f.status);
-            break;
-        case Feed::Echo:
-            m_head.setEchoReply(type, f.bytes);
-            break;
-        case Feed::Raw:
-            m_head.setRawReply(type, {f.bytes});
-            break;
-        case Feed::None:
-            m_head.setNoReply(type);
-            break;
-        }
-    }
-    bool nextCommand(Wire& out, int timeoutMs)
-    {
-        Head::Request r;
-        if (!m_head.nextCommand(r, timeoutMs))
-            return false;
-        out.type = r.type;
-        out.payload = std::move(r.payload);
-        return true;
-    }
-    void clearCommands() { m_head.clearCommands(); }
 
     // Unplugged, the device fails every transfer on the open handle at once.
     bool breakExchanges()
@@ -843,8 +822,6 @@ private:
         }
     }
 
-    Calls m_calls;
-    Head m_head;
     bool m_libusb = false;
     libusb_device_handle* m_handle = nullptr;
     std::unique_ptr<Server> m_server;

@@ -114,6 +114,28 @@ std::string payloadOf(const std::vector<char>& message)
     return std::string(message.begin() + 7, message.end() - 1);
 }
 
+TEST(UsbServer, OnlineSequenceTriesTheSETFileFiveTimes)
+{
+    LogCapture log(ZTLOG_LEVEL_INFO);
+    Device d;
+    ASSERT_TRUE(d.open());
+    // A status reply where the SET file should come fails each try at once.
+    d.head.setStatusReply(264, 0);
+    ztUsbProxyServer server(Head::deviceInfo(), d.handle);
+    const auto t0 = Clock::now();
+    ASSERT_EQ(server.init(), 0);
+    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(4900)); // a second after each failure
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(log.count("ztUsbProxyServer::device ZTSIM0001 get SET file failed, time = " + std::to_string(i)), 1);
+    EXPECT_EQ(log.count("ztUsbProxyServer::[getSETFile] receive data error"), 5);
+    int setFileRequests = 0;
+    Head::Request r;
+    while (d.head.nextCommand(r, 100))
+        setFileRequests += r.type == 264 ? 1 : 0;
+    EXPECT_EQ(setFileRequests, 5);
+    server.deInit();
+}
+
 TEST(UsbServer, OnlineThenOfflineWhenTheDeviceVanishes)
 {
     LogCapture log(ZTLOG_LEVEL_INFO);
