@@ -92,6 +92,7 @@ private:
     struct CommandLink;
     zt::commands::Link& commandLink() override;
     void processFrames(ztCamera::ztBufferPool& pool, std::atomic<bool>& stop);
+    void dropLentFrame();
 
     std::atomic<bool> m_bConnected{false};
     std::atomic<bool> m_bHeartBeatAlive{false};
@@ -106,6 +107,10 @@ private:
     char* m_pFileRecv_ctrl = nullptr;
     std::shared_ptr<ztCamera::QlensNetCmd> m_cmd;
     std::mutex m_decoderMutex;
+    // Lends the decoder stream frames to write packets into (declared before the decoder,
+    // which gives a lent frame back when it is destroyed).
+    struct StreamStorage;
+    std::unique_ptr<StreamStorage> m_streamStorage;
     std::unique_ptr<ztCamera::QlensNetProto> m_decoder;
     std::unique_ptr<zt::DataCallback> m_dataCB;
     std::unique_ptr<CommandLink> m_link;
