@@ -89,6 +89,15 @@ SEEDS = {
         "command_data": seed(embedded(301, le("iHH", 1, 5, 6)) + embedded(302, le("ifff", 0, 1.0, 2.0, 3.0)), 2,
                              (0xFF,)),
     },
+    # Query index (0 enumSETFile ... 7 getCurBarFile, 8 the pre-trigger check), the header
+    # choices (0xFF: the right type, sub type and magic), the output size, then the payload.
+    "fuzz_module_queries": {
+        "enum_set_files": le("i", 2) + le("ii", 3, 5) + b"a.setb.set." + bytes([16, 0xFF, 0]),
+        "set_file_md5": b"0123456789abcdef0123456789abcdef" + bytes([16, 0xFF, 1]),
+        "set_file_size": le("I", 4096) + bytes([16, 0xFF, 2]),
+        "set_file": b"SET file bytes" + bytes([8, 0xFF, 3]),
+        "bar_file_wrong_sub": b"bar" + le("I", 0x77) + bytes([4, 0xF1, 7]),
+    },
 }
 
 
