@@ -46,6 +46,26 @@ def marker_record(count):
     return rec
 
 
+# USB completions: (path, status pick, bytes) with path 0 stream, 1 control, 2 event and
+# status pick 0 completed, 36 timed out, 44 and up an error; or (3,) to process the ready
+# frames, (4,) to reset the decoder. The bytes lie at the front, the action byte and the
+# two size bytes of each completion at the end, last consumed first.
+def usb(completions):
+    front, tail = b"", []
+    for c in completions:
+        if len(c) == 1:
+            tail.append(c[0])
+            continue
+        path, status, data = c
+        front += data
+        tail += [status * 5 + path, len(data) >> 8, len(data) & 0xFF]
+    return front + bytes(reversed(tail))
+
+
+def proxy_reply(sub, payload):
+    return proxy(4, sub, payload)
+
+
 SEEDS = {
     "fuzz_proxy_framer": {
         "coalesced": seed(proxy(3, 0x10005, b"abc") + proxy(3, 0x10006, b"defgh") + proxy(3, 0x10007), 0),
@@ -91,6 +111,28 @@ SEEDS = {
     },
     # Query index (0 enumSETFile ... 7 getCurBarFile, 8 the pre-trigger check), the header
     # choices (0xFF: the right type, sub type and magic), the output size, then the payload.
+    "fuzz_usb_inbound": {
+        # A plain packet in two completions and an extended one, then processed.
+        "stream_packets": usb([(0, 0, packet(513, 100)[:60]), (0, 0, packet(513, 100)[60:]),
+                               (0, 36, packet(1280, 160, True)), (3,)]),
+        # Two coalesced events: one cut per completion, the second on an empty time-out.
+        "events": usb([(2, 0, embedded(300, le("iBB", 9, 1, 2)) + embedded(301, le("iHH", 1, 5, 6))),
+                       (2, 36, b""), (3,)]),
+        # A reply whose tail byte comes alone, then short noise that is dropped.
+        "control": usb([(1, 0, embedded(0, le("i", 0))[:-1]), (1, 0, b"\xbb"), (1, 0, b"\xaa\x01")]),
+        # Error completions, and a reset of the decoder in the middle of a packet.
+        "errors": usb([(2, 47, embedded(300, b"lost")), (0, 0, packet(514, 90)[:50]), (4,),
+                       (0, 48, packet(514, 90)[50:]), (0, 0, packet(514, 90)), (3,)]),
+    },
+    # Request index (the catalogue's order), then what the module sends.
+    "fuzz_host_replies": {
+        "heartbeat": bytes([4]) + proxy_reply(0x10002, le("iiQ", 2, 1, 123456) + bytes(904)),
+        "pre_trigger_status": bytes([5]) + proxy_reply(0x10004, le("i", 0)),
+        "firmware_text": bytes([19]) + proxy_reply(0x10013, b"1.2.3"),
+        "system_id": bytes([24]) + proxy_reply(0x10019, le("Q", 0x1122334455667788)),
+        "object_mp_crossed": bytes([52]) + proxy_reply(0x30001, le("i", 1)),
+        "led_exposure_split": bytes([28]) + proxy_reply(0x20001, le("f", 2.5)) + b"\x24\x23",
+    },
     "fuzz_module_queries": {
         "enum_set_files": le("i", 2) + le("ii", 3, 5) + b"a.setb.set." + bytes([16, 0xFF, 0]),
         "set_file_md5": b"0123456789abcdef0123456789abcdef" + bytes([16, 0xFF, 1]),

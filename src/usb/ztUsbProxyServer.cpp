@@ -138,9 +138,7 @@ int ztUsbProxyServer::init()
         if (allocateReplyBuffers() != 0)
             return -1;
     }
-    dropLentFrame();
-    if (m_streamPool->initResource(kStreamFrames, kStreamFrameSize) != 0 ||
-        m_eventPool->initResource(kEventFrames, kEventFrameSize) != 0)
+    if (initPools() != 0)
         return -1;
     if (zt::startWorker(m_hStreamProcessThread, &onStreamProcessThread, this, kName) != 0 ||
         zt::startWorker(m_hEventProcessThread, &onEventProcessThread, this, kName) != 0 ||
@@ -161,6 +159,15 @@ int ztUsbProxyServer::init()
     raiseDataCB(ZT_CODE_DEVICE_ONLINE, nullptr, 0);
     ZTLOG_INFO("ztUsbProxyServer::all usb comunicate threads are established, the device %s goes online.",
                m_info.serialNumber);
+    return 0;
+}
+
+int ztUsbProxyServer::initPools()
+{
+    dropLentFrame();
+    if (m_streamPool->initResource(kStreamFrames, kStreamFrameSize) != 0 ||
+        m_eventPool->initResource(kEventFrames, kEventFrameSize) != 0)
+        return -1;
     return 0;
 }
 
@@ -426,10 +433,14 @@ void ztUsbProxyServer::processFrames(ztCamera::ztBufferPool& pool, std::atomic<b
         // millisecond; it still looks at the stop flag several times a second.
         if (!pool.waitReady(kIdleWaitMs))
             continue;
-        ztCamera::ztPoolFrame* frame = pool.popReady();
-        preProcessMsg(reinterpret_cast<char*>(frame->data));
-        pool.returnFrame(frame);
+        processFrame(pool, pool.popReady());
     }
+}
+
+void ztUsbProxyServer::processFrame(ztCamera::ztBufferPool& pool, ztCamera::ztPoolFrame* frame)
+{
+    preProcessMsg(reinterpret_cast<char*>(frame->data));
+    pool.returnFrame(frame);
 }
 
 unsigned int ztUsbProxyServer::onStreamProcessThread(void* self)
