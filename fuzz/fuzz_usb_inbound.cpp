@@ -182,7 +182,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 control.insert(control.end(), bytes.begin(), bytes.end());
             complete(Path::Control, status, bytes);
             const zt::ByteQueue& held = ztUsbInbound::controlBytes(s);
-            zt::fuzz::check(held.size() == control.size() && std::memcmp(held.data(), control.data(), control.size()) == 0,
+            zt::fuzz::check(std::equal(control.begin(), control.end(), held.data(), held.data() + held.size()),
                             "control bytes kept other than those of the completions the path keeps");
             break;
         }
