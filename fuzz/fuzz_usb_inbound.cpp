@@ -8,9 +8,10 @@
 // Checked: every frame queued holds one whole message within its pool frame (a stream
 // packet with its tags and its own size, an event message of 8 bytes up to the event
 // frame size); the callback is handed exactly that message's payload; control bytes are
-// kept only from the completions the control path keeps; an event completion with data,
-// even none, and no other, marks the device alive; after each input every frame is back
-// in its pool once the ready ones are processed and a half-read packet is dropped.
+// kept only from the completions the control path keeps; a completed or timed-out event
+// transfer, even an empty one, marks the device alive and an error completion does not;
+// after each input every frame is back in its pool once the ready ones are processed and
+// a half-read packet is dropped.
 //
 // Input: per completion one byte picks the action and status and one the piece's size.
 #include "fuzz_support.h"
