@@ -27,6 +27,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
+// Allowance on top of a nominal duration for a loaded machine (parallel tests,
+// sanitizers); bounds then still tell a time-out from a wedge.
+constexpr long long kSlackMs = 2000;
+// The offline declaration: five silent 500 ms heartbeat periods, then the release pause.
+constexpr long long kOfflineMs = 3000;
 
 long long msSince(Clock::time_point t0)
 {
@@ -210,18 +215,18 @@ TEST(UsbFaults, TransferErrorBurstsWhileStreamingAndCommanding)
     o.start();
     ASSERT_TRUE(o.waitConnected(2000));
     const auto unit = streamPacket(100000);
-    const std::size_t total = 80;
-    o.head.startStream(unit, total, 4e6);
-    ASSERT_GE(o.calls.waitCount(1280, 10, 5000), 10u);
+    const std::size_t total = 150;
+    o.head.startStream(unit, total, 2e6);
+    ASSERT_GE(o.calls.waitCount(1280, 5, 5000), 5u);
 
     Exchange x;
     const int errors[2] = {EPROTO, EPIPE};
     for (int i = 0; i < 2; ++i) {
         o.head.failTransfers(true, errors[i]);
         std::this_thread::sleep_for(milliseconds(100));
-        // An error completion carries nothing: no stream packet, no control reply, no
-        // event gets through while the errors last.
-        const std::size_t before = o.calls.count(1280);
+        // An error completion carries nothing: no stream bytes, no control reply, no
+        // event are taken while the errors last.
+        const std::size_t handed = o.head.streamedBytes();
         const auto t0 = Clock::now();
         EXPECT_EQ(x.run(*o.server, 13, 400), -1);
         EXPECT_GE(msSince(t0), 400);
@@ -229,13 +234,16 @@ TEST(UsbFaults, TransferErrorBurstsWhileStreamingAndCommanding)
         const auto event = Head::message(static_cast<unsigned short>(730 + i), "ev", 2);
         o.head.pushEvent(event);
         std::this_thread::sleep_for(milliseconds(100));
-        EXPECT_EQ(o.calls.count(1280), before);
+        EXPECT_EQ(o.head.streamedBytes(), handed);
         EXPECT_EQ(o.calls.count(730 + i), 0u);
 
         // Every transfer was resubmitted: once the errors stop, what waited arrives.
         o.head.failTransfers(false);
         EXPECT_EQ(o.calls.waitCount(730 + i, 1, 3000), 1u);
-        EXPECT_GT(o.calls.waitCount(1280, before + 1, 3000), before);
+        const auto t1 = Clock::now();
+        while (o.head.streamedBytes() == handed && msSince(t1) < 3000)
+            std::this_thread::sleep_for(milliseconds(10));
+        EXPECT_GT(o.head.streamedBytes(), handed);
         // The timed-out command's reply came late and lies in the control buffer; the
         // next command empties it first and gets its own.
         std::this_thread::sleep_for(milliseconds(200));
@@ -252,7 +260,6 @@ TEST(UsbFaults, TransferErrorBurstsWhileStreamingAndCommanding)
     EXPECT_EQ(got.size(), total);
     for (const auto& p : got)
         ASSERT_EQ(p, payloadOf(unit));
-    EXPECT_EQ(o.calls.count(731), 1u);
     // Short bursts never reach the five silent heartbeat periods.
     EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 0u);
     EXPECT_TRUE(o.server->isConnected());
@@ -280,14 +287,14 @@ TEST(UsbFaults, LastingTransferErrorsTakeTheHeadOffline)
     trigger.join();
     EXPECT_EQ(trigger.result, -1);
     EXPECT_GE(trigger.tookMs, 2900);
-    EXPECT_LT(trigger.tookMs, 3600);
+    EXPECT_LT(trigger.tookMs, 3000 + 1500 + kSlackMs); // its send may take up to 1500 ms too
     EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 0u);
     ASSERT_EQ(o.calls.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 6000), 1u);
     // The first period after the command may still count as alive (events completed
-    // before the errors began); then five silent periods and the release pause: 3.5 s.
+    // before the errors began); then five silent periods and the release pause.
     const auto offlineAfter = std::chrono::duration_cast<milliseconds>(Clock::now() - trigger.endedAt).count();
     EXPECT_GE(offlineAfter, 2400);
-    EXPECT_LT(offlineAfter, 4500);
+    EXPECT_LT(offlineAfter, 500 + kOfflineMs + kSlackMs);
     EXPECT_FALSE(o.server->isConnected());
     EXPECT_TRUE(log.waitFor("ztUsbProxyServer::heartbeat timeout, usbdevice sn : ZTSIM0001", 1000));
     EXPECT_EQ(log.count("ztUsbProxyServer::sendCtrlCmd timeout"), 1);
@@ -335,7 +342,7 @@ TEST(UsbFaults, DeviceVanishesWhileStreamingAndCommandingThenANewServerOnTheRepl
     ASSERT_EQ(o.calls.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 6000), 1u);
     const long long offlineAfter = msSince(t0);
     EXPECT_GE(offlineAfter, 2400);
-    EXPECT_LT(offlineAfter, 4000);
+    EXPECT_LT(offlineAfter, kOfflineMs + kSlackMs);
     stop = true;
     commands.join();
     EXPECT_GT(ok, 0);
