@@ -265,6 +265,41 @@ TEST(UsbFaults, TransferErrorBurstsWhileStreamingAndCommanding)
     EXPECT_TRUE(o.server->isConnected());
 }
 
+// libusb hands completions to whichever thread handles events: a command's or the
+// heartbeat's synchronous transfer runs stream completions, even while the receive thread
+// is still submitting and counting transfers (stream data already waits when init starts
+// and asks its first query). No packet is lost or doubled, and deInit still finds every
+// transfer back.
+TEST(UsbFaults, StreamCompletionsOnCommandThreads)
+{
+    Online o;
+    o.open();
+    ASSERT_FALSE(HasFatalFailure());
+    const auto unit = streamPacket(20000);
+    const std::size_t total = 600;
+    o.head.startStream(unit, total, 4e6);
+    o.server = std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle);
+    o.server->registerModuleServerDataCB(&Calls::cb, &o.calls);
+    ASSERT_EQ(o.server->init(), 0);
+    Exchange x;
+    int ok = 0;
+    for (int i = 0; !o.head.waitStreamDone(0) && i < 2000; ++i) {
+        o.head.setStatusReply(13, i);
+        ASSERT_EQ(x.run(*o.server, 13, 3000), 0);
+        ASSERT_EQ(x.status(), Head::statusMessage(i));
+        ++ok;
+    }
+    EXPECT_GT(ok, 0);
+    ASSERT_TRUE(o.head.waitStreamDone(10000));
+    EXPECT_EQ(o.calls.waitCount(1280, total, 5000), total);
+    std::this_thread::sleep_for(milliseconds(100));
+    EXPECT_EQ(o.calls.count(1280), total);
+    EXPECT_TRUE(o.server->isConnected());
+    const auto t0 = Clock::now();
+    o.server->deInit();
+    EXPECT_LT(msSince(t0), 500 + kSlackMs);
+}
+
 TEST(UsbFaults, LastingTransferErrorsTakeTheHeadOffline)
 {
     LogCapture log(ZTLOG_LEVEL_INFO);
@@ -335,7 +370,9 @@ TEST(UsbFaults, DeviceVanishesWhileStreamingAndCommandingThenANewServerOnTheRepl
             std::this_thread::sleep_for(milliseconds(10));
         }
     });
-    std::this_thread::sleep_for(milliseconds(200));
+    for (int i = 0; i < 300 && ok == 0; ++i)
+        std::this_thread::sleep_for(milliseconds(10));
+    EXPECT_GT(ok, 0);
 
     const auto t0 = Clock::now();
     o.head.unplug();
@@ -345,7 +382,6 @@ TEST(UsbFaults, DeviceVanishesWhileStreamingAndCommandingThenANewServerOnTheRepl
     EXPECT_LT(offlineAfter, kOfflineMs + kSlackMs);
     stop = true;
     commands.join();
-    EXPECT_GT(ok, 0);
     EXPECT_GT(failed, 0);
     // Commands and heartbeats fail at their send: libusb reports no device (-4).
     EXPECT_GE(log.count("ztUsbProxyServer::sendCtrlCmd libusb_bulk_transfer failed, ret = -4"), 1);
@@ -418,7 +454,7 @@ TEST(UsbFaults, StaleRepliesAndTheNextCommand)
     o.head.setEchoReply(4, imageSize(640, 480));
     auto query = nextWhileHeld(4);
     EXPECT_EQ(query->result, 0);
-    EXPECT_LT(query->tookMs, 1500);
+    EXPECT_LT(query->tookMs, 3000); // answered, not timed out
     EXPECT_EQ(w, 640);
     EXPECT_EQ(h, 480);
     // Its own reply came after it and is emptied by the command after.
@@ -431,7 +467,7 @@ TEST(UsbFaults, StaleRepliesAndTheNextCommand)
     w = h = 0;
     query = nextWhileHeld(13);
     EXPECT_EQ(query->result, -1);
-    EXPECT_LT(query->tookMs, 1500);
+    EXPECT_LT(query->tookMs, 3000); // answered, not timed out
     EXPECT_EQ(log.count("ztUsbProxyServer::[getImageSize] receive data error"), 1);
     EXPECT_EQ(w, 0);
     std::this_thread::sleep_for(milliseconds(200));
