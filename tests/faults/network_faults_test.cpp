@@ -26,7 +26,7 @@ using std::chrono::milliseconds;
 const char* const kIP = "127.0.0.1";
 // Allowance on top of a nominal duration for a loaded machine (parallel tests,
 // sanitizers); bounds then still tell a time-out from a wedge.
-constexpr long long kSlackMs = 2000;
+constexpr long long kSlackMs = 3000;
 // A command's reply window, and the offline declaration: five silent 500 ms beats, then the
 // release pause of 500 ms.
 constexpr long long kReplyWindowMs = 5000;
@@ -171,7 +171,7 @@ void expectPromptDeInit(ztEmbeddedModuleProxyServer& server)
 {
     const auto t0 = Clock::now();
     server.deInit();
-    EXPECT_LT(msSince(t0), 2000);
+    EXPECT_LT(msSince(t0), 1000 + kSlackMs);
     EXPECT_FALSE(server.isConnected());
 }
 
@@ -278,7 +278,7 @@ TEST(NetworkFaults, CommandDataConnectionClosedTakesTheHeadOfflineOnce)
     const auto t0 = Clock::now();
     o.head.closeChannel(Head::CommandData);
 
-    ASSERT_EQ(o.seen.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 6000), 1u);
+    ASSERT_EQ(o.seen.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 10000), 1u);
     const long long offlineAfter = msSince(t0);
     EXPECT_GE(offlineAfter, 2400);
     EXPECT_LT(offlineAfter, kOfflineMs + kSlackMs);
@@ -521,7 +521,7 @@ TEST(NetworkFaults, HeadRestartThenInitAgainAndANewServer)
     // The head goes away: every connection closes and the heartbeat lapses once.
     const auto t0 = Clock::now();
     o.head.stop();
-    ASSERT_EQ(o.seen.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 6000), 1u);
+    ASSERT_EQ(o.seen.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 10000), 1u);
     EXPECT_GE(msSince(t0), 2400);
     commands.finish();
     EXPECT_GT(commands.ok, 0);

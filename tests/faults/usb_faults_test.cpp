@@ -29,7 +29,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 // Allowance on top of a nominal duration for a loaded machine (parallel tests,
 // sanitizers); bounds then still tell a time-out from a wedge.
-constexpr long long kSlackMs = 2000;
+constexpr long long kSlackMs = 3000;
 // The offline declaration: five silent 500 ms heartbeat periods, then the release pause.
 constexpr long long kOfflineMs = 3000;
 
@@ -326,7 +326,7 @@ TEST(UsbFaults, LastingTransferErrorsTakeTheHeadOffline)
     EXPECT_GE(trigger.tookMs, 2900);
     EXPECT_LT(trigger.tookMs, 3000 + 1500 + kSlackMs); // its send may take up to 1500 ms too
     EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 0u);
-    ASSERT_EQ(o.calls.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 6000), 1u);
+    ASSERT_EQ(o.calls.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 10000), 1u);
     // The first period after the command may still count as alive (events completed
     // before the errors began); then five silent periods and the release pause.
     const auto offlineAfter = std::chrono::duration_cast<milliseconds>(Clock::now() - trigger.endedAt).count();
@@ -378,7 +378,7 @@ TEST(UsbFaults, DeviceVanishesWhileStreamingAndCommandingThenANewServerOnTheRepl
 
     const auto t0 = Clock::now();
     o.head.unplug();
-    ASSERT_EQ(o.calls.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 6000), 1u);
+    ASSERT_EQ(o.calls.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 10000), 1u);
     const long long offlineAfter = msSince(t0);
     EXPECT_GE(offlineAfter, 2400);
     EXPECT_LT(offlineAfter, kOfflineMs + kSlackMs);
