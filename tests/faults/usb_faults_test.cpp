@@ -349,10 +349,10 @@ TEST(UsbFaults, LastingTransferErrorsTakeTheHeadOffline)
 
     auto t1 = Clock::now();
     o.server->deInit();
-    EXPECT_LT(msSince(t1), 1500);
+    EXPECT_LT(msSince(t1), 500 + kSlackMs);
     t1 = Clock::now();
     o.server->deInit();
-    EXPECT_LT(msSince(t1), 1500);
+    EXPECT_LT(msSince(t1), 500 + kSlackMs);
 }
 
 TEST(UsbFaults, DeviceVanishesWhileStreamingAndCommandingThenANewServerOnTheReplug)
@@ -400,10 +400,10 @@ TEST(UsbFaults, DeviceVanishesWhileStreamingAndCommandingThenANewServerOnTheRepl
     EXPECT_EQ(o.calls.count(1280), delivered);
     auto t1 = Clock::now();
     o.server->deInit();
-    EXPECT_LT(msSince(t1), 1500);
+    EXPECT_LT(msSince(t1), 500 + kSlackMs);
     t1 = Clock::now();
     o.server->deInit();
-    EXPECT_LT(msSince(t1), 1500);
+    EXPECT_LT(msSince(t1), 500 + kSlackMs);
 
     // There is no reconnect inside a server: the owner opens the device again and builds
     // a new one, which comes online and streams.
