@@ -360,24 +360,30 @@ TEST(NetworkFaults, HeadThatAcceptsAndNeverAnswers)
     head.startStream(Head::Data, unit, 0, 300000);
 
     // The four connections stand and the heartbeat starts; the ability query gets no
-    // reply. The heartbeat lapses while it waits and releases the connections, so the SET
-    // file queries find no command connection; the online callback still follows.
+    // reply. The heartbeat lapses while it waits (3 s against its 5 s) and releases the
+    // connections, so the SET file queries then find no command connection; the online
+    // callback still follows the offline one.
     const auto t0 = Clock::now();
     EXPECT_EQ(server.init(kIP, kIP, "SN-F"), 0);
     const long long took = msSince(t0);
     EXPECT_GE(took, 4900);
-    EXPECT_LT(took, kReplyWindowMs + kSlackMs);
     EXPECT_EQ(head.connectionsAccepted(), 4);
     EXPECT_EQ(seen.order({ZT_CODE_DEVICE_OFFLINE, ZT_CODE_DEVICE_ONLINE}),
               (std::vector<int>{ZT_CODE_DEVICE_OFFLINE, ZT_CODE_DEVICE_ONLINE}));
     EXPECT_FALSE(server.isConnected());
     EXPECT_EQ(log.count("ztEmbeddedModuleProxyServer::[getDeviceAbilityInfo] zmq_send failed!"), 1);
     EXPECT_EQ(log.count("Heartbeat timeout = 127.0.0.1"), 1);
-    // The head saw the ability query and nothing after it; beats went out until the end.
+    // The head saw the ability query first. On a machine slow enough for the lapse to
+    // come after the query's 5 s, SET file queries follow, each failing by its own window.
     Head::Request r;
     ASSERT_TRUE(head.nextCommand(r, 100));
     EXPECT_EQ(r.type, 345);
-    EXPECT_FALSE(head.nextCommand(r, 100));
+    int setFileQueries = 0;
+    while (head.nextCommand(r, 100)) {
+        EXPECT_EQ(r.type, 264);
+        ++setFileQueries;
+    }
+    EXPECT_LT(took, (1 + setFileQueries) * kReplyWindowMs + kSlackMs);
     EXPECT_GE(head.heartbeatsReceived(), 5);
     EXPECT_EQ(server.getCurDeviceAbilityInfo().productType, 31u);
     // The stream went on while the host listened, and stopped reaching it at the release.

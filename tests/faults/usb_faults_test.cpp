@@ -294,7 +294,9 @@ TEST(UsbFaults, StreamCompletionsOnCommandThreads)
     EXPECT_EQ(o.calls.waitCount(1280, total, 5000), total);
     std::this_thread::sleep_for(milliseconds(100));
     EXPECT_EQ(o.calls.count(1280), total);
-    EXPECT_TRUE(o.server->isConnected());
+    // Back-to-back commands may keep the heartbeat waiting for the command lock, but the
+    // head is never given up.
+    EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 0u);
     // The release pause, then the receive thread notices the stop flags when its event
     // wait (at most 1 s) returns, and drains.
     const auto t0 = Clock::now();
