@@ -283,7 +283,7 @@ TEST(UsbFaults, StreamCompletionsOnCommandThreads)
     ASSERT_EQ(o.server->init(), 0);
     Exchange x;
     int ok = 0;
-    for (int i = 0; !o.head.waitStreamDone(0) && i < 2000; ++i) {
+    for (int i = 0; i < 2000 && (i < 30 || !o.head.waitStreamDone(0)); ++i) {
         o.head.setStatusReply(13, i);
         ASSERT_EQ(x.run(*o.server, 13, 3000), 0);
         ASSERT_EQ(x.status(), Head::statusMessage(i));
@@ -316,7 +316,7 @@ TEST(UsbFaults, LastingTransferErrorsTakeTheHeadOffline)
     o.head.clearCommands();
     InFlight trigger([&] { return o.server->sendTrigger(); });
     Head::Request r;
-    ASSERT_TRUE(o.head.nextCommand(r, 3000));
+    ASSERT_TRUE(o.head.nextCommand(r, 10000));
     EXPECT_EQ(r.type, 13);
 
     o.head.failTransfers(true, EPROTO);
@@ -454,7 +454,7 @@ TEST(UsbFaults, StaleRepliesAndTheNextCommand)
         o.head.clearCommands();
         auto query = std::make_unique<InFlight>(getSize);
         Head::Request r;
-        EXPECT_TRUE(o.head.nextCommand(r, 2000));
+        EXPECT_TRUE(o.head.nextCommand(r, 10000));
         EXPECT_EQ(r.type, 4);
         o.head.failTransfers(false);
         query->join();
