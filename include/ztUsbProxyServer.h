@@ -125,7 +125,10 @@ private:
     libusb_device_handle* m_handle;
     _ZT_USB3_DEVICE_INFO_ m_info;
     unsigned int m_extra;
-    int m_pending[3] = {0, 0, 0};
+    // Transfers in flight per path. libusb runs completion callbacks on whichever thread
+    // handles events, a command's or the heartbeat's synchronous transfer included, while
+    // the receive thread submits and counts: the counts are atomic.
+    std::atomic<int> m_pending[3] = {0, 0, 0};
     std::atomic<bool> m_stop[4];
     unsigned char** m_buffers[3] = {nullptr, nullptr, nullptr};
     libusb_transfer** m_transfers[3] = {nullptr, nullptr, nullptr};
