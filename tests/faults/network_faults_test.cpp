@@ -562,6 +562,16 @@ TEST(NetworkFaults, HeadRestartThenInitAgainAndANewServer)
     for (auto c : {Head::Command, Head::Data, Head::CommandData, Head::LightPen})
         ASSERT_TRUE(o.head.waitDisconnected(c, 2000)) << c;
 
+    // deInit joined the receivers: init on the same object starts them again and the
+    // stream is read (the heartbeat thread, which deInit leaves alone, is not restarted).
+    ASSERT_EQ(o.server.init(kIP, kIP, "SN-F"), 0);
+    const std::size_t reread = o.seen.count(1280);
+    EXPECT_GE(o.seen.waitCount(1280, reread + 20, 3000), reread + 20);
+    EXPECT_EQ(o.server.sendTrigger(), 0);
+    expectPromptDeInit(o.server);
+    for (auto c : {Head::Command, Head::Data, Head::CommandData, Head::LightPen})
+        ASSERT_TRUE(o.head.waitDisconnected(c, 2000)) << c;
+
     // A new server gets working receivers and a heartbeat again.
     Seen seen;
     ztEmbeddedModuleProxyServer fresh;
