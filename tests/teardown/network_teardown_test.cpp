@@ -294,10 +294,11 @@ TEST(Teardown, ModuleProxyClientWithRequestsNotificationsAndQueriesInFlight)
 // The device server's receive threads notice the stop within their rounds (the data
 // receive at the next streamed packet, the command-data receive at the next heartbeat
 // answer, at most 500 ms), then release waits its 500 ms, and the buffers go once a
-// command in flight has its reply. The heartbeat and light-pen threads are left to end by
+// command in flight has ended: its connection is gone by then, so it polls out its whole
+// 5000 ms reply window. The heartbeat and light-pen threads are left to end by
 // themselves; the destructor joins them after at most one 500 ms heartbeat period.
-constexpr long kDeviceStopMs = 500 + 500 + 800;
-constexpr long kDeviceDestroyMs = kDeviceStopMs + 500;
+constexpr long kDeviceStopMs = 500 + 500 + 5000 + 800;
+constexpr long kDeviceDestroyMs = 500 + 500 + 500 + 800;
 
 TEST(Teardown, EmbeddedServerWithStreamAndCommandsInFlight)
 {
@@ -313,7 +314,7 @@ TEST(Teardown, EmbeddedServerWithStreamAndCommandsInFlight)
         server->registerModuleServerDataCB(&Counter::cb, &frames);
         ASSERT_EQ(server->init(ip, ip, "SN-TEARDOWN"), 0);
         ASSERT_TRUE(server->isConnected());
-        const char body[64] = {};
+        const char body[256] = {};
         head.startStream(ztSimNetworkHead::Data, ztSimNetworkHead::extendedPacket(1280, 7, body, sizeof body), 0, 2e6);
         ASSERT_TRUE(frames.waitFor(20, 3000));
         int mode = 0;
