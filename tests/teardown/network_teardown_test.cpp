@@ -258,7 +258,7 @@ TEST(Teardown, ModuleProxyClientWithRequestsNotificationsAndQueriesInFlight)
             int state = 0;
             Repeater stream([&] { module->sendDeviceStatChanged(2, ++state); }, 1);
             unsigned int size = 0;
-            Repeater query([&] { module->getCurBarFileSize(&size); }, 2);
+            Repeater query([&] { module->getCurBarFileSize(&size); }, 20);
             while (got < 3 || query.calls() < 1)
                 std::this_thread::sleep_for(std::chrono::milliseconds(2));
             // A query is waiting for its answer now.
