@@ -112,7 +112,10 @@ private:
     libusb_device_handle* m_handle;
     _ZT_USB3_DEVICE_INFO_ m_info;
     unsigned int m_extra;
-    int m_pending[3] = {0, 0, 0};
+    // Transfers submitted and not yet completed. Completions also run on threads that
+    // wait in a synchronous libusb transfer (commands, heartbeat) while the data receive
+    // thread is still submitting, so the counts are atomic.
+    std::atomic<int> m_pending[3] = {0, 0, 0};
     std::atomic<bool> m_stop[4];
     unsigned char** m_buffers[3] = {nullptr, nullptr, nullptr};
     libusb_transfer** m_transfers[3] = {nullptr, nullptr, nullptr};
