@@ -415,7 +415,7 @@ TEST(ModuleFaults, NotificationFloodWhileRequestsAreAnswered)
     EXPECT_EQ(flood.wrong, 0);
     EXPECT_LT(sent, kFloodCap) << "the flood ended before the requests";
     EXPECT_EQ(answered, tried);
-    EXPECT_GT(seenDuringRequests, 1000);
+    EXPECT_GT(seenDuringRequests, 100);
     std::string version;
     EXPECT_EQ(host.getFirmwareVersion(version), 0);
 

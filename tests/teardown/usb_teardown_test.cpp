@@ -30,7 +30,6 @@
 
 extern char** environ;
 
-using zt::test::Census;
 using zt::test::Clock;
 using zt::test::kAllowanceMs;
 using zt::test::msSince;
@@ -137,7 +136,6 @@ TEST(TeardownWorker, UsbServerRounds)
 
 TEST(Teardown, UsbServerWithStreamAndCommandsInFlight)
 {
-    const Census before = Census::now();
     const std::string rounds = std::string(kWorkerRounds) + "=" + std::to_string(kRoundsPerWorker);
     std::vector<char*> env;
     for (char** e = environ; *e != nullptr; ++e)
@@ -207,7 +205,6 @@ TEST(Teardown, UsbServerWithStreamAndCommandsInFlight)
         commands += c;
     }
     EXPECT_GT(commands, 100);
-    EXPECT_EQ(zt::test::settleTo(before), before);
     std::printf("ztUsbProxyServer: %d teardowns in %ld ms, longest deInit %ld ms, longest destructor %ld ms, "
                 "%ld commands\n",
                 kWorkers * kRoundsPerWorker, msSince(start), deInit, destroy, commands);
