@@ -46,9 +46,10 @@ constexpr int kRoundsPerWorker = 20; // kWorkers x kRoundsPerWorker = 100 teardo
 // lets the transfers still pending drain (their time-out is 1500 ms); the processing
 // threads notice their flags within 10 ms; the buffers go once a command in flight has
 // had its 3000 ms reply wait, since no reply can come once the control transfers stop.
-constexpr long kUsbStopMs = 500 + 1500 + 10 + 3000 + kAllowanceMs;
-// Without a command in flight the destructor has the release and the drain only.
-constexpr long kUsbDestroyMs = 500 + 1500 + 10 + kAllowanceMs;
+constexpr long kUsbStopMs = 500 + 1000 + 1500 + 10 + 3000 + kAllowanceMs;
+// Without a command in flight the destructor has the release, the event wait and the
+// drain only.
+constexpr long kUsbDestroyMs = 500 + 1000 + 1500 + 10 + kAllowanceMs;
 
 // One worker's share: its figures go to standard output as "figures <deInit> <destroy>
 // <commands>", its verdict is its exit status.
