@@ -77,10 +77,19 @@ void ztModuleProxyClient::deInit()
 {
     m_bStop = true;
     zt::joinWorker(m_hCmdRecvThread, "ztModuleProxyClient");
-    delete m_pDataServer;
-    m_pDataServer = nullptr;
-    delete m_pCmdServer;
-    m_pCmdServer = nullptr;
+    // Senders on other threads use the listeners and the query buffer under the data and
+    // command mutexes; a file query in progress keeps the data listener until it ends.
+    {
+        std::lock_guard<std::mutex> lock(m_dataMutex);
+        delete m_pDataServer;
+        m_pDataServer = nullptr;
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_cmdMutex);
+        delete m_pCmdServer;
+        m_pCmdServer = nullptr;
+    }
+    std::lock_guard<std::mutex> lock(m_dataMutex);
     std::free(m_pQueryBuf);
     m_pQueryBuf = nullptr;
 }

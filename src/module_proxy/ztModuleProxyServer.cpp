@@ -78,6 +78,9 @@ void ztModuleProxyServer::deInit()
     zt::joinWorker(m_hProcessThread, "ztModuleProxyServer");
     zt::joinWorker(m_hConnectThread, "ztModuleProxyServer");
     zt::joinWorker(m_hDataRecvThread, "ztModuleProxyServer");
+    // A request still in flight on another thread holds the command mutex while it
+    // receives into the reply buffer: it ends with its reply before the sockets go.
+    std::lock_guard<std::mutex> lock(m_cmdMutex);
     m_dataSocket->drop();
     m_cmdSocket->drop();
     std::free(m_pReplyBuf);
@@ -250,8 +253,8 @@ int ztModuleProxyServer::request(Req id, const PayloadWriter& payload, const Rep
     // The exchanges outside the command mutex get a reply buffer of their own, so that
     // they never write into the one a locked exchange is reading.
     std::unique_ptr<char, decltype(&std::free)> own(nullptr, &std::free);
-    char* reply = m_pReplyBuf;
-    if (!row.locked || reply == nullptr) {
+    char* reply = row.locked ? m_pReplyBuf : nullptr;
+    if (reply == nullptr) {
         own.reset(static_cast<char*>(std::calloc(kReplyBufSize, 1)));
         reply = own.get();
     }
