@@ -43,7 +43,6 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <sstream>
 #include <string>
@@ -138,9 +137,8 @@ struct LinkCounters {
     std::atomic<bool> online{false};
     std::atomic<bool> recovering{false};
     double worstRecoveryS = 0;         // fault end to working again
-    std::vector<std::string> problems; // driver thread only; read after it is joined
-    std::mutex faultLog;
-    std::vector<std::string> faultKinds;
+    std::vector<std::string> problems;   // driver thread only; read after it is joined
+    std::vector<std::string> faultKinds; // likewise
 };
 
 // Data callback shared by the network and USB servers: frames of type 1280, online and
@@ -185,6 +183,7 @@ void countLog(int level, const char*, void*)
 // kFaultReserveS remain, so that its recovery fits in the run.
 
 struct Schedule {
+    Clock::time_point start = Clock::now();
     Clock::time_point end;
     double gapMinS = 10;
     double gapMaxS = 25;
@@ -237,14 +236,10 @@ protected:
     int pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(m_rng); }
     int between(int loMs, int hiMs) { return std::uniform_int_distribution<int>(loMs, hiMs)(m_rng); }
 
-    void noteFault(const std::string& kind)
-    {
-        std::lock_guard<std::mutex> lock(m_c.faultLog);
-        m_c.faultKinds.push_back(kind);
-    }
+    void noteFault(const std::string& kind) { m_c.faultKinds.push_back(kind); }
     void problem(const std::string& text)
     {
-        m_c.problems.push_back(text + " (at " + std::to_string(static_cast<int>(secondsSince(m_schedule.end) + 0.5)) + " s from the end)");
+        m_c.problems.push_back(text + " (at " + std::to_string(static_cast<int>(secondsSince(m_schedule.start))) + " s)");
         std::fprintf(stderr, "soak: %s: %s\n", m_name, text.c_str());
     }
     void recovered(Clock::time_point faultEnd)
@@ -692,6 +687,7 @@ protected:
             if (m_module.client().sendDeviceData(m_frame++, 1, m_payload.data(), kFrameBytes, 2) == 0)
                 ++m_c.framesSent;
         bool ok = false;
+        const char* name = "heartbeat";
         const auto t = Clock::now();
         switch (m_round++ % 3) {
         case 0: {
@@ -701,10 +697,12 @@ protected:
         }
         case 1: {
             int info = 0;
+            name = "getVentoInfo";
             ok = m_host.getVentoInfo(&info) == 0 && info == 7;
             break;
         }
         default: {
+            name = "getFirmwareVersion2";
             int major = 0;
             int minor = 0;
             int patch = 0;
@@ -715,7 +713,7 @@ protected:
         command(ok);
         if (!ok) {
             m_c.online = false;
-            problem("request " + std::to_string((m_round - 1) % 3) + " failed without a fault after " + std::to_string(secondsSince(t)) + " s");
+            problem(std::string(name) + " failed without a fault after " + std::to_string(secondsSince(t)) + " s");
         }
         sleepMs(40);
     }
@@ -979,6 +977,7 @@ int main(int argc, char** argv)
 
     // The run proper, with links of their own (fresh counters) and the fault schedule.
     const auto t0 = Clock::now();
+    schedule.start = t0;
     schedule.end = t0 + std::chrono::milliseconds(static_cast<long long>(opt.seconds * 1000));
     // Faults every 10 to 25 s; short runs get them more often so that each link meets some.
     schedule.gapMinS = std::clamp(opt.seconds / 6, 3.0, 10.0);
@@ -1041,9 +1040,6 @@ int main(int argc, char** argv)
         for (const auto& d : openDescriptors())
             if (std::find(baselineFds.begin(), baselineFds.end(), d) == baselineFds.end())
                 extra += (extra.empty() ? "" : ", ") + d;
-        for (const char* t : {"/proc/self/net/netlink", "/proc/self/net/tcp", "/proc/self/net/unix", "/proc/self/net/udp"}) {
-            std::ifstream f(t); std::string l; while (std::getline(f, l)) std::fprintf(stderr, "DEBUG %s: %s\n", t, l.c_str());
-        }
         failures.push_back("descriptors grew: " + std::to_string(baseline.fds) + " -> " + std::to_string(atEnd.fds) +
                            " (new: " + extra + ")");
     }
