@@ -132,7 +132,7 @@ struct LinkCounters {
     std::atomic<int> onlineEvents{0};  // callback 284 (network, USB)
     std::atomic<int> offlineEvents{0}; // callback 283 (network, USB)
     std::atomic<int> faults{0};
-    std::atomic<int> reconnects{0};    // recoveries completed after a fault
+    std::atomic<int> reconnects{0};    // connections rebuilt after a fault
     std::atomic<int> offlineSeen{0};   // times the link was found offline after a fault
     std::atomic<bool> online{false};
     std::atomic<bool> recovering{false};
@@ -242,10 +242,12 @@ protected:
         m_c.problems.push_back(text + " (at " + std::to_string(static_cast<int>(secondsSince(m_schedule.start))) + " s)");
         std::fprintf(stderr, "soak: %s: %s\n", m_name, text.c_str());
     }
-    void recovered(Clock::time_point faultEnd)
+    // The link works again: reconnected is false when it never lost its connection.
+    void recovered(Clock::time_point faultEnd, bool reconnected = true)
     {
         m_c.worstRecoveryS = std::max(m_c.worstRecoveryS, secondsSince(faultEnd));
-        ++m_c.reconnects;
+        if (reconnected)
+            ++m_c.reconnects;
     }
     // Counts one command and its result.
     void command(bool ok)
@@ -357,8 +359,9 @@ protected:
             // One connection closed by the head. Only the command-data connection carries
             // the heartbeat answers; a host that loses another one stays online and the
             // application notices the missing frames or replies and rebuilds.
+            static const char* const kChannelNames[] = {"command", "data", "command-data", "light-pen"};
             const int channel = pick(4);
-            noteFault("close channel " + std::to_string(channel));
+            noteFault(std::string("closed ") + kChannelNames[channel] + " connection");
             m_head.closeChannel(static_cast<ztSimNetworkHead::Channel>(channel));
             const bool offline =
                 waitFor(channel == ztSimNetworkHead::CommandData ? kOfflineWithinMs : 3000,
@@ -562,7 +565,7 @@ protected:
             if (!answers)
                 problem("no command answered after the silence");
             else
-                recovered(faultEnd);
+                recovered(faultEnd, false);
             return;
         }
         }
