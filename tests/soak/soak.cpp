@@ -126,7 +126,7 @@ ProcFigures readProc()
 // alone is 64 frames of 4.9 MB); the allocator reuses freed heap blocks at other offsets,
 // so the plain figure climbs with the pages its free lists hold and says little about
 // what is in use.
-long residentInUseKb()
+long residentTrimmedKb()
 {
     ::malloc_trim(0);
     return readProc().rssKb;
@@ -844,7 +844,7 @@ struct Options {
 // the first minute, when every server has been built and has carried traffic.
 constexpr double kRssCheckFromS = 120;
 
-// Resident memory (residentInUseKb) may move this much between the first minute and the
+// Resident memory (residentTrimmedKb) may move this much between the first minute and the
 // end. Every fault frees a server's buffers and the next server allocates them again, and
 // glibc keeps what it cannot hand back: fragments in each of its arenas (up to eight per
 // core, one for each thread that allocates) and the stacks of ended threads (up to
@@ -1045,7 +1045,7 @@ int main(int argc, char** argv)
         sleepMs(200);
         const double elapsed = secondsSince(t0);
         if (rssReferenceKb == 0 && elapsed >= referenceAt && allOnline()) {
-            rssReferenceKb = residentInUseKb();
+            rssReferenceKb = residentTrimmedKb();
             heapReferenceKb = heapInUseKb();
         }
         if (elapsed >= nextStatus) {
@@ -1057,7 +1057,7 @@ int main(int argc, char** argv)
         t.join();
     // The end figure, also taken with every link online (a recovery may still be finishing).
     waitFor(15000, allOnline);
-    const long rssEndKb = residentInUseKb();
+    const long rssEndKb = residentTrimmedKb();
     const long heapEndKb = heapInUseKb();
     std::vector<char> onlineAtEnd;
     for (auto& l : links)
@@ -1128,9 +1128,12 @@ int main(int argc, char** argv)
                 "at the end %ld MB (margin %ld MB), after teardown %ld MB (after warm-up %ld MB)\n",
                 atEnd.hwmKb / 1024, atStart.rssKb / 1024, rssReferenceKb / 1024, rssEndKb / 1024,
                 rssMarginMb, atEnd.rssKb / 1024, baseline.rssKb / 1024);
-    std::printf("  heap     in use %ld MB after warm-up, %ld MB after the first minute, %ld MB at the end, "
-                "%ld MB after teardown\n",
-                heapBaselineKb / 1024, heapReferenceKb / 1024, heapEndKb / 1024, heapAfterKb / 1024);
+    if (heapReferenceKb > 0)
+        std::printf("  heap     in use %ld MB after warm-up, %ld MB after the first minute, %ld MB at the end, "
+                    "%ld MB after teardown\n",
+                    heapBaselineKb / 1024, heapReferenceKb / 1024, heapEndKb / 1024, heapAfterKb / 1024);
+    else
+        std::printf("  heap     in use: not reported by this build's allocator\n");
     std::printf("  process  descriptors %d at start, %d after warm-up, %d at the end; threads %d, %d, %d\n", atStart.fds,
                 baseline.fds, atEnd.fds, atStart.threads, baseline.threads, atEnd.threads);
     std::printf("  log      %lld warnings, %lld errors from the library\n", g_logWarnings.load(), g_logErrors.load());
