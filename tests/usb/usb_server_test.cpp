@@ -420,27 +420,4 @@ TEST(UsbServer, UntrustedBytesOnEveryEndpoint)
     EXPECT_EQ(std::vector<char>(reply.begin(), reply.begin() + 12), status);
 }
 
-// A command's synchronous transfer handles libusb events on the caller's thread, so the
-// stream's completions (and their transfer counts) also run there; the server must still
-// drain and stop cleanly. Under ThreadSanitizer this is where the counts were raced.
-TEST(UsbServer, StreamCompletionsOnACommandThreadThenTakenDown)
-{
-    for (int round = 0; round < 2; ++round) {
-        Online o;
-        o.start();
-        const std::string body(1000, 's');
-        o.d.head.startStream(Head::extendedPacket(1280, 1, body.data(), body.size()), 400, 0);
-        float exposure = 0;
-        for (int i = 0; i < 20; ++i)
-            EXPECT_EQ(o.server->getCameraExposure(&exposure), 0);
-        // The stream outruns the pool of 64 frames, so some packets are dropped; the
-        // head must have handed out the whole stream and packets must have arrived.
-        EXPECT_TRUE(o.d.head.waitStreamDone(10000));
-        EXPECT_FALSE(o.calls.of(1280, 1).empty());
-        const auto t0 = Clock::now();
-        o.server->deInit();
-        EXPECT_LT(Clock::now() - t0, std::chrono::seconds(3));
-    }
-}
-
 } // namespace
