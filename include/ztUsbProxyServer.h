@@ -112,9 +112,9 @@ private:
     libusb_device_handle* m_handle;
     _ZT_USB3_DEVICE_INFO_ m_info;
     unsigned int m_extra;
-    // Completion callbacks run on whichever thread is handling libusb events, which can be
-    // a command or heartbeat thread inside its synchronous transfer; the data receive
-    // thread reads the counts while it waits for the transfers to drain.
+    // Transfers in flight per path. libusb runs completion callbacks on whichever thread
+    // handles events, a command's or the heartbeat's synchronous transfer included, while
+    // the receive thread submits and counts: the counts are atomic.
     std::atomic<int> m_pending[3] = {0, 0, 0};
     std::atomic<bool> m_stop[4];
     unsigned char** m_buffers[3] = {nullptr, nullptr, nullptr};
