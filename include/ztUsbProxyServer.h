@@ -26,6 +26,7 @@ namespace ztCamera {
 class QlensNetCmd;
 class QlensNetProto;
 class ztBufferPool;
+struct ztPoolFrame;
 } // namespace ztCamera
 namespace zt {
 class ByteQueue;
@@ -63,6 +64,9 @@ public:
     std::string getDeviceSN();
 
 private:
+    // Drives the receive paths by hand, without a device (src/usb/ztUsbInbound.h).
+    friend struct ztUsbInbound;
+
     static unsigned int onDataRecvThread(void* self);
     static unsigned int onStreamProcessThread(void* self);
     static unsigned int onEventProcessThread(void* self);
@@ -73,6 +77,8 @@ private:
     unsigned int onHeartBeatSendThreadFunc();
 
     int allocateReplyBuffers();
+    // Drops a packet still being written into a stream frame and makes both frame pools.
+    int initPools();
     unsigned int allocateBuffer_stream();
     unsigned int allocateBuffer_ctrl();
     unsigned int allocateBuffer_event();
@@ -92,6 +98,9 @@ private:
     struct CommandLink;
     zt::commands::Link& commandLink() override;
     void processFrames(ztCamera::ztBufferPool& pool, std::atomic<bool>& stop);
+    // Hands a ready frame's message on and gives the frame back to its pool.
+    void processFrame(ztCamera::ztBufferPool& pool, ztCamera::ztPoolFrame* frame);
+    void dropLentFrame();
 
     std::atomic<bool> m_bConnected{false};
     std::atomic<bool> m_bHeartBeatAlive{false};
@@ -106,6 +115,10 @@ private:
     char* m_pFileRecv_ctrl = nullptr;
     std::shared_ptr<ztCamera::QlensNetCmd> m_cmd;
     std::mutex m_decoderMutex;
+    // Lends the decoder stream frames to write packets into (declared before the decoder,
+    // which gives a lent frame back when it is destroyed).
+    struct StreamStorage;
+    std::unique_ptr<StreamStorage> m_streamStorage;
     std::unique_ptr<ztCamera::QlensNetProto> m_decoder;
     std::unique_ptr<zt::DataCallback> m_dataCB;
     std::unique_ptr<CommandLink> m_link;

@@ -62,7 +62,7 @@ bool parseEnumerator(const std::string& text, E& value, std::initializer_list<E>
             }
     why = "is not one of";
     for (E m : members)
-        why += " " + std::to_string(static_cast<int>(m));
+        why.append(" ").append(std::to_string(static_cast<int>(m)));
     return false;
 }
 

@@ -1,5 +1,10 @@
 #include "ModuleRequests.h"
 
+#include "zt_msg.h"
+#include "ztProxyTypes.h"
+
+#include <cstring>
+
 namespace zt::module_proxy {
 
 namespace {
@@ -102,6 +107,22 @@ static_assert(sizeof(kAnswers) / sizeof(kAnswers[0]) == static_cast<std::size_t>
 const RequestRow& requestRow(Req id)
 {
     return kRequests[static_cast<std::size_t>(id)];
+}
+
+int acceptedReplyLength(const RequestRow& row, const void* reply)
+{
+    const int length = zt_msg_get_data_len(reply);
+    const bool lengthOk = row.replyLength == kAnyLength ? length > 0 : length == row.replyLength;
+    if (zt_msg_is_avalible(reply) != 0 || zt_msg_get_msg_type(reply) != ZT_MSG_TYPE_REPLY ||
+        zt_msg_get_sub_type(reply) != row.replySub || !lengthOk)
+        return -1;
+    if (row.result == Result::Status) {
+        std::int32_t status;
+        std::memcpy(&status, zt_msg_get_data(const_cast<void*>(reply)), sizeof status);
+        if (status < 0)
+            return -1;
+    }
+    return length;
 }
 
 std::uint32_t answerSub(Answer id)

@@ -102,6 +102,12 @@ enum class Req : unsigned char {
 
 const RequestRow& requestRow(Req id);
 
+// Judges a whole reply message against its request's row: it must carry the proxy
+// magic, type 4 (reply), the row's reply sub type and a data length the row allows, and
+// on a Status row an int32 status of 0 or more at the front of its data. The data length
+// when the reply is accepted, -1 when it is not.
+int acceptedReplyLength(const RequestRow& row, const void* reply);
+
 // Type-2 answers of the host on the data channel.
 enum class Answer : unsigned char {
     sendRegisterModuleRep,

@@ -16,7 +16,6 @@ using zt::PayloadWriter;
 using zt::module_proxy::Answer;
 using zt::module_proxy::Req;
 using zt::module_proxy::RequestRow;
-using zt::module_proxy::Result;
 
 namespace {
 constexpr int kReplyCapacity = 0xA00000;
@@ -29,15 +28,6 @@ constexpr unsigned int kConnectPeriodMs = 200;
 constexpr unsigned int kRegisterDelayMs = 2000;
 constexpr unsigned int kRecvPeriodMs = 1;
 constexpr unsigned int kProcessPeriodMs = 1;
-
-// A value of type T from the reply's first bytes.
-template <class T>
-T readValue(const char* data)
-{
-    T v;
-    std::memcpy(&v, data, sizeof v);
-    return v;
-}
 } // namespace
 
 // One channel's socket: shared, so that a thread using it keeps it alive while the
@@ -272,16 +262,11 @@ int ztModuleProxyServer::request(Req id, const PayloadWriter& payload, const Rep
         if (row.failLog != nullptr)
             ZTLOG_ERROR(row.failLog, nret);
     } else {
-        const int length = zt_msg_get_data_len(reply);
-        const bool lengthOk = row.replyLength == zt::module_proxy::kAnyLength ? length > 0 : length == row.replyLength;
-        if (zt_msg_is_avalible(reply) == 0 && zt_msg_get_msg_type(reply) == ZT_MSG_TYPE_REPLY &&
-            zt_msg_get_sub_type(reply) == row.replySub && lengthOk) {
-            const char* data = static_cast<const char*>(zt_msg_get_data(reply));
-            if (row.result != Result::Status || readValue<std::int32_t>(data) >= 0) {
-                if (onReply)
-                    onReply(data, length);
-                result = 0;
-            }
+        const int length = zt::module_proxy::acceptedReplyLength(row, reply);
+        if (length >= 0) {
+            if (onReply)
+                onReply(static_cast<const char*>(zt_msg_get_data(reply)), length);
+            result = 0;
         }
     }
     if (result != 0 && row.releaseOnFailure)

@@ -69,6 +69,12 @@ int ztEmbeddedModuleProxyServer::init(const std::string& localIP, const std::str
     m_localIP = localIP;
     m_remoteIP = remoteIP;
     m_deviceSN = deviceSN;
+    // After deInit (every receiver joined and its handle cleared) init starts working
+    // receivers again, so the stop flag deInit left set is cleared first. After a mere
+    // release the receivers' handles stay set, nothing is restarted and the flag stays.
+    if (!m_hProcessThread.joinable() && !m_hDataRecvThread.joinable() && !m_hCmdProcessThread.joinable() &&
+        !m_hCmdDataRecvThread.joinable())
+        m_bStop = false;
     if (zt::startWorker(m_hProcessThread, &onProcessThread, this, kName) != 0 ||
         zt::startWorker(m_hDataRecvThread, &onDataChannelRecvThread, this, kName) != 0 ||
         zt::startWorker(m_hCmdProcessThread, &onCMDProcessThread, this, kName) != 0 ||

@@ -50,7 +50,9 @@ QlensNetCmd::QlensNetCmd(std::uint64_t size, NoZeroFill)
 
 QlensNetCmd::~QlensNetCmd()
 {
-    if (owned)
+    if (m_lender != nullptr)
+        m_lender->giveBack(buffer);
+    else if (owned)
         delete[] buffer;
 }
 
@@ -62,6 +64,12 @@ void QlensNetProto::reset()
 {
     m_index = 0;
     m_state = 0;
+}
+
+void QlensNetProto::discardPacket()
+{
+    reset();
+    m_cmd.reset();
 }
 
 bool QlensNetProto::nullInput(const unsigned char* data, std::uint64_t remaining, const char* method)
@@ -81,7 +89,16 @@ void QlensNetProto::startPacket(std::uint32_t length, const unsigned char* heade
     // Not zero-filled: the header goes in now and the body step writes every following
     // byte up to the last before the packet is handed out. A packet that stops short is
     // destroyed or replaced without anyone reading it, so no byte is ever read unwritten.
-    m_cmd.reset(new QlensNetCmd(length, QlensNetCmd::NoZeroFill{}));
+    if (m_storage != nullptr) {
+        // The packet exists before the block is lent, so a failed allocation lends nothing.
+        std::unique_ptr<QlensNetCmd> lent(new QlensNetCmd(nullptr, length, false));
+        if ((lent->buffer = m_storage->lend(length)) != nullptr) {
+            lent->m_lender = m_storage;
+            m_cmd = std::move(lent);
+        }
+    }
+    if (m_cmd == nullptr)
+        m_cmd.reset(new QlensNetCmd(length, QlensNetCmd::NoZeroFill{}));
     std::memcpy(m_cmd->buffer, header, headerSize);
     m_state = 2;
 }
@@ -199,8 +216,10 @@ std::shared_ptr<QlensNetCmd> QlensNetProto::bodyStep(const unsigned char*& data,
 
     reset();
     const unsigned char last = cmd.buffer[length - 1];
-    if (last == kTail)
+    if (last == kTail) {
+        m_cmd->m_lender = nullptr; // handed out: a lent block now belongs to the packet's reader
         return std::shared_ptr<QlensNetCmd>(m_cmd.release());
+    }
     ZTLOG_ERROR("Decode packet tail error");
     ZTLOG_ERROR("Packet tail hex dump: %d, msgID: %d, packLen: %llu", last, readU16(cmd.buffer + 5), length);
     m_cmd.reset();

@@ -16,6 +16,21 @@
 
 namespace ztCamera {
 
+// Storage a decoder may write packets into instead of giving each packet a buffer of its
+// own. A stream path that copies every finished packet into storage of its own lends the
+// decoder that storage and saves the copy. lend(size) returns a block of at least size
+// bytes, or null to let the packet take its own buffer; giveBack(block) takes back a lent
+// block whose packet was dropped or replaced before it was handed out. A handed-out packet
+// does not own a lent block: it stays the lender's.
+class PacketStorage {
+public:
+    virtual unsigned char* lend(std::uint64_t size) = 0;
+    virtual void giveBack(unsigned char* block) = 0;
+
+protected:
+    ~PacketStorage() = default;
+};
+
 // One packet: its bytes, header and tail included.
 class QlensNetCmd {
 public:
@@ -38,6 +53,9 @@ private:
     struct NoZeroFill {};
     // Owns a buffer of size bytes that the decoder fills completely before anyone sees it.
     QlensNetCmd(std::uint64_t size, NoZeroFill);
+    // Set while the buffer is lent and the packet not yet handed out: the destructor gives
+    // the buffer back.
+    PacketStorage* m_lender = nullptr;
 };
 
 // Cuts packets out of one byte stream. Not thread-safe: one stream, one decoder, fed from
@@ -117,6 +135,13 @@ public:
     // Goes back to seeking a tag. A packet being read stays held until the next packet
     // replaces it; it is never handed out.
     void reset();
+    // Goes back to seeking a tag and drops a packet being read at once (a lent block goes
+    // back to its lender). For a lender about to free its storage.
+    void discardPacket();
+
+    // Packets are written into storage's blocks where it lends one (null: every packet
+    // has its own buffer). The storage must outlive the packets it lends to.
+    void setPacketStorage(PacketStorage* storage) { m_storage = storage; }
 
     // Bytes of the current header or packet taken so far.
     std::uint64_t index() const { return m_index; }
@@ -159,6 +184,7 @@ private:
     // One-byte flag of the decoder state; nothing in the decoding reads or sets it.
     [[maybe_unused]] unsigned char m_flag = 0;
     std::uint32_t m_maxPlainLength = kDefaultMaxPlainLength;
+    PacketStorage* m_storage = nullptr;
 };
 
 } // namespace ztCamera

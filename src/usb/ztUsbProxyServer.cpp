@@ -13,6 +13,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -60,16 +61,51 @@ bool carriesData(const libusb_transfer* t)
 
 } // namespace
 
+// The stream path copies every finished packet into a free stream frame. Lending the
+// decoder a free frame when a packet starts lets the packet be written there directly and
+// saves that copy of each frame. A packet that finds no free frame at its start takes a
+// buffer of its own and is copied as before, so no packet is dropped that a frame free at
+// its end would have taken. Only the decoder's thread (under the decoder's lock) uses it.
+struct ztUsbProxyServer::StreamStorage final : ztCamera::PacketStorage {
+    explicit StreamStorage(ztCamera::ztBufferPool& pool) : pool(pool) {}
+
+    unsigned char* lend(std::uint64_t size) override
+    {
+        if (size >= kStreamFrameSize) // left to the size check of the stream path
+            return nullptr;
+        lent = pool.getOneFramefromPool();
+        return lent != nullptr ? lent->data : nullptr;
+    }
+
+    void giveBack(unsigned char* block) override
+    {
+        if (lent != nullptr && lent->data == block)
+            pool.returnFrame(std::exchange(lent, nullptr));
+    }
+
+    // The lent frame when packet was written into it (the frame then leaves the storage).
+    ztCamera::ztPoolFrame* takeFrameOf(const ztCamera::QlensNetCmd& packet)
+    {
+        if (lent == nullptr || lent->data != packet.buffer)
+            return nullptr;
+        return std::exchange(lent, nullptr);
+    }
+
+    ztCamera::ztBufferPool& pool;
+    ztCamera::ztPoolFrame* lent = nullptr;
+};
+
 ztUsbProxyServer::ztUsbProxyServer(_ZT_USB3_DEVICE_INFO_ info, libusb_device_handle* handle)
     : m_ctrlRecv(std::make_unique<zt::ByteQueue>()), m_eventRecv(std::make_unique<zt::ByteQueue>()),
       m_streamPool(std::make_unique<ztCamera::ztBufferPool>()), m_eventPool(std::make_unique<ztCamera::ztBufferPool>()),
-      m_decoder(std::make_unique<ztCamera::QlensNetProto>()),
+      m_streamStorage(std::make_unique<StreamStorage>(*m_streamPool)), m_decoder(std::make_unique<ztCamera::QlensNetProto>()),
       m_dataCB(std::make_unique<zt::DataCallback>()), m_link(std::make_unique<CommandLink>(*this)), m_handle(handle), m_info(info), m_extra(info.extra)
 {
     // The serial number is read as text: make sure it ends inside its field.
     m_info.serialNumber[sizeof m_info.serialNumber - 1] = '\0';
     for (auto& s : m_stop)
         s = false;
+    m_decoder->setPacketStorage(m_streamStorage.get());
 }
 
 ztUsbProxyServer::~ztUsbProxyServer()
@@ -102,8 +138,7 @@ int ztUsbProxyServer::init()
         if (allocateReplyBuffers() != 0)
             return -1;
     }
-    if (m_streamPool->initResource(kStreamFrames, kStreamFrameSize) != 0 ||
-        m_eventPool->initResource(kEventFrames, kEventFrameSize) != 0)
+    if (initPools() != 0)
         return -1;
     if (zt::startWorker(m_hStreamProcessThread, &onStreamProcessThread, this, kName) != 0 ||
         zt::startWorker(m_hEventProcessThread, &onEventProcessThread, this, kName) != 0 ||
@@ -127,6 +162,15 @@ int ztUsbProxyServer::init()
     return 0;
 }
 
+int ztUsbProxyServer::initPools()
+{
+    dropLentFrame();
+    if (m_streamPool->initResource(kStreamFrames, kStreamFrameSize) != 0 ||
+        m_eventPool->initResource(kEventFrames, kEventFrameSize) != 0)
+        return -1;
+    return 0;
+}
+
 void ztUsbProxyServer::deInit()
 {
     releaseClient();
@@ -135,6 +179,7 @@ void ztUsbProxyServer::deInit()
         m_forgottenThreads.push_back(std::move(m_hHeartBeatThread));
     zt::joinWorker(m_hStreamProcessThread, kName);
     zt::joinWorker(m_hEventProcessThread, kName);
+    dropLentFrame();
     m_streamPool->releaseResource();
     m_eventPool->releaseResource();
     // A command still running holds the command set's lock while it uses the buffers.
@@ -171,6 +216,14 @@ bool ztUsbProxyServer::isConnected()
 void ztUsbProxyServer::setHeartBeatAlive(bool alive)
 {
     m_bHeartBeatAlive = alive;
+}
+
+void ztUsbProxyServer::dropLentFrame()
+{
+    // A packet cut short by a stop may still be written into a stream frame; the frames
+    // are about to be freed or made anew.
+    std::lock_guard<std::mutex> lock(m_decoderMutex);
+    m_decoder->discardPacket();
 }
 
 void ztUsbProxyServer::resetQlensNetProto()
@@ -323,6 +376,11 @@ void ztUsbProxyServer::xfer_callback_stream(libusb_transfer* transfer)
             if (!packet)
                 break;
             self->m_cmd = packet;
+            if (ztCamera::ztPoolFrame* written = self->m_streamStorage->takeFrameOf(*packet)) {
+                written->length = packet->bufSize;
+                self->m_streamPool->pushReady(written);
+                continue;
+            }
             ztCamera::ztPoolFrame* frame = self->m_streamPool->getOneFramefromPool();
             if (frame == nullptr)
                 continue; // no free frame: the packet is dropped
@@ -375,10 +433,14 @@ void ztUsbProxyServer::processFrames(ztCamera::ztBufferPool& pool, std::atomic<b
         // millisecond; it still looks at the stop flag several times a second.
         if (!pool.waitReady(kIdleWaitMs))
             continue;
-        ztCamera::ztPoolFrame* frame = pool.popReady();
-        preProcessMsg(reinterpret_cast<char*>(frame->data));
-        pool.returnFrame(frame);
+        processFrame(pool, pool.popReady());
     }
+}
+
+void ztUsbProxyServer::processFrame(ztCamera::ztBufferPool& pool, ztCamera::ztPoolFrame* frame)
+{
+    preProcessMsg(reinterpret_cast<char*>(frame->data));
+    pool.returnFrame(frame);
 }
 
 unsigned int ztUsbProxyServer::onStreamProcessThread(void* self)

@@ -436,3 +436,84 @@ TEST(QlensNetProto, RandomStreamsInRandomChunks)
         ASSERT_EQ(texts(log), model.log) << "round " << round;
     }
 }
+
+// Packets written into lent blocks: a finished packet is handed out in its block (not
+// owned), a packet dropped by a bad tail, replaced after a reset or discarded gives its
+// block back, and a packet that is refused a block takes one of its own.
+TEST(QlensNetProto, LentStorageHoldsPacketsAndGetsEveryUnusedBlockBack)
+{
+    struct Storage : ztCamera::PacketStorage {
+        unsigned char* lend(std::uint64_t size) override
+        {
+            sizes.push_back(size);
+            if (refuse || lent != nullptr)
+                return nullptr;
+            lent = block.data();
+            return lent;
+        }
+        void giveBack(unsigned char* b) override
+        {
+            EXPECT_EQ(b, lent);
+            lent = nullptr;
+            ++givenBack;
+        }
+        Bytes block = Bytes(4096);
+        unsigned char* lent = nullptr;
+        bool refuse = false;
+        int givenBack = 0;
+        std::vector<std::uint64_t> sizes;
+    } storage;
+    QlensNetProto d;
+    d.setPacketStorage(&storage);
+
+    const Bytes good = extPacket(512, 300, 0xBB, 1);
+    const unsigned char* p = good.data();
+    std::uint64_t left = good.size();
+    std::shared_ptr<QlensNetCmd> packet = d.decode(p, left);
+    ASSERT_TRUE(packet);
+    EXPECT_EQ(packet->buffer, storage.block.data());
+    EXPECT_FALSE(packet->owned);
+    EXPECT_EQ(Bytes(packet->buffer, packet->buffer + packet->bufSize), good);
+    packet.reset(); // the reader keeps the block: nothing is given back
+    EXPECT_EQ(storage.givenBack, 0);
+    storage.lent = nullptr;
+
+    EXPECT_TRUE(decodeAll(d, extPacket(512, 300, 0x00, 2)).empty()); // bad tail
+    EXPECT_EQ(storage.givenBack, 1);
+
+    // A packet cut short by reset is given back when the next one replaces it.
+    const Bytes part = extPacket(1280, 400, 0xBB, 3);
+    p = part.data();
+    left = 200;
+    EXPECT_FALSE(d.decode(p, left));
+    d.reset();
+    EXPECT_EQ(storage.givenBack, 1);
+    const Bytes next = plainPacket(513, 120, 0xBB, 4);
+    p = next.data();
+    left = next.size();
+    packet = d.decode(p, left);
+    EXPECT_EQ(storage.givenBack, 2);
+    ASSERT_TRUE(packet);
+    EXPECT_EQ(packet->buffer, storage.block.data());
+    EXPECT_EQ(Bytes(packet->buffer, packet->buffer + packet->bufSize), next);
+    storage.lent = nullptr;
+
+    // discardPacket gives a block back at once.
+    p = part.data();
+    left = 200;
+    EXPECT_FALSE(d.decode(p, left));
+    d.discardPacket();
+    EXPECT_EQ(storage.givenBack, 3);
+    EXPECT_EQ(d.state(), 0u);
+
+    // Refused a block, a packet has its own buffer.
+    storage.refuse = true;
+    p = good.data();
+    left = good.size();
+    packet = d.decode(p, left);
+    ASSERT_TRUE(packet);
+    EXPECT_TRUE(packet->owned);
+    EXPECT_NE(packet->buffer, storage.block.data());
+    EXPECT_EQ(Bytes(packet->buffer, packet->buffer + packet->bufSize), good);
+    EXPECT_EQ(storage.sizes, (std::vector<std::uint64_t>{300, 300, 400, 120, 400, 300}));
+}
