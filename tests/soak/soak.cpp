@@ -30,6 +30,7 @@
 #include "ztUsbProxyServer.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <malloc.h>
 #include <unistd.h>
 #include <libusb.h>
@@ -41,7 +42,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <random>
@@ -86,29 +86,42 @@ struct ProcFigures {
     int fds = 0;
 };
 
-// The open descriptors and what they refer to.
+// /proc/self/fd and /proc/self/status stay open from the first look on and are read again
+// from the start each time: the soak itself then opens and closes no descriptor while the
+// links run (ThreadSanitizer takes the reuse of a descriptor number that another thread
+// had used for a race). Only the main thread looks.
+DIR* procFdDir()
+{
+    static DIR* const dir = ::opendir("/proc/self/fd");
+    return dir;
+}
+
+// The open descriptors and what they refer to, the soak's own two included.
 std::vector<std::string> openDescriptors()
 {
     std::vector<std::string> out;
-    if (DIR* dir = ::opendir("/proc/self/fd")) {
-        const int own = ::dirfd(dir);
-        while (const dirent* e = ::readdir(dir)) {
-            if (e->d_name[0] == '.' || std::atoi(e->d_name) == own)
-                continue;
-            char target[256] = {};
-            const std::string path = std::string("/proc/self/fd/") + e->d_name;
-            const ssize_t n = ::readlink(path.c_str(), target, sizeof target - 1);
-            out.push_back(std::string(e->d_name) + " -> " + (n > 0 ? std::string(target, static_cast<std::size_t>(n)) : "?"));
-        }
-        ::closedir(dir);
+    DIR* dir = procFdDir();
+    if (dir == nullptr)
+        return out;
+    ::rewinddir(dir);
+    while (const dirent* e = ::readdir(dir)) {
+        if (e->d_name[0] == '.')
+            continue;
+        char target[256] = {};
+        const std::string path = std::string("/proc/self/fd/") + e->d_name;
+        const ssize_t n = ::readlink(path.c_str(), target, sizeof target - 1);
+        out.push_back(std::string(e->d_name) + " -> " + (n > 0 ? std::string(target, static_cast<std::size_t>(n)) : "?"));
     }
     return out;
 }
 
 ProcFigures readProc()
 {
+    static const int statusFd = ::open("/proc/self/status", O_RDONLY | O_CLOEXEC);
     ProcFigures f;
-    std::ifstream status("/proc/self/status");
+    char text[8192] = {};
+    const ssize_t got = statusFd >= 0 ? ::pread(statusFd, text, sizeof text - 1, 0) : -1;
+    std::istringstream status(std::string(text, got > 0 ? static_cast<std::size_t>(got) : 0));
     std::string line;
     while (std::getline(status, line)) {
         long* field = line.rfind("VmRSS:", 0) == 0 ? &f.rssKb : line.rfind("VmHWM:", 0) == 0 ? &f.hwmKb : nullptr;
