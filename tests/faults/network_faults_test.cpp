@@ -1,6 +1,7 @@
 // Faults of the network head while the link is busy: a connection closed mid-stream, a head
 // that accepts and never answers, garbage inside a stream, replies that come too late, and a
 // head that restarts. Each scenario runs with the data stream flowing and commands in flight.
+#include "support/data_calls.h"
 #include "support/log_capture.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztSimNetworkHead.h"
@@ -32,61 +33,7 @@ constexpr long long kSlackMs = 3000;
 constexpr long long kReplyWindowMs = 5000;
 constexpr long long kOfflineMs = 3000;
 
-// Everything the server's data callback saw, by type.
-struct Seen {
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::vector<std::pair<int, std::string>> calls;
-
-    static void cb(int type, char* data, int len, void* user)
-    {
-        auto* self = static_cast<Seen*>(user);
-        std::lock_guard<std::mutex> lock(self->mutex);
-        self->calls.emplace_back(type, data == nullptr ? std::string() : std::string(data, static_cast<std::size_t>(len)));
-        self->cv.notify_all();
-    }
-    std::size_t count(int type)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        std::size_t n = 0;
-        for (const auto& c : calls)
-            n += c.first == type ? 1 : 0;
-        return n;
-    }
-    // Waits until at least n calls of this type arrived; returns how many there are.
-    std::size_t waitCount(int type, std::size_t n, int timeoutMs)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        std::size_t got = 0;
-        cv.wait_for(lock, milliseconds(timeoutMs), [&] {
-            got = 0;
-            for (const auto& c : calls)
-                got += c.first == type ? 1 : 0;
-            return got >= n;
-        });
-        return got;
-    }
-    // The types of all calls of the given types, in order.
-    std::vector<int> order(std::initializer_list<int> types)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        std::vector<int> out;
-        for (const auto& c : calls)
-            for (int t : types)
-                if (c.first == t)
-                    out.push_back(t);
-        return out;
-    }
-    std::vector<std::string> payloads(int type)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        std::vector<std::string> out;
-        for (const auto& c : calls)
-            if (c.first == type)
-                out.push_back(c.second);
-        return out;
-    }
-};
+using Seen = zt::test::DataCalls;
 
 struct Online {
     Head head;

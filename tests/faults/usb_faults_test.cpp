@@ -1,6 +1,7 @@
 // Faults of the USB head while the link is busy: transfers completing with errors, the
 // device vanishing and coming back, replies that arrive after their command gave up, and a
 // stream consumer that falls behind. Real libusb against the emulated head.
+#include "support/data_calls.h"
 #include "support/log_capture.h"
 #include "ztSimUsbHead.h"
 #include "ztUsbProxyServer.h"
@@ -38,64 +39,7 @@ long long msSince(Clock::time_point t0)
     return std::chrono::duration_cast<milliseconds>(Clock::now() - t0).count();
 }
 
-// What the server's data callback saw; the callback can be held on one type to let the
-// frame pool fill behind it.
-struct Calls {
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::vector<std::pair<int, std::string>> seen;
-    bool hold = false;
-    int heldType = -1;
-    static void cb(int type, char* data, int len, void* user)
-    {
-        auto* self = static_cast<Calls*>(user);
-        std::unique_lock<std::mutex> lock(self->mutex);
-        self->seen.emplace_back(type, data == nullptr ? std::string() : std::string(data, static_cast<std::size_t>(len)));
-        self->cv.notify_all();
-        self->cv.wait(lock, [&] { return !(self->hold && type == self->heldType); });
-    }
-    void holdOn(int type)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        hold = true;
-        heldType = type;
-    }
-    void release()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        hold = false;
-        cv.notify_all();
-    }
-    std::size_t count(int type)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        std::size_t n = 0;
-        for (const auto& c : seen)
-            n += c.first == type ? 1 : 0;
-        return n;
-    }
-    std::size_t waitCount(int type, std::size_t n, int timeoutMs)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        std::size_t got = 0;
-        cv.wait_for(lock, milliseconds(timeoutMs), [&] {
-            got = 0;
-            for (const auto& c : seen)
-                got += c.first == type ? 1 : 0;
-            return got >= n;
-        });
-        return got;
-    }
-    std::vector<std::string> payloads(int type)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        std::vector<std::string> out;
-        for (const auto& c : seen)
-            if (c.first == type)
-                out.push_back(c.second);
-        return out;
-    }
-};
+using Calls = zt::test::DataCalls;
 
 // The emulated head, opened on libusb's default context (the one the server drives), with a
 // server online on it.

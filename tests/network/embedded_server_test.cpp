@@ -1,6 +1,7 @@
 // ztEmbeddedModuleProxyServer against the simulated network head: coming online over four
 // connections, heartbeat and offline, the command exchange, and everything the head pushes.
 #include "host_peer.h"
+#include "support/data_calls.h"
 #include "support/log_capture.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztSimNetworkHead.h"
@@ -23,42 +24,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 const char* const kIP = "127.0.0.1";
 
-// Everything the server's data callback saw.
-struct Seen {
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::vector<std::pair<int, std::string>> calls;
-
-    static void cb(int type, char* data, int len, void* user)
-    {
-        auto* self = static_cast<Seen*>(user);
-        std::lock_guard<std::mutex> lock(self->mutex);
-        self->calls.emplace_back(type, data == nullptr ? std::string() : std::string(data, static_cast<std::size_t>(len)));
-        self->cv.notify_all();
-    }
-    int count(int type)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        int n = 0;
-        for (const auto& c : calls)
-            n += c.first == type ? 1 : 0;
-        return n;
-    }
-    // The calls of one type, in order, waiting until there are at least n.
-    std::vector<std::string> of(int type, std::size_t n, int timeoutMs = 3000)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        std::vector<std::string> out;
-        cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-            out.clear();
-            for (const auto& c : calls)
-                if (c.first == type)
-                    out.push_back(c.second);
-            return out.size() >= n;
-        });
-        return out;
-    }
-};
+using Seen = zt::test::DataCalls;
 
 std::string str(const std::vector<char>& v)
 {
@@ -90,7 +56,7 @@ TEST(EmbeddedServer, ComesOnlineOverFourConnectionsInOrder)
     for (auto c : {Head::Command, Head::Data, Head::CommandData, Head::LightPen})
         EXPECT_TRUE(o.head.isConnected(c)) << c;
     EXPECT_EQ(o.head.connectionsAccepted(), 4);
-    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 1);
+    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 1u);
 
     // The online sequence: the ability record, then SET files 0, 1 and 2.
     Head::Request r;
@@ -116,7 +82,7 @@ TEST(EmbeddedServer, ComesOnlineOverFourConnectionsInOrder)
     // init again with all four up: 0, nothing reconnected, no second online.
     EXPECT_EQ(o.server.init(kIP, kIP, "SN-0001"), 0);
     EXPECT_EQ(o.head.connectionsAccepted(), 4);
-    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 1);
+    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 1u);
 
     // Heartbeats go out every 500 ms on the command-data connection.
     const int before = o.head.heartbeatsReceived();
@@ -139,7 +105,7 @@ TEST(EmbeddedServer, UnansweredThirdConnectionKeepsTheFirstTwo)
     EXPECT_TRUE(o.head.waitConnected(Head::Command, 1000));
     EXPECT_TRUE(o.head.isConnected(Head::Data));
     EXPECT_FALSE(o.head.isConnected(Head::CommandData));
-    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 0);
+    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 0u);
 
     // A later init connects only the missing two.
     o.head.setRefuseChannel(-1);
@@ -147,7 +113,7 @@ TEST(EmbeddedServer, UnansweredThirdConnectionKeepsTheFirstTwo)
     EXPECT_EQ(o.server.init(kIP, kIP, "SN"), 0);
     EXPECT_EQ(o.head.connectionsAccepted(), accepted + 2);
     EXPECT_TRUE(o.server.isConnected());
-    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 1);
+    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 1u);
 }
 
 TEST(EmbeddedServer, ConnectTimeOutIs205)
@@ -186,7 +152,7 @@ TEST(EmbeddedServer, SilentHeadGoesOfflineOnceAfterTheFifthMissedBeat)
     // The connections were closed and nothing more is raised.
     EXPECT_TRUE(o.head.waitDisconnected(Head::Command, 2000));
     std::this_thread::sleep_for(std::chrono::milliseconds(3000));
-    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_OFFLINE), 1);
+    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_OFFLINE), 1u);
     EXPECT_EQ(log.count("Heartbeat timeout = 127.0.0.1"), 1);
     EXPECT_EQ(o.server.sendTrigger(), -1);
 }

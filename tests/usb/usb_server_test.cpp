@@ -1,5 +1,6 @@
 // ztUsbProxyServer on real libusb against the emulated USB head: online and offline, the
 // event and stream paths through the frame pools, and the control exchange.
+#include "support/data_calls.h"
 #include "support/log_capture.h"
 #include "ztSimNetworkHead.h"
 #include "ztSimUsbHead.h"
@@ -24,41 +25,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// What the server's data callback saw; a callback may be held up to fill the pools.
-struct Calls {
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::vector<std::pair<int, std::string>> seen;
-    bool hold = false;
-    int heldType = -1;
-    static void cb(int type, char* data, int len, void* user)
-    {
-        auto* self = static_cast<Calls*>(user);
-        std::unique_lock<std::mutex> lock(self->mutex);
-        self->seen.emplace_back(type, data == nullptr ? std::string() : std::string(data, static_cast<std::size_t>(len)));
-        self->cv.notify_all();
-        self->cv.wait(lock, [&] { return !(self->hold && type == self->heldType); });
-    }
-    void release()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        hold = false;
-        cv.notify_all();
-    }
-    std::vector<std::string> of(int type, std::size_t n, int ms = 3000)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        std::vector<std::string> out;
-        cv.wait_for(lock, std::chrono::milliseconds(ms), [&] {
-            out.clear();
-            for (const auto& c : seen)
-                if (c.first == type)
-                    out.push_back(c.second);
-            return out.size() >= n;
-        });
-        return out;
-    }
-};
+using Calls = zt::test::DataCalls;
 
 // The emulated head opened on libusb's default context, as the server expects.
 struct Device {
@@ -93,13 +60,6 @@ struct Online {
         server = std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), d.handle);
         server->registerModuleServerDataCB(&Calls::cb, &calls);
         ASSERT_EQ(server->init(), 0);
-    }
-    // Holds the processing thread inside the callback of the first message of this type.
-    void hold(int type)
-    {
-        std::lock_guard<std::mutex> lock(calls.mutex);
-        calls.hold = true;
-        calls.heldType = type;
     }
     ~Online()
     {
@@ -212,7 +172,7 @@ TEST(UsbServer, EventsOnePerCompletionAndTheirLimits)
     EXPECT_EQ(o.calls.of(703, 1), std::vector<std::string>{"after"});
 
     // With the processing held on one event, the 16 frames fill and the next is dropped.
-    o.hold(710);
+    o.calls.holdOn(710);
     for (int i = 0; i < 20; ++i)
         o.d.head.pushEvent(Head::message(710, "e", 1));
     EXPECT_TRUE(log.waitFor("xfer_callback_event::getOneFramefromPool is nullptr", 5000));
@@ -319,7 +279,7 @@ TEST(UsbServer, FullStreamPoolDropsSilentlyAndResumes)
     LogCapture log;
     Online o;
     o.start();
-    o.hold(1280);
+    o.calls.holdOn(1280);
     // The first packet holds the processing thread; 64 frames fill, the rest are dropped.
     std::string body(1000, 'p');
     const auto packet = Head::extendedPacket(1280, 1, body.data(), body.size());
