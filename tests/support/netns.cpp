@@ -27,6 +27,25 @@ bool writeFile(const char* path, const std::string& text)
 
 namespace zt::test {
 
+namespace {
+
+// Brings up the loopback interface of the caller's network namespace.
+bool loopbackUp()
+{
+    const int s = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (s < 0)
+        return false;
+    ifreq ifr{};
+    std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
+    bool ok = ::ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
+    ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP | IFF_RUNNING);
+    ok = ok && ::ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
+    ::close(s);
+    return ok;
+}
+
+} // namespace
+
 bool enterPrivateNetwork()
 {
     if (::unshare(CLONE_NEWNET) != 0) {
@@ -41,16 +60,12 @@ bool enterPrivateNetwork()
             !writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))
             return false;
     }
-    const int s = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (s < 0)
-        return false;
-    ifreq ifr{};
-    std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    bool ok = ::ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
-    ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP | IFF_RUNNING);
-    ok = ok && ::ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
-    ::close(s);
-    return ok && std::system("ip route add 255.255.255.255/32 dev lo 2>/dev/null") == 0;
+    return loopbackUp() && std::system("ip route add 255.255.255.255/32 dev lo 2>/dev/null") == 0;
+}
+
+bool enterThreadNetwork()
+{
+    return ::unshare(CLONE_NEWNET) == 0 && loopbackUp();
 }
 
 } // namespace zt::test

@@ -7,4 +7,9 @@ namespace zt::test {
 
 bool enterPrivateNetwork();
 
+// Moves the calling thread (and the threads it starts from then on) into a network
+// namespace of its own with its loopback up. The process must already be allowed to make
+// one (after enterPrivateNetwork, say).
+bool enterThreadNetwork();
+
 } // namespace zt::test

@@ -6,6 +6,7 @@
 // namespace of their own (the module ports are fixed), the device server lanes each on a
 // loopback address of their own.
 #include "census.h"
+#include "support/netns.h"
 #include "host_peer.h"
 #include "TThreadC.h"
 #include "ztEmbeddedModuleProxyServer.h"
@@ -16,9 +17,6 @@
 
 #include <gtest/gtest.h>
 
-#include <net/if.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -39,24 +37,6 @@ namespace {
 
 constexpr int kLanes = 10;
 constexpr int kRounds = 10; // kLanes x kRounds = 100 teardowns per class
-
-// Moves the calling thread (and the threads it starts from now on) into a network
-// namespace of its own with its loopback up.
-bool enterLaneNetwork(int)
-{
-    if (::unshare(CLONE_NEWNET) != 0)
-        return false;
-    const int s = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (s < 0)
-        return false;
-    ifreq ifr{};
-    std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    bool ok = ::ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
-    ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP | IFF_RUNNING);
-    ok = ok && ::ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
-    ::close(s);
-    return ok;
-}
 
 // A thread repeating one action until stopped, with a short pause between calls.
 class Repeater {
@@ -210,7 +190,7 @@ TEST(Teardown, ModuleProxyServerWithNotificationsAndRequestsInFlight)
             }
             stream.stop();
         },
-        &enterLaneNetwork);
+        [](int) { return zt::test::enterThreadNetwork(); });
     EXPECT_GT(answered, 100);
     std::printf("ztModuleProxyServer: longest deInit %ld ms, longest destructor %ld ms, %d requests answered\n",
                 deInit.ms.load(), destroy.ms.load(), answered.load());
@@ -285,7 +265,7 @@ TEST(Teardown, ModuleProxyClientWithRequestsNotificationsAndQueriesInFlight)
             host.stop();
             replies += got;
         },
-        &enterLaneNetwork);
+        [](int) { return zt::test::enterThreadNetwork(); });
     EXPECT_GT(replies, 100);
     std::printf("ztModuleProxyClient: longest deInit %ld ms, longest destructor %ld ms, %d replies\n",
                 deInit.ms.load(), destroy.ms.load(), replies.load());
