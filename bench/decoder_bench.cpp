@@ -5,7 +5,7 @@
 // medians beside. When ZT_BENCH_JSON names a file, the same figures are appended to it,
 // one JSON object per line.
 #include "bench_reporter.h"
-#include "usb/QlensNetProto.h"
+#include "codec/QlensNetProto.h"
 
 #include <benchmark/benchmark.h>
 

@@ -13,7 +13,7 @@
 #include "fuzz_support.h"
 #include "network/EmbeddedFramer.h"
 #include "network/EmbeddedInternals.h"
-#include "usb/QlensNetProto.h"
+#include "codec/QlensNetProto.h"
 #include "ztEmbeddedModuleProxyServer.h"
 
 #include <cstdio>

@@ -8,7 +8,7 @@
 // change the packets that come out, the header statuses or the log lines. Every call must
 // consume its input up to the end of a packet or all of it.
 #include "fuzz_support.h"
-#include "usb/QlensNetProto.h"
+#include "codec/QlensNetProto.h"
 
 #include <memory>
 #include <string>

@@ -6,7 +6,7 @@
 #include "foundation/ztWorker.h"
 #include "platform/zt_log.h"
 #include "platform/zt_time.h"
-#include "usb/QlensNetProto.h"
+#include "codec/QlensNetProto.h"
 #include "zt_embedded_msg.h"
 
 #include <cstdlib>

@@ -8,7 +8,7 @@
 #include "foundation/SharedSlot.h"
 #include "foundation/ztWorker.h"
 #include "platform/zt_log.h"
-#include "usb/QlensNetProto.h"
+#include "codec/QlensNetProto.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -8,7 +8,7 @@
 // threads are never started; the frame pools are made as init makes them.
 #pragma once
 
-#include "QlensNetProto.h"
+#include "codec/QlensNetProto.h"
 #include "foundation/ByteQueue.h"
 #include "ztBufferPool.h"
 #include "ztUsbProxyServer.h"

@@ -1,6 +1,6 @@
 #include "ztUsbCommandLink.h"
 
-#include "QlensNetProto.h"
+#include "codec/QlensNetProto.h"
 #include "foundation/ByteQueue.h"
 #include "foundation/ztDataCallback.h"
 #include "foundation/ztWorker.h"

@@ -1,7 +1,7 @@
 // The commands only a network head offers, and the light-pen text packets it relays.
 #include "ztEmbeddedModuleProxyServer.h"
 
-#include "Catalogue.h"
+#include "commands/Catalogue.h"
 #include "platform/zt_log.h"
 
 using zt::commands::Cmd;

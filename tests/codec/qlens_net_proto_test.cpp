@@ -1,5 +1,5 @@
 #include "support/log_capture.h"
-#include "usb/QlensNetProto.h"
+#include "codec/QlensNetProto.h"
 
 #include <gtest/gtest.h>
 
