@@ -1,5 +1,7 @@
 #include "command_run.h"
 
+#include "ztLog.h"
+
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -17,9 +19,6 @@ const char* const kSharedHelp =
     "values 0, 1, true or false; HEX_BYTES as hexadecimal digits, two per byte; FILE a file\n"
     "whose contents are sent.\n"
     "\n"
-    "exit status: 0 when the command ran, whatever its result; 1 when the head cannot be\n"
-    "reached; 2 on a usage error; 130 when interrupted.\n"
-    "\n"
     "commands:\n";
 
 std::atomic<bool> g_interrupted{false};
@@ -29,6 +28,64 @@ extern "C" void onInterrupt(int)
 }
 
 } // namespace
+
+const char* const kExitStatusHelp =
+    "exit status:\n"
+    "  0    success\n"
+    "  1    the command failed: a negative result, or -1 when the exchange failed\n"
+    "  2    usage error: a bad option, command or argument (named on standard error)\n"
+    "  3    the head did not come online, or the USB device could not be opened\n"
+    "  130  interrupted (Ctrl-C)\n";
+
+int resultStatus(int result)
+{
+    return result >= 0 ? 0 : kFailedStatus;
+}
+
+HeldLog::HeldLog()
+{
+    ztLogSetCallback(&HeldLog::onLine, this);
+}
+
+HeldLog::~HeldLog()
+{
+    release();
+}
+
+void HeldLog::onLine(int level, const char* text, void* user)
+{
+    // The shape of the library's own lines on standard error, without the time.
+    static const char* const kNames[] = {"trace", "debug", "info", "warning", "error"};
+    std::string line = std::string("[") + (level >= 0 && level <= 4 ? kNames[level] : "log") +
+                       "] [ztProxyProtocol] " + text;
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
+        line.pop_back();
+    line += '\n';
+    auto* self = static_cast<HeldLog*>(user);
+    std::lock_guard<std::mutex> lock(self->m_mutex);
+    if (self->m_holding)
+        self->m_lines.push_back(std::move(line));
+    else
+        std::fputs(line.c_str(), stderr);
+}
+
+void HeldLog::release(const std::string& firstLine)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_holding)
+            return;
+        m_holding = false;
+        if (!firstLine.empty())
+            std::fprintf(stderr, "ztproxy: %s\n", firstLine.c_str());
+        for (const std::string& line : m_lines)
+            std::fputs(line.c_str(), stderr);
+        m_lines.clear();
+    }
+    // Outside the lock: a line being logged holds the logger's own lock while it waits for
+    // ours. Once this returns no line reaches onLine any more.
+    ztLogSetCallback(nullptr, nullptr);
+}
 
 std::string LinkOptions::value(const char* name) const
 {
@@ -48,6 +105,8 @@ bool parseLinkOptions(int argc, char** argv, const char* link, std::initializer_
             o.help = true;
         } else if (arg == "--list") {
             o.list = true;
+        } else if (arg == "--commands") {
+            o.commands = true;
         } else if (arg == "--json") {
             o.json = true;
         } else if (arg == "--sim") {
@@ -74,6 +133,8 @@ bool parseLinkOptions(int argc, char** argv, const char* link, std::initializer_
 int printLinkHelp(const char* usage, DeviceLink link)
 {
     std::fputs(usage, stdout);
+    std::fputs("\n", stdout);
+    std::fputs(kExitStatusHelp, stdout);
     std::fputs(kSharedHelp, stdout);
     listDeviceCommands(link, stdout, "  ", true);
     return 0;
@@ -82,7 +143,7 @@ int printLinkHelp(const char* usage, DeviceLink link)
 int usageError(const std::string& message)
 {
     std::fprintf(stderr, "ztproxy: %s\n", message.c_str());
-    return 2;
+    return kUsageStatus;
 }
 
 void catchInterrupts()
@@ -110,7 +171,7 @@ void CommandRunner::onData(int code, char*, int length, void* user)
         self->m_seen.emplace_back(code, length);
 }
 
-void CommandRunner::run(const PreparedCommand& command, const CommandTarget& target, bool json)
+int CommandRunner::run(const PreparedCommand& command, const CommandTarget& target, bool json)
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -135,6 +196,7 @@ void CommandRunner::run(const PreparedCommand& command, const CommandTarget& tar
     const std::string shown = json ? formatJson(command.name, result, outputs) : formatPlain(result, outputs);
     std::fputs(shown.c_str(), stdout);
     std::fflush(stdout);
+    return resultStatus(result);
 }
 
 } // namespace zt::tools

@@ -13,12 +13,45 @@
 
 namespace zt::tools {
 
-// Exit status after Ctrl-C (or SIGTERM).
+// Exit statuses of every subcommand: 0 on success; the command failed (a negative result
+// or -1); a usage error; the head did not come online or could not be opened; interrupted
+// by Ctrl-C (or SIGTERM).
+constexpr int kFailedStatus = 1;
+constexpr int kUsageStatus = 2;
+constexpr int kOfflineStatus = 3;
 constexpr int kInterruptedStatus = 130;
+// The same as lines for --help.
+extern const char* const kExitStatusHelp;
+
+// 0 for a result that means success on either link (0, or a non-negative head status word
+// on the USB link), kFailedStatus otherwise.
+int resultStatus(int result);
+
+// Holds the library's log lines while a link object connects, so that a head that does
+// not come online is reported in one plain line first, with the library's lines after it.
+// Lines go to standard error again once released or destroyed.
+class HeldLog {
+public:
+    HeldLog();
+    ~HeldLog();
+    HeldLog(const HeldLog&) = delete;
+    HeldLog& operator=(const HeldLog&) = delete;
+
+    // Prints "ztproxy: firstLine" when it is not empty, then the lines held.
+    void release(const std::string& firstLine = "");
+
+private:
+    static void onLine(int level, const char* text, void* user);
+
+    std::mutex m_mutex;
+    bool m_holding = true;
+    std::vector<std::string> m_lines;
+};
 
 struct LinkOptions {
     bool help = false;
     bool list = false;
+    bool commands = false;
     bool json = false;
     bool sim = false;
     // Options with a value, by name ("--local" and so on), in the order given.
@@ -56,8 +89,9 @@ class CommandRunner {
 public:
     static void onData(int code, char* data, int length, void* user);
 
-    // Runs the command and prints its result, its outputs and the callbacks it raised.
-    void run(const PreparedCommand& command, const CommandTarget& target, bool json);
+    // Runs the command and prints its result, its outputs and the callbacks it raised;
+    // the exit status of the result (resultStatus).
+    int run(const PreparedCommand& command, const CommandTarget& target, bool json);
 
 private:
     std::mutex m_mutex;

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace zt::tools {
 
@@ -17,7 +18,7 @@ namespace {
 const char* const kNetUsage =
     "usage: ztproxy net --local IP --remote IP [--sn SN] [--json] COMMAND [ARGUMENT...]\n"
     "       ztproxy net --sim [--json] COMMAND [ARGUMENT...]\n"
-    "       ztproxy net --list\n"
+    "       ztproxy net --commands\n"
     "\n"
     "Connects to a network scanner head (four connections to its port 42001), runs one\n"
     "device command, prints its result and disconnects.\n"
@@ -28,7 +29,7 @@ const char* const kNetUsage =
     "  --sn SN      serial number of the head (names it in log lines)\n"
     "  --sim        run a simulated head in this process on 127.0.0.1:42001 and use it\n"
     "  --json       print one JSON object instead of lines\n"
-    "  --list       print the commands with their arguments, one per line\n"
+    "  --commands   print the commands with their arguments, one per line (also --list)\n"
     "  -h, --help   show this help\n";
 
 // The head listens on this port; a host always connects to it.
@@ -42,6 +43,36 @@ bool isIPv4(const std::string& text)
 
 } // namespace
 
+bool checkHeadAddresses(const char* command, const std::string& local, const std::string& remote,
+                        std::string& error)
+{
+    for (const auto& [option, ip] : {std::pair{"--local", &local}, std::pair{"--remote", &remote}}) {
+        if (!ip->empty() && !isIPv4(*ip)) {
+            error = std::string(command) + ": " + option + " '" + *ip + "' is not an IPv4 address (such as 192.168.1.20)";
+            return false;
+        }
+    }
+    if (local.empty() || remote.empty()) {
+        error = std::string(command) + ": give --local IP (this machine) and --remote IP (the head)";
+        return false;
+    }
+    return true;
+}
+
+bool bringNetworkHeadOnline(ztEmbeddedModuleProxyServer& server, const std::string& local, const std::string& remote,
+                            const std::string& sn)
+{
+    HeldLog log;
+    const int rc = server.init(local, remote, sn);
+    if (server.isConnected() || wasInterrupted()) {
+        log.release();
+        return server.isConnected();
+    }
+    log.release("no network head came online at " + remote + ":" + std::to_string(kHeadPort) + " (from " + local +
+                ", init returned " + std::to_string(rc) + ")");
+    return false;
+}
+
 int runNetCommand(int argc, char** argv)
 {
     LinkOptions o;
@@ -50,7 +81,7 @@ int runNetCommand(int argc, char** argv)
         return usageError(error);
     if (o.help)
         return printLinkHelp(kNetUsage, DeviceLink::Network);
-    if (o.list) {
+    if (o.list || o.commands) {
         listDeviceCommands(DeviceLink::Network, stdout, "", false);
         return 0;
     }
@@ -61,11 +92,8 @@ int runNetCommand(int argc, char** argv)
             return usageError("net: --sim connects to its own head on 127.0.0.1; leave out --local and --remote");
         local = remote = "127.0.0.1";
     } else {
-        if (local.empty() || remote.empty())
-            return usageError("net: give --local IP and --remote IP, or --sim (see ztproxy net --help)");
-        for (const std::string& ip : {local, remote})
-            if (!isIPv4(ip))
-                return usageError("net: '" + ip + "' is not an IPv4 address");
+        if (!checkHeadAddresses("net", local, remote, error))
+            return usageError(error);
     }
     PreparedCommand command;
     if (!prepareDeviceCommand(DeviceLink::Network, o.words, command, error))
@@ -78,7 +106,7 @@ int runNetCommand(int argc, char** argv)
         if (sim->start() != 0) {
             std::fprintf(stderr, "ztproxy: the simulated head cannot listen on %s:%d (in use?)\n", remote.c_str(),
                          kHeadPort);
-            return 1;
+            return kOfflineStatus;
         }
     }
     int status = 0;
@@ -86,17 +114,12 @@ int runNetCommand(int argc, char** argv)
         CommandRunner runner;
         ztEmbeddedModuleProxyServer server;
         server.registerModuleServerDataCB(&CommandRunner::onData, &runner);
-        const int rc = server.init(local, remote, o.value("--sn"));
-        if (wasInterrupted()) {
+        if (!bringNetworkHeadOnline(server, local, remote, o.value("--sn")))
+            status = kOfflineStatus;
+        else
+            status = runner.run(command, CommandTarget{server, &server}, o.json);
+        if (wasInterrupted())
             status = reportInterrupted();
-        } else if (!server.isConnected()) {
-            std::fprintf(stderr, "ztproxy: the head at %s:%d did not come online (init returned %d)\n", remote.c_str(),
-                         kHeadPort, rc);
-            status = 1;
-        } else {
-            runner.run(command, CommandTarget{server, &server}, o.json);
-            status = wasInterrupted() ? reportInterrupted() : 0;
-        }
         server.deInit();
     }
     if (sim)

@@ -1,11 +1,25 @@
 // ztproxy net: one device command against a network scanner head.
 #pragma once
 
+#include <string>
+
+class ztEmbeddedModuleProxyServer;
+
 namespace zt::tools {
 
-// Runs the options and command that follow "net" (argv[0] is the first of them). 0 when
-// the command ran, whatever its result (which is printed); 1 when the head does not come
-// online; 2 on a usage error; 130 when interrupted.
+// Runs the options and command that follow "net" (argv[0] is the first of them); the exit
+// status is one of those in command_run.h.
 int runNetCommand(int argc, char** argv);
+
+// The --local and --remote values of a subcommand (command names it in messages). false
+// with a one-line message naming a missing or bad value.
+bool checkHeadAddresses(const char* command, const std::string& local, const std::string& remote,
+                        std::string& error);
+
+// Runs the server's connect procedure to the head at remote. false when the head did not
+// come online, after saying so in one line (link, address and port) before the library's
+// own lines about it.
+bool bringNetworkHeadOnline(ztEmbeddedModuleProxyServer& server, const std::string& local, const std::string& remote,
+                            const std::string& sn);
 
 } // namespace zt::tools

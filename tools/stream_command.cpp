@@ -2,17 +2,18 @@
 
 #include "command_run.h"
 #include "frame_record.h"
+#include "net_command.h"
 #include "stream_view.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztSimNetworkHead.h"
 #ifdef ZT_WITH_USB
+#include "usb_command.h"
 #include "usb_emulation.h"
 #include "usb_open.h"
 #include "ztSimUsbHead.h"
 #include "ztUsbProxyServer.h"
 #endif
 
-#include <arpa/inet.h>
 #include <sys/stat.h>
 
 #include <charconv>
@@ -59,14 +60,14 @@ const char* const kStreamUsage =
     "Frames dropped are known for the simulated heads only: frames the head sent that never\n"
     "reached the data callback.\n"
     "\n"
-    "exit status: 0 when the stream ran (also when interrupted); 1 when the head cannot be\n"
-    "reached or an image cannot be written; 2 on a usage error.\n";
+    "exit status: 0 when the stream ran (also when ended by Ctrl-C); 1 when an image cannot\n"
+    "be written; 2 on a usage error; 3 when the head did not come online or the USB device\n"
+    "could not be opened.\n";
 
 constexpr unsigned short kSimWidth = 1280;
 constexpr unsigned short kSimHeight = 1024;
 constexpr double kSimFramesPerSecond = 100;
 constexpr int kHeadPort = ztSimNetworkHead::kDefaultPort;
-constexpr int kOnlineWaitMs = 2500;
 constexpr int kRedrawMs = 250;
 // After a simulated stream ends, frames still on their way get this long to arrive.
 constexpr int kTailWaitMs = 2000;
@@ -90,11 +91,6 @@ bool parseCount(const std::string& text, long long& value)
     return ec == std::errc() && end == text.data() + text.size() && value > 0;
 }
 
-bool isIPv4(const std::string& text)
-{
-    in_addr a{};
-    return ::inet_pton(AF_INET, text.c_str(), &a) == 1;
-}
 
 bool parse(int argc, char** argv, Options& o, std::string& error)
 {
@@ -154,21 +150,10 @@ bool parse(int argc, char** argv, Options& o, std::string& error)
     if (!sources.empty()) {
         o.source = sources[0] == "--sim-net" ? Source::SimNet : Source::SimUsb;
     } else if (net) {
-        if (o.local.empty() || o.remote.empty()) {
-            error = "stream: a network head needs both --local IP and --remote IP";
+        if (!checkHeadAddresses("stream", o.local, o.remote, error))
             return false;
-        }
-        for (const std::string& ip : {o.local, o.remote})
-            if (!isIPv4(ip)) {
-                error = "stream: '" + ip + "' is not an IPv4 address";
-                return false;
-            }
         o.source = Source::Net;
     } else {
-        if (o.vid.empty() || o.pid.empty()) {
-            error = "stream: a USB head needs both --vid V and --pid P";
-            return false;
-        }
         o.source = Source::Usb;
     }
 #ifndef ZT_WITH_USB
@@ -310,7 +295,7 @@ int receive(const Options& o, Receiver& receiver, const SimStream* sim)
     std::fflush(stdout);
     if (!saveError.empty()) {
         std::fprintf(stderr, "ztproxy: %s\n", saveError.c_str());
-        return 1;
+        return kFailedStatus;
     }
     return 0;
 }
@@ -326,7 +311,7 @@ int streamNetwork(const Options& o)
         if (head->start() != 0) {
             std::fprintf(stderr, "ztproxy: the simulated head cannot listen on %s:%d (in use?)\n", remote.c_str(),
                          kHeadPort);
-            return 1;
+            return kOfflineStatus;
         }
     }
     int status = 0;
@@ -334,11 +319,8 @@ int streamNetwork(const Options& o)
         ztEmbeddedModuleProxyServer server;
         Receiver receiver(server, o);
         server.registerModuleServerDataCB(&Receiver::cb, &receiver);
-        const int rc = server.init(local, remote, o.sn);
-        if (!server.isConnected()) {
-            std::fprintf(stderr, "ztproxy: the head at %s:%d did not come online (init returned %d)\n", remote.c_str(),
-                         kHeadPort, rc);
-            status = 1;
+        if (!bringNetworkHeadOnline(server, local, remote, o.sn)) {
+            status = kOfflineStatus;
         } else if (head) {
             const std::vector<char> unit = simUnit();
             head->startStream(ztSimNetworkHead::Data, unit, 0, static_cast<double>(unit.size()) * kSimFramesPerSecond);
@@ -363,17 +345,16 @@ int streamUsb(const Options& o)
         which.product = ztSimUsbHead::kProduct;
     } else {
         which.serial = o.serial;
-        if (!parseUsbId(o.vid, which.vendor))
-            return usageError("stream: vendor id '" + o.vid + "' is not a hexadecimal number from 0 to ffff");
-        if (!parseUsbId(o.pid, which.product))
-            return usageError("stream: product id '" + o.pid + "' is not a hexadecimal number from 0 to ffff");
+        std::string error;
+        if (!parseUsbIds("stream", o.vid, o.pid, which, error))
+            return usageError(error);
     }
     std::unique_ptr<ztSimUsbHead> head;
     if (o.source == Source::SimUsb) {
         head = std::make_unique<ztSimUsbHead>();
         if (head->start() != 0) {
             reportUsbEmulationMissing();
-            return 1;
+            return kOfflineStatus;
         }
     }
     int status = 0;
@@ -382,19 +363,13 @@ int streamUsb(const Options& o)
         std::string error;
         if (!usb.open(which, error)) {
             std::fprintf(stderr, "ztproxy: %s\n", error.c_str());
-            status = 1;
+            status = kOfflineStatus;
         } else {
             ztUsbProxyServer server(usb.info(), usb.handle());
             Receiver receiver(server, o);
             server.registerModuleServerDataCB(&Receiver::cb, &receiver);
-            const int rc = server.init();
-            const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kOnlineWaitMs);
-            while (rc == 0 && !server.isConnected() && !wasInterrupted() && std::chrono::steady_clock::now() < deadline)
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            if (!server.isConnected()) {
-                std::fprintf(stderr, "ztproxy: the USB head %s did not come online (init returned %d)\n",
-                             usb.info().serialNumber, rc);
-                status = 1;
+            if (!bringUsbHeadOnline(server, usb)) {
+                status = kOfflineStatus;
             } else if (head) {
                 const std::vector<char> unit = simUnit();
                 head->startStream(unit, 0, static_cast<double>(unit.size()) * kSimFramesPerSecond);

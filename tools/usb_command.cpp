@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace zt::tools {
 
@@ -19,7 +20,8 @@ namespace {
 const char* const kUsbUsage =
     "usage: ztproxy usb --vid V --pid P [--serial S] [--json] COMMAND [ARGUMENT...]\n"
     "       ztproxy usb --sim [--json] COMMAND [ARGUMENT...]\n"
-    "       ztproxy usb --list\n"
+    "       ztproxy usb [--sim] --list\n"
+    "       ztproxy usb --commands\n"
     "\n"
     "Opens a USB scanner head with libusb, claims its interface 0, runs one device command,\n"
     "prints its result and closes the device. The endpoints come from the device's\n"
@@ -29,43 +31,51 @@ const char* const kUsbUsage =
     "  --vid V      vendor id, hexadecimal (as lsusb shows it)\n"
     "  --pid P      product id, hexadecimal\n"
     "  --serial S   the device with this serial number (default: the first one)\n"
-    "  --sim        run the emulated USB head in this process and use it; the emulation\n"
-    "               needs umockdev's LD_PRELOAD=libumockdev-preload.so.0, which the tool\n"
-    "               sets by running itself again when it is missing\n"
+    "  --sim        run the emulated USB head in this process and use it (or list it); the\n"
+    "               emulation needs umockdev's LD_PRELOAD=libumockdev-preload.so.0, which\n"
+    "               the tool sets by running itself again when it is missing\n"
     "  --json       print one JSON object instead of lines\n"
-    "  --list       print the commands with their arguments, one per line\n"
+    "  --list       print the USB devices that can be opened as heads: ids, bus, address and\n"
+    "               serial number\n"
+    "  --commands   print the commands with their arguments, one per line\n"
     "  -h, --help   show this help\n";
 
-// A head answers its first heartbeat within one 500 ms period; five silent periods in a
-// row make it offline.
 constexpr int kOnlineWaitMs = 2500;
 
-// Brings the server online on the opened head, runs the command and takes the server down.
-int runOn(const UsbHead& head, const PreparedCommand& command, bool json)
+int listHeads()
 {
-    CommandRunner runner;
-    ztUsbProxyServer server(head.info(), head.handle());
-    server.registerModuleServerDataCB(&CommandRunner::onData, &runner);
+    std::vector<UsbHeadSeen> heads;
+    std::string error;
+    if (!listUsbHeads(heads, error)) {
+        std::fprintf(stderr, "ztproxy: %s\n", error.c_str());
+        return kOfflineStatus;
+    }
+    for (const UsbHeadSeen& h : heads)
+        std::printf("%04x:%04x bus %03d address %03d serial %s\n", h.vendor, h.product, h.bus, h.address,
+                    h.serial.empty() ? "(cannot be read)" : h.serial.c_str());
+    if (heads.empty())
+        std::fputs("ztproxy: no USB device with a scanner head's endpoints\n", stderr);
+    return 0;
+}
+
+} // namespace
+
+bool bringUsbHeadOnline(ztUsbProxyServer& server, const UsbHead& head)
+{
+    HeldLog log;
     const int rc = server.init();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kOnlineWaitMs);
     while (rc == 0 && !server.isConnected() && !wasInterrupted() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    int status = 0;
-    if (wasInterrupted()) {
-        status = reportInterrupted();
-    } else if (!server.isConnected()) {
-        std::fprintf(stderr, "ztproxy: the USB head %s did not come online (init returned %d)\n",
-                     head.info().serialNumber, rc);
-        status = 1;
-    } else {
-        runner.run(command, CommandTarget{server, nullptr}, json);
-        status = wasInterrupted() ? reportInterrupted() : 0;
+    if (server.isConnected() || wasInterrupted()) {
+        log.release();
+        return server.isConnected();
     }
-    server.deInit();
-    return status;
+    log.release(std::string("the USB head ") + head.info().serialNumber + " (bus " + std::to_string(head.bus()) +
+                ", address " + std::to_string(head.address()) + ") did not come online (init returned " +
+                std::to_string(rc) + ")");
+    return false;
 }
-
-} // namespace
 
 int runUsbCommand(int argc, char** argv, char** programArgv)
 {
@@ -75,29 +85,26 @@ int runUsbCommand(int argc, char** argv, char** programArgv)
         return usageError(error);
     if (o.help)
         return printLinkHelp(kUsbUsage, DeviceLink::Usb);
-    if (o.list) {
+    if (o.commands) {
         listDeviceCommands(DeviceLink::Usb, stdout, "", false);
         return 0;
     }
     UsbSelector which;
-    if (o.sim) {
+    if (o.list) {
+        if (!o.values.empty() || !o.words.empty())
+            return usageError("usb: --list takes no other option or command (but --sim)");
+    } else if (o.sim) {
         if (!o.values.empty())
             return usageError("usb: --sim opens its own emulated head; leave out --vid, --pid and --serial");
         which.vendor = ztSimUsbHead::kVendor;
         which.product = ztSimUsbHead::kProduct;
     } else {
-        const std::string vid = o.value("--vid");
-        const std::string pid = o.value("--pid");
-        if (vid.empty() || pid.empty())
-            return usageError("usb: give --vid V and --pid P, or --sim (see ztproxy usb --help)");
-        if (!parseUsbId(vid, which.vendor))
-            return usageError("usb: vendor id '" + vid + "' is not a hexadecimal number from 0 to ffff");
-        if (!parseUsbId(pid, which.product))
-            return usageError("usb: product id '" + pid + "' is not a hexadecimal number from 0 to ffff");
+        if (!parseUsbIds("usb", o.value("--vid"), o.value("--pid"), which, error))
+            return usageError(error);
         which.serial = o.value("--serial");
     }
     PreparedCommand command;
-    if (!prepareDeviceCommand(DeviceLink::Usb, o.words, command, error))
+    if (!o.list && !prepareDeviceCommand(DeviceLink::Usb, o.words, command, error))
         return usageError(error);
     if (o.sim && !usbEmulationPreloaded())
         return runAgainWithUsbEmulation(programArgv);
@@ -108,18 +115,27 @@ int runUsbCommand(int argc, char** argv, char** programArgv)
         sim = std::make_unique<ztSimUsbHead>();
         if (sim->start() != 0) {
             reportUsbEmulationMissing();
-            return 1;
+            return kOfflineStatus;
         }
     }
     int status = 0;
-    {
+    if (o.list) {
+        status = listHeads();
+    } else {
         UsbHead head;
-        if (head.open(which, error)) {
-            status = runOn(head, command, o.json);
-        } else {
+        if (!head.open(which, error)) {
             std::fprintf(stderr, "ztproxy: %s\n", error.c_str());
-            status = 1;
+            status = kOfflineStatus;
+        } else {
+            CommandRunner runner;
+            ztUsbProxyServer server(head.info(), head.handle());
+            server.registerModuleServerDataCB(&CommandRunner::onData, &runner);
+            status = bringUsbHeadOnline(server, head) ? runner.run(command, CommandTarget{server, nullptr}, o.json)
+                                                      : kOfflineStatus;
+            server.deInit();
         }
+        if (wasInterrupted())
+            status = reportInterrupted();
     }
     // Every handle on the emulated head is closed by now.
     if (sim)

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <tuple>
 
 namespace zt::tools {
 
@@ -76,7 +77,51 @@ bool describe(libusb_device* device, _ZT_USB3_DEVICE_INFO_& info, std::string& w
     return true;
 }
 
+// The serial number string of an opened device, empty when it has none.
+std::string serialOf(libusb_device_handle* h, const libusb_device_descriptor& d)
+{
+    char serial[sizeof(_ZT_USB3_DEVICE_INFO_::serialNumber)] = {};
+    if (d.iSerialNumber != 0)
+        libusb_get_string_descriptor_ascii(h, d.iSerialNumber, reinterpret_cast<unsigned char*>(serial),
+                                           sizeof serial - 1);
+    return serial;
+}
+
 } // namespace
+
+bool listUsbHeads(std::vector<UsbHeadSeen>& heads, std::string& error)
+{
+    libusb_context* context = nullptr;
+    int rc = libusb_init(&context);
+    if (rc != 0) {
+        error = "libusb cannot start (" + libusbError(rc) + ")";
+        return false;
+    }
+    libusb_device** list = nullptr;
+    const ssize_t count = libusb_get_device_list(context, &list);
+    if (count < 0) {
+        error = "the USB devices cannot be listed (" + libusbError(static_cast<int>(count)) + ")";
+        libusb_exit(context);
+        return false;
+    }
+    for (ssize_t i = 0; i < count; ++i) {
+        libusb_device_descriptor d{};
+        _ZT_USB3_DEVICE_INFO_ info{};
+        std::string why;
+        if (libusb_get_device_descriptor(list[i], &d) != 0 || !describe(list[i], info, why))
+            continue;
+        UsbHeadSeen seen{d.idVendor, d.idProduct, libusb_get_bus_number(list[i]), libusb_get_device_address(list[i]), ""};
+        libusb_device_handle* h = nullptr;
+        if (libusb_open(list[i], &h) == 0) {
+            seen.serial = serialOf(h, d);
+            libusb_close(h);
+        }
+        heads.push_back(std::move(seen));
+    }
+    libusb_free_device_list(list, 1);
+    libusb_exit(context);
+    return true;
+}
 
 UsbHead::~UsbHead()
 {
@@ -129,9 +174,8 @@ bool UsbHead::open(const UsbSelector& which, std::string& error)
             continue;
         }
         _ZT_USB3_DEVICE_INFO_ info{};
-        if (d.iSerialNumber != 0)
-            libusb_get_string_descriptor_ascii(h, d.iSerialNumber, reinterpret_cast<unsigned char*>(info.serialNumber),
-                                               sizeof info.serialNumber - 1);
+        const std::string serial = serialOf(h, d);
+        std::memcpy(info.serialNumber, serial.c_str(), serial.size() + 1);
         if (!which.serial.empty() && which.serial != info.serialNumber) {
             libusb_close(h);
             continue;
@@ -151,6 +195,8 @@ bool UsbHead::open(const UsbSelector& which, std::string& error)
         m_handle = h;
         m_claimed = true;
         m_info = info;
+        m_bus = libusb_get_bus_number(list[i]);
+        m_address = libusb_get_device_address(list[i]);
     }
     libusb_free_device_list(list, 1);
     if (m_handle == nullptr) {
@@ -172,6 +218,24 @@ bool parseUsbId(const std::string& text, unsigned short& id)
     if (p == end || ec != std::errc() || next != end)
         return false;
     id = parsed;
+    return true;
+}
+
+bool parseUsbIds(const char* command, const std::string& vid, const std::string& pid, UsbSelector& which,
+                 std::string& error)
+{
+    for (const auto& [name, text, id] : {std::tuple{"vendor id (--vid)", &vid, &which.vendor},
+                                         std::tuple{"product id (--pid)", &pid, &which.product}}) {
+        if (!text->empty() && !parseUsbId(*text, *id)) {
+            error = std::string(command) + ": " + name + " '" + *text +
+                    "' is not a hexadecimal number from 0 to ffff (such as 1d6b)";
+            return false;
+        }
+    }
+    if (vid.empty() || pid.empty()) {
+        error = std::string(command) + ": give --vid V and --pid P (see ztproxy usb --list)";
+        return false;
+    }
     return true;
 }
 

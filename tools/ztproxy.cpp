@@ -10,7 +10,14 @@
 #include "usb_emulation.h"
 #endif
 
+#include "command_run.h"
 #include "ztLog.h"
+#include "ztProxyVersion.h"
+
+#include <opencv2/core/version.hpp>
+#ifdef ZT_WITH_USB
+#include <libusb.h>
+#endif
 
 #include <cstdio>
 #include <cstring>
@@ -33,7 +40,9 @@ const char* const kUsage =
     "options:\n"
     "  --log-level LEVEL  trace, debug, info, warn (default), error or off; logs go to\n"
     "                     standard error\n"
-    "  -h, --help         show this help\n";
+    "  --version          the versions of the library, and of libusb and OpenCV\n"
+    "  -h, --help         show this help\n"
+    "\n";
 
 const char* const kDemoUsage =
     "usage: ztproxy demo [--png PATH]\n"
@@ -70,8 +79,18 @@ const char* const kSimUsage =
 
 int fail(const std::string& message)
 {
-    std::fprintf(stderr, "ztproxy: %s\n", message.c_str());
-    return 2;
+    return zt::tools::usageError(message);
+}
+
+int printVersions()
+{
+    std::printf("ztproxy %s\n", ztProxyVersion());
+#ifdef ZT_WITH_USB
+    const libusb_version* usb = libusb_get_version();
+    std::printf("libusb %u.%u.%u\n", usb->major, usb->minor, usb->micro);
+#endif
+    std::printf("OpenCV %s\n", CV_VERSION);
+    return 0;
 }
 
 } // namespace
@@ -83,8 +102,11 @@ int main(int argc, char** argv)
         const std::string arg = argv[i];
         if (arg == "-h" || arg == "--help") {
             std::fputs(kUsage, stdout);
+            std::fputs(zt::tools::kExitStatusHelp, stdout);
             return 0;
         }
+        if (arg == "--version")
+            return printVersions();
         if (arg == "--log-level") {
             if (i + 1 >= argc)
                 return fail("--log-level needs a level");
@@ -98,7 +120,7 @@ int main(int argc, char** argv)
     }
     if (i >= argc) {
         std::fputs(kUsage, stderr);
-        return 2;
+        return zt::tools::kUsageStatus;
     }
     const std::string command = argv[i++];
     if (command == "demo") {

@@ -25,6 +25,12 @@ c++ -std=c++17 "${image_flag[@]}" "$source/main.cpp" $(PKG_CONFIG_PATH=$pc pkg-c
 out=$(LD_LIBRARY_PATH=$libdir "$work/with-pkg-config")
 [ "$out" = "consumer ok 7" ] || { echo "pkg-config consumer printed: $out"; exit 1; }
 
+# One version everywhere: the headers, the pkg-config file and the CMake package.
+version=$(sed -n 's/^#define ZT_PROXY_VERSION "\(.*\)"$/\1/p' "$prefix/include/ztProxyConfig.h")
+[ -n "$version" ] && [ "$(PKG_CONFIG_PATH=$pc pkg-config --modversion ztProxyProtocol)" = "$version" ] &&
+    grep -q "PACKAGE_VERSION \"$version\"" "$(find "$prefix" -name ztProxyProtocolConfigVersion.cmake)" ||
+    { echo "the versions of the headers, pkg-config and CMake package differ"; exit 1; }
+
 # The library carries its major version in its name.
 ls "$libdir"/libztProxyProtocol.so.0 >/dev/null
 echo "installed package used through find_package and pkg-config"

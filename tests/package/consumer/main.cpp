@@ -2,6 +2,8 @@
 #include <TThreadC.h>
 #include <ztDeviceProxyProtocol.h>
 #include <ztLog.h>
+#include <ztProxyConfig.h>
+#include <ztProxyVersion.h>
 #include <ztModuleProxyClient.h>
 #include <zt_embedded_msg.h>
 #include <zt_msg.h>
@@ -48,6 +50,11 @@ int main()
         return 1;
     }
     zt_embedded_msg_release(embedded);
+
+    if (std::strcmp(ztProxyVersion(), ZT_PROXY_VERSION) != 0) {
+        std::printf("consumer: library version %s, headers %s\n", ztProxyVersion(), ZT_PROXY_VERSION);
+        return 1;
+    }
 
     ztLogSetLevel(ztLogParseLevel("error"));
     ztModuleProxyServer host;
