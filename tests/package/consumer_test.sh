@@ -31,6 +31,12 @@ version=$(sed -n 's/^#define ZT_PROXY_VERSION "\(.*\)"$/\1/p' "$prefix/include/z
     grep -q "PACKAGE_VERSION \"$version\"" "$(find "$prefix" -name ztProxyProtocolConfigVersion.cmake)" ||
     { echo "the versions of the headers, pkg-config and CMake package differ"; exit 1; }
 
+# The installed tool starts from the prefix without help: it finds its libraries by RPATH.
+if [ -x "$prefix/bin/ztproxy" ]; then
+    out=$(env -u LD_LIBRARY_PATH "$prefix/bin/ztproxy" --version | head -1)
+    [ "$out" = "ztproxy $version" ] || { echo "installed ztproxy --version printed: $out"; exit 1; }
+fi
+
 # The library carries its major version in its name.
 ls "$libdir"/libztProxyProtocol.so.0 >/dev/null
 echo "installed package used through find_package and pkg-config"
