@@ -47,11 +47,6 @@ HeldLog::HeldLog()
     ztLogSetCallback(&HeldLog::onLine, this);
 }
 
-HeldLog::~HeldLog()
-{
-    release();
-}
-
 void HeldLog::onLine(int level, const char* text, void* user)
 {
     // The shape of the library's own lines on standard error, without the time.
@@ -63,25 +58,33 @@ void HeldLog::onLine(int level, const char* text, void* user)
     line += '\n';
     auto* self = static_cast<HeldLog*>(user);
     std::lock_guard<std::mutex> lock(self->m_mutex);
-    if (self->m_holding)
+    if (self->m_holding) {
         self->m_lines.push_back(std::move(line));
-    else
+    } else {
+        std::fputs(self->m_before, stderr);
         std::fputs(line.c_str(), stderr);
+    }
 }
 
-void HeldLog::release(const std::string& firstLine)
+void HeldLog::release(const std::string& firstLine, const char* before)
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_holding)
             return;
         m_holding = false;
+        m_before = before;
         if (!firstLine.empty())
             std::fprintf(stderr, "ztproxy: %s\n", firstLine.c_str());
         for (const std::string& line : m_lines)
             std::fputs(line.c_str(), stderr);
         m_lines.clear();
     }
+}
+
+HeldLog::~HeldLog()
+{
+    release();
     // Outside the lock: a line being logged holds the logger's own lock while it waits for
     // ours. Once this returns no line reaches onLine any more.
     ztLogSetCallback(nullptr, nullptr);

@@ -37,14 +37,17 @@ public:
     HeldLog(const HeldLog&) = delete;
     HeldLog& operator=(const HeldLog&) = delete;
 
-    // Prints "ztproxy: firstLine" when it is not empty, then the lines held.
-    void release(const std::string& firstLine = "");
+    // Prints "ztproxy: firstLine" when it is not empty, then the lines held. Until the
+    // object is destroyed, each later line goes to standard error after before (on a
+    // terminal, "\r\033[K" clears a counter line drawn there).
+    void release(const std::string& firstLine = "", const char* before = "");
 
 private:
     static void onLine(int level, const char* text, void* user);
 
     std::mutex m_mutex;
     bool m_holding = true;
+    const char* m_before = "";
     std::vector<std::string> m_lines;
 };
 

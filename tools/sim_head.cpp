@@ -1,5 +1,6 @@
 #include "sim_head.h"
 
+#include "frame_record.h"
 #include "ztSimNetworkHead.h"
 
 #include <arpa/inet.h>
@@ -10,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -18,7 +20,8 @@ namespace zt::tools {
 namespace {
 
 const char* const kSimHeadUsage =
-    "usage: ztproxy sim head [--bind IP] [--port N] [--stream-rate MBPS]\n"
+    "usage: ztproxy sim head [--bind IP] [--port N] [--stream-rate MBPS [--stream-on trigger]\n"
+    "                        [--full-frames]]\n"
     "\n"
     "Runs a simulated network scanner head until interrupted. A host opens four TCP\n"
     "connections to it, in the order command, data, command-data and light-pen; the head\n"
@@ -33,6 +36,10 @@ const char* const kSimHeadUsage =
     "                      of type 1280 (262144 bytes each) on the data connection at MBPS\n"
     "                      megabytes (10^6 bytes) per second; 0 streams as fast as the host\n"
     "                      reads\n"
+    "  --stream-on trigger stream only between a trigger (sendTrigger, or setScanStatus 1)\n"
+    "                      and its stop (sendStopTrigger, or setScanStatus 0)\n"
+    "  --full-frames       stream full-frame records of 1280 x 1024 16-bit pixels instead,\n"
+    "                      which ztproxy stream --save-every can save as images\n"
     "  -h, --help          show this help\n";
 
 std::atomic<bool> g_stop{false};
@@ -60,6 +67,30 @@ const char* channelName(ztSimNetworkHead::Channel c)
 
 constexpr std::size_t kStreamUnit = 262144;
 constexpr unsigned short kStreamType = 1280;
+constexpr unsigned short kTriggerType = 13;
+constexpr unsigned short kScanStatusType = 289;
+
+// 1 for a command that starts the stream, 0 for one that stops it, -1 for any other.
+int triggerOf(const ztSimNetworkHead::Request& r)
+{
+    if ((r.type != kTriggerType && r.type != kScanStatusType) || r.payload.size() < 4)
+        return -1;
+    int value = 0;
+    std::memcpy(&value, r.payload.data(), sizeof value);
+    return value != 0 ? 1 : 0;
+}
+
+std::vector<char> streamUnit(bool fullFrames)
+{
+    if (fullFrames) {
+        const std::vector<char> record = gradientRecord(1280, 1024, 1);
+        return ztSimNetworkHead::extendedPacket(kFullFrameType, 1, record.data(), record.size());
+    }
+    std::vector<char> payload(kStreamUnit - ztSimNetworkHead::kExtendedHeaderSize - 1);
+    for (std::size_t k = 0; k < payload.size(); ++k)
+        payload[k] = static_cast<char>(k & 0xFF);
+    return ztSimNetworkHead::extendedPacket(kStreamType, 0, payload.data(), payload.size());
+}
 
 } // namespace
 
@@ -68,13 +99,19 @@ int runSimHead(int argc, char** argv)
     std::string bind = "127.0.0.1";
     int port = ztSimNetworkHead::kDefaultPort;
     double rate = -1; // no stream
+    bool onTrigger = false;
+    bool fullFrames = false;
     for (int i = 0; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "-h" || arg == "--help") {
             std::fputs(kSimHeadUsage, stdout);
             return 0;
         }
-        const bool takesValue = arg == "--bind" || arg == "--port" || arg == "--stream-rate";
+        if (arg == "--full-frames") {
+            fullFrames = true;
+            continue;
+        }
+        const bool takesValue = arg == "--bind" || arg == "--port" || arg == "--stream-rate" || arg == "--stream-on";
         if (!takesValue)
             return bad("sim head: unknown argument '" + arg + "'");
         if (i + 1 >= argc)
@@ -92,6 +129,10 @@ int runSimHead(int argc, char** argv)
             if (value.empty() || *end != '\0' || errno != 0 || p < 1 || p > 65535)
                 return bad("sim head: port '" + value + "' is not a number from 1 to 65535");
             port = static_cast<int>(p);
+        } else if (arg == "--stream-on") {
+            if (value != "trigger")
+                return bad("sim head: --stream-on '" + value + "' is not trigger");
+            onTrigger = true;
         } else {
             const double r = std::strtod(value.c_str(), &end);
             if (value.empty() || *end != '\0' || errno != 0 || !std::isfinite(r) || r < 0)
@@ -99,6 +140,8 @@ int runSimHead(int argc, char** argv)
             rate = r;
         }
     }
+    if (rate < 0 && (onTrigger || fullFrames))
+        return bad("sim head: --stream-on and --full-frames shape a stream: give --stream-rate too");
 
     std::signal(SIGINT, onHeadSignal);
     std::signal(SIGTERM, onHeadSignal);
@@ -117,36 +160,43 @@ int runSimHead(int argc, char** argv)
     std::printf("simulated head listening on %s:%d; Ctrl-C stops it\n", bind.c_str(), head.port());
     std::fflush(stdout);
 
+    const std::vector<char> unit = rate >= 0 ? streamUnit(fullFrames) : std::vector<char>{};
     bool streaming = false;
+    bool triggered = false;
     while (!g_stop) {
         ztSimNetworkHead::Request r;
         if (head.nextCommand(r, 200)) {
             std::printf("command %u, %zu payload bytes\n", static_cast<unsigned>(r.type), r.payload.size());
             std::fflush(stdout);
+            if (const int t = triggerOf(r); t >= 0)
+                triggered = t == 1;
         }
-        if (rate >= 0 && !streaming && head.isConnected(ztSimNetworkHead::Command) &&
-            head.isConnected(ztSimNetworkHead::Data) && head.isConnected(ztSimNetworkHead::CommandData) &&
-            head.isConnected(ztSimNetworkHead::LightPen)) {
-            std::vector<char> payload(kStreamUnit - ztSimNetworkHead::kExtendedHeaderSize - 1);
-            for (std::size_t k = 0; k < payload.size(); ++k)
-                payload[k] = static_cast<char>(k & 0xFF);
-            head.startStream(ztSimNetworkHead::Data,
-                             ztSimNetworkHead::extendedPacket(kStreamType, 0, payload.data(), payload.size()), 0,
-                             rate * 1e6);
+        const bool connected = head.isConnected(ztSimNetworkHead::Command) &&
+                               head.isConnected(ztSimNetworkHead::Data) &&
+                               head.isConnected(ztSimNetworkHead::CommandData) &&
+                               head.isConnected(ztSimNetworkHead::LightPen);
+        const bool wanted = rate >= 0 && connected && (!onTrigger || triggered);
+        if (wanted && !streaming) {
+            head.startStream(ztSimNetworkHead::Data, unit, 0, rate * 1e6);
             streaming = true;
             if (rate > 0)
-                std::printf("streaming %zu-byte packets of type %u on the data connection at %g MB/s\n", kStreamUnit,
+                std::printf("streaming %zu-byte packets of type %u on the data connection at %g MB/s\n", unit.size(),
                             static_cast<unsigned>(kStreamType), rate);
             else
                 std::printf("streaming %zu-byte packets of type %u on the data connection as fast as it goes\n",
-                            kStreamUnit, static_cast<unsigned>(kStreamType));
+                            unit.size(), static_cast<unsigned>(kStreamType));
+            std::fflush(stdout);
+        } else if (!wanted && streaming && onTrigger) {
+            head.stopStream();
+            streaming = false;
+            std::printf("stream stopped\n");
             std::fflush(stdout);
         }
     }
     head.stopStream();
     const std::size_t streamed = head.streamedBytes();
     head.stop();
-    if (streaming)
+    if (rate >= 0)
         std::printf("streamed %zu bytes\n", streamed);
     std::printf("stopped\n");
     return 0;

@@ -31,11 +31,14 @@ namespace zt::tools {
 namespace {
 
 const char* const kStreamUsage =
-    "usage: ztproxy stream SOURCE [--seconds N] [--save-every N --out DIR] [--json]\n"
+    "usage: ztproxy stream SOURCE [--start trigger|scan] [--seconds N] [--save-every N --out DIR]\n"
+    "                      [--json]\n"
     "\n"
     "Receives frames from a scanner head for N seconds and counts them: frames, frames/s,\n"
-    "MB/s and frames dropped, redrawn on one line while standard output is a terminal.\n"
-    "At the end one summary line (or one JSON object) is printed. Ctrl-C ends early.\n"
+    "MB/s, frames dropped and the time gone of the whole, redrawn on one line while standard\n"
+    "output is a terminal (the library's own lines go above it). At the end one summary line\n"
+    "(or one JSON object) is printed. Ctrl-C ends early; a head going offline ends the\n"
+    "stream with exit status 1.\n"
     "\n"
     "sources:\n"
     "  --sim-net              a simulated network head in this process on 127.0.0.1:42001,\n"
@@ -51,6 +54,9 @@ const char* const kStreamUsage =
 #endif
     "\n"
     "options:\n"
+    "  --start trigger|scan   start the head's stream with sendTrigger or setScanStatus(1) once\n"
+    "                         it is online, and stop it at the end (sendStopTrigger or\n"
+    "                         setScanStatus(0)); by default the tool only listens\n"
     "  --seconds N            how long to receive (default 5)\n"
     "  --save-every N         write every Nth full-frame record (type 1280) as an 8-bit PNG\n"
     "  --out DIR              ... into this existing folder, as frame-NNNNNN.png\n"
@@ -60,9 +66,9 @@ const char* const kStreamUsage =
     "Frames dropped are known for the simulated heads only: frames the head sent that never\n"
     "reached the data callback.\n"
     "\n"
-    "exit status: 0 when the stream ran (also when ended by Ctrl-C); 1 when an image cannot\n"
-    "be written; 2 on a usage error; 3 when the head did not come online or the USB device\n"
-    "could not be opened.\n";
+    "exit status: 0 when the stream ran (also when ended by Ctrl-C); 1 when the head went\n"
+    "offline, the start command failed or an image cannot be written; 2 on a usage error; 3\n"
+    "when the head did not come online or the USB device could not be opened.\n";
 
 constexpr unsigned short kSimWidth = 1280;
 constexpr unsigned short kSimHeight = 1024;
@@ -73,6 +79,7 @@ constexpr int kRedrawMs = 250;
 constexpr int kTailWaitMs = 2000;
 
 enum class Source { None, SimNet, SimUsb, Net, Usb };
+enum class Start { None, Trigger, Scan };
 
 struct Options {
     bool help = false;
@@ -83,6 +90,7 @@ struct Options {
     long long seconds = 5;
     long long saveEvery = 0;
     std::string outDir;
+    Start start = Start::None;
 };
 
 bool parseCount(const std::string& text, long long& value)
@@ -95,7 +103,7 @@ bool parseCount(const std::string& text, long long& value)
 bool parse(int argc, char** argv, Options& o, std::string& error)
 {
     std::vector<std::string> sources;
-    std::string seconds, saveEvery;
+    std::string seconds, saveEvery, start;
     for (int i = 0; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "-h" || arg == "--help") {
@@ -129,6 +137,8 @@ bool parse(int argc, char** argv, Options& o, std::string& error)
             value = &saveEvery;
         else if (arg == "--out")
             value = &o.outDir;
+        else if (arg == "--start")
+            value = &start;
         if (value == nullptr) {
             error = "stream: unknown option '" + arg + "' (see ztproxy stream --help)";
             return false;
@@ -166,6 +176,14 @@ bool parse(int argc, char** argv, Options& o, std::string& error)
         error = "stream: --seconds '" + seconds + "' is not a whole number from 1 to 86400";
         return false;
     }
+    if (start == "trigger") {
+        o.start = Start::Trigger;
+    } else if (start == "scan") {
+        o.start = Start::Scan;
+    } else if (!start.empty()) {
+        error = "stream: --start '" + start + "' is not trigger or scan";
+        return false;
+    }
     if (!saveEvery.empty() && !parseCount(saveEvery, o.saveEvery)) {
         error = "stream: --save-every '" + saveEvery + "' is not a whole number above 0";
         return false;
@@ -195,8 +213,10 @@ struct Receiver {
     long long bytes = 0;
     long long saved = 0;
     std::string saveError;
-    // Touched by the link's delivering thread only.
+    bool offline = false;
+    // Full-frame records among the type-1280 packets: only they can be saved.
     long long fullFrames = 0;
+    long long notRecords = 0;
 
     static bool isFrame(int type)
     {
@@ -206,19 +226,25 @@ struct Receiver {
     static void cb(int type, char* data, int length, void* user)
     {
         auto* self = static_cast<Receiver*>(user);
+        if (type == ZT_CODE_DEVICE_OFFLINE) {
+            std::lock_guard<std::mutex> lock(self->mutex);
+            self->offline = true;
+            return;
+        }
         if (!isFrame(type))
             return;
         std::string error;
         bool wrote = false;
-        if (self->saveEvery > 0 && type == kFullFrameType) {
-            char* record = recordIn(data, length);
-            if (record != nullptr && ++self->fullFrames % self->saveEvery == 0) {
-                char name[32];
-                std::snprintf(name, sizeof name, "/frame-%06lld.png", self->fullFrames);
-                wrote = saveRecordAsPng(self->assembler, record, self->outDir + name, error);
-            }
+        char* record = type == kFullFrameType ? recordIn(data, length) : nullptr;
+        // Only the link's delivering thread counts full frames, so the numbering needs no lock.
+        const long long number = record != nullptr ? ++self->fullFrames : 0;
+        if (self->saveEvery > 0 && number > 0 && number % self->saveEvery == 0) {
+            char name[32];
+            std::snprintf(name, sizeof name, "/frame-%06lld.png", number);
+            wrote = saveRecordAsPng(self->assembler, record, self->outDir + name, error);
         }
         std::lock_guard<std::mutex> lock(self->mutex);
+        self->notRecords += record == nullptr ? 1 : 0;
         ++self->frames;
         self->bytes += length;
         self->saved += wrote ? 1 : 0;
@@ -230,6 +256,12 @@ struct Receiver {
     {
         std::lock_guard<std::mutex> lock(mutex);
         return {frames, bytes, meter.seconds(), meter.cpuPercent()};
+    }
+
+    bool wentOffline()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return offline;
     }
 };
 
@@ -246,21 +278,44 @@ std::vector<char> simUnit()
     return ztSimNetworkHead::extendedPacket(kFullFrameType, 1, record.data(), record.size());
 }
 
-// Receives for the options' time (or until Ctrl-C), prints the counters and the summary.
-int receive(const Options& o, Receiver& receiver, const SimStream* sim)
+// Starts or stops the head's stream as --start asks; the command's result.
+int startOrStop(ztDeviceCommandSet& device, Start start, bool on)
 {
-    const bool terminal = stdoutIsTerminal();
+    switch (start) {
+    case Start::Trigger: return on ? device.sendTrigger() : device.sendStopTrigger();
+    case Start::Scan: return device.setScanStatus(on ? 1 : 0);
+    case Start::None: break;
+    }
+    return 0;
+}
+
+// Receives for the options' time (or until Ctrl-C or the head going offline), prints the
+// counters and the summary.
+int receive(const Options& o, ztDeviceCommandSet& device, Receiver& receiver, const SimStream* sim)
+{
+    const bool counters = stdoutIsTerminal() && !o.json;
+    // The library's lines go above the counter line instead of into it.
+    HeldLog log;
+    log.release("", counters ? "\r\033[K" : "");
+    if (o.start != Start::None && startOrStop(device, o.start, true) < 0) {
+        std::fprintf(stderr, "ztproxy: the head did not start its stream (%s failed)\n",
+                     o.start == Start::Trigger ? "sendTrigger" : "setScanStatus(1)");
+        return kFailedStatus;
+    }
     const UsageMeter meter;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(o.seconds);
-    while (!wasInterrupted() && std::chrono::steady_clock::now() < end) {
+    while (!wasInterrupted() && !receiver.wentOffline() && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(kRedrawMs));
-        if (!terminal || o.json)
+        if (!counters)
             continue;
         const StreamFigures f = receiver.figures(meter);
-        std::printf("\r  %lld frames  %.1f frames/s  %.1f MB/s  dropped %s   ", f.frames, f.framesPerSecond(),
-                    f.megabytesPerSecond(), sim != nullptr ? "0" : "-");
+        std::printf("\r  %lld frames  %.1f frames/s  %.1f MB/s  dropped %s  %.1f s of %lld s   ", f.frames,
+                    f.framesPerSecond(), f.megabytesPerSecond(), sim != nullptr ? "0" : "-", f.seconds, o.seconds);
         std::fflush(stdout);
     }
+    const bool offline = receiver.wentOffline();
+    if (!offline && o.start != Start::None)
+        startOrStop(device, o.start, false);
     StreamFigures figures = receiver.figures(meter);
     long long dropped = -1;
     if (sim != nullptr) {
@@ -274,14 +329,16 @@ int receive(const Options& o, Receiver& receiver, const SimStream* sim)
         figures.bytes = all.bytes;
         dropped = sent > all.frames ? sent - all.frames : 0;
     }
-    if (terminal && !o.json)
+    if (counters)
         std::printf("\n");
     long long saved = 0;
+    long long notRecords = 0;
     std::string saveError;
     {
         std::lock_guard<std::mutex> lock(receiver.mutex);
         saved = receiver.saved;
         saveError = receiver.saveError;
+        notRecords = receiver.notRecords;
     }
     const std::string droppedText = dropped < 0 ? (o.json ? "null" : "-") : std::to_string(dropped);
     if (o.json) {
@@ -293,6 +350,21 @@ int receive(const Options& o, Receiver& receiver, const SimStream* sim)
         std::printf("stream: %s, dropped %s, saved %lld\n", figures.text().c_str(), droppedText.c_str(), saved);
     }
     std::fflush(stdout);
+    if (o.saveEvery > 0 && saved == 0 && saveError.empty()) {
+        if (figures.frames == 0)
+            std::fputs("ztproxy: nothing saved: no packet arrived", stderr);
+        else if (notRecords == figures.frames)
+            std::fprintf(stderr, "ztproxy: nothing saved: none of the %lld packets was a full-frame record (type %u "
+                                 "with a record header)",
+                         figures.frames, static_cast<unsigned>(kFullFrameType));
+        else
+            std::fprintf(stderr, "ztproxy: nothing saved: fewer than %lld full-frame records arrived", o.saveEvery);
+        std::fputs(o.start == Start::None ? "; does the head stream without --start trigger?\n" : "\n", stderr);
+    }
+    if (offline) {
+        std::fprintf(stderr, "ztproxy: the head went offline after %.1f s\n", figures.seconds);
+        return kFailedStatus;
+    }
     if (!saveError.empty()) {
         std::fprintf(stderr, "ztproxy: %s\n", saveError.c_str());
         return kFailedStatus;
@@ -325,9 +397,9 @@ int streamNetwork(const Options& o)
             const std::vector<char> unit = simUnit();
             head->startStream(ztSimNetworkHead::Data, unit, 0, static_cast<double>(unit.size()) * kSimFramesPerSecond);
             const SimStream sim{[&] { return head->streamedBytes(); }, [&] { head->stopStream(); }, unit.size()};
-            status = receive(o, receiver, &sim);
+            status = receive(o, server, receiver, &sim);
         } else {
-            status = receive(o, receiver, nullptr);
+            status = receive(o, server, receiver, nullptr);
         }
         server.deInit();
     }
@@ -374,9 +446,9 @@ int streamUsb(const Options& o)
                 const std::vector<char> unit = simUnit();
                 head->startStream(unit, 0, static_cast<double>(unit.size()) * kSimFramesPerSecond);
                 const SimStream sim{[&] { return head->streamedBytes(); }, [&] { head->stopStream(); }, unit.size()};
-                status = receive(o, receiver, &sim);
+                status = receive(o, server, receiver, &sim);
             } else {
-                status = receive(o, receiver, nullptr);
+                status = receive(o, server, receiver, nullptr);
             }
             server.deInit();
         }

@@ -400,6 +400,29 @@ stream() {
         grep -Eqx 'stream: [1-9][0-9]* frames in [0-9.]+ s: [0-9.]+ frames/s, [0-9.]+ MB/s, CPU [0-9]+ % of one core, dropped 0, saved 0' "$tmp/out" ||
         failed "stream --sim-net: exit $rc, expected 0 and one summary line"
 
+    # A head in a process of its own that streams full frames between a trigger and its stop.
+    "$ztproxy" sim head --stream-rate 100 --stream-on trigger --full-frames >"$tmp/head" 2>&1 &
+    local head=$!
+    for _ in $(seq 50); do grep -q listening "$tmp/head" && break; sleep 0.1; done
+    local real=("${sim[@]}" --local 127.0.0.1 --remote 127.0.0.1 --seconds 1)
+    run "${real[@]}" --save-every 2 --out "$tmp/frames"
+    [ $rc -eq 0 ] && grep -q "stream: 0 frames" "$tmp/out" &&
+        [ "$(cat "$tmp/err")" = "ztproxy: nothing saved: no packet arrived; does the head stream without --start trigger?" ] ||
+        failed "stream without a start: exit $rc, expected 0 frames and the hint"
+    expect_json "stream --start trigger" 'd["frames"] > 0 and d["saved"] == d["frames"] // 2' \
+        "${real[@]}" --start trigger --json --save-every 2 --out "$tmp/frames"
+    grep -q "^stream stopped" "$tmp/head" || failed "stream --start trigger did not stop the head's stream"
+    # The head vanishes mid-stream: offline after five missed heartbeats, exit 1.
+    "${sim[@]}" --local 127.0.0.1 --remote 127.0.0.1 --start scan --seconds 30 </dev/null >"$tmp/out" 2>"$tmp/err" &
+    local tool=$!
+    for _ in $(seq 50); do [ "$(grep -c "^streaming" "$tmp/head")" -eq 2 ] && break; sleep 0.1; done
+    kill -KILL $head
+    wait $head 2>/dev/null
+    wait $tool
+    rc=$?
+    [ $rc -eq 1 ] && grep -Eq "^ztproxy: the head went offline after [0-9.]+ s$" "$tmp/err" ||
+        failed "stream from a head that vanishes: exit $rc, expected 1 and the offline line"
+
     # Ctrl-C ends the stream early, with its summary.
     "${sim[@]}" --sim-net --seconds 60 --json </dev/null >"$tmp/out" 2>"$tmp/err" &
     local tool=$!
