@@ -12,6 +12,7 @@ once, or whose build fails, is reported as stale or unbuilt: the list needs mend
 """
 import os
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -48,6 +49,24 @@ def run(cmd, cwd, timeout, log):
         return p.returncode
     except subprocess.TimeoutExpired:
         return "timeout"
+
+
+def first_failure(cmd, cwd, timeout, log):
+    """Runs ctest and stops it at the first failing test: one is enough to kill a mutant,
+    and the others may be waiting out their time-outs. True when a test failed."""
+    p = subprocess.Popen(cmd, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                         start_new_session=True)
+    deadline = time.monotonic() + timeout
+    failed = False
+    for line in p.stdout:
+        log.write(line)
+        if "***" in line or time.monotonic() > deadline:
+            failed = True
+            break
+    if failed:
+        os.killpg(p.pid, signal.SIGKILL)
+    p.wait()
+    return failed or p.returncode != 0
 
 
 def main():
@@ -107,9 +126,9 @@ def main():
                 if run(["cmake", "--build", build, "-j2"], scratch, 1800, log) != 0:
                     outcome = "unbuilt"
                 else:
-                    rc = run(["ctest", "--test-dir", build, "-j4", "--timeout", "180", "--no-tests=error",
-                              "-R", m["tests"]], scratch, 1800, log)
-                    outcome = "survived" if rc == 0 else "killed"
+                    failed = first_failure(["ctest", "--test-dir", build, "-j4", "--timeout", "180",
+                                            "--no-tests=error", "-R", m["tests"]], scratch, 1800, log)
+                    outcome = "killed" if failed else "survived"
         finally:
             with open(path, "w", encoding="utf-8") as f:
                 f.write(original)
