@@ -101,10 +101,18 @@ std::string LinkOptions::value(const char* name) const
 bool parseLinkOptions(int argc, char** argv, const char* link, std::initializer_list<const char*> withValue,
                       LinkOptions& o, std::string& error)
 {
-    int i = 0;
-    for (; i < argc && argv[i][0] == '-'; ++i) {
+    // Options may come before or after the command; after "--" every word is the command's.
+    bool options = true;
+    for (int i = 0; i < argc; ++i) {
         const std::string arg = argv[i];
-        if (arg == "-h" || arg == "--help") {
+        if (options && arg == "--") {
+            options = false;
+        } else if (!options || arg.rfind("--", 0) != 0) {
+            if (arg == "-h" && options)
+                o.help = true;
+            else
+                o.words.push_back(arg);
+        } else if (arg == "--help") {
             o.help = true;
         } else if (arg == "--list") {
             o.list = true;
@@ -129,7 +137,6 @@ bool parseLinkOptions(int argc, char** argv, const char* link, std::initializer_
             o.values.emplace_back(arg, argv[++i]);
         }
     }
-    o.words.assign(argv + i, argv + argc);
     return true;
 }
 

@@ -66,7 +66,8 @@ struct LinkOptions {
     std::string value(const char* name) const;
 };
 
-// Options come before the command; every word from the command on is its own. link names
+// Options (words that start with "--", and -h) may come before or after the command;
+// every other word, and every word after "--", is the command's or an argument. link names
 // the subcommand in messages; withValue are the options that take a value. false with a
 // one-line message on an unknown option or a missing value.
 bool parseLinkOptions(int argc, char** argv, const char* link, std::initializer_list<const char*> withValue,

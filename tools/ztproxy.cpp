@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -93,10 +94,60 @@ int printVersions()
     return 0;
 }
 
+// GNU-style arguments: "--name=value" is "--name" "value", and --log-level LEVEL may come
+// anywhere before a "--" (which stays, so that each subcommand takes every word after it
+// as an argument as it stands). false with a message for a bad log level.
+bool normalise(int argc, char** argv, std::vector<std::string>& words, std::string& error)
+{
+    std::vector<std::string> split;
+    bool options = true;
+    for (int k = 1; k < argc; ++k) {
+        const std::string arg = argv[k];
+        options = options && arg != "--";
+        const std::size_t eq = arg.find('=');
+        if (options && arg.rfind("--", 0) == 0 && eq != std::string::npos) {
+            split.push_back(arg.substr(0, eq));
+            split.push_back(arg.substr(eq + 1));
+        } else {
+            split.push_back(arg);
+        }
+    }
+    options = true;
+    for (std::size_t k = 0; k < split.size(); ++k) {
+        options = options && split[k] != "--";
+        if (!options || split[k] != "--log-level") {
+            words.push_back(split[k]);
+            continue;
+        }
+        if (k + 1 >= split.size()) {
+            error = "--log-level needs a level";
+            return false;
+        }
+        const int level = ztLogParseLevel(split[++k].c_str());
+        if (level < 0) {
+            error = "unknown log level '" + split[k] + "' (trace, debug, info, warn, error or off)";
+            return false;
+        }
+        ztLogSetLevel(level);
+    }
+    return true;
+}
+
 } // namespace
 
-int main(int argc, char** argv)
+int main(int programArgc, char** programArgv)
 {
+    std::vector<std::string> words;
+    std::string error;
+    if (!normalise(programArgc, programArgv, words, error))
+        return fail(error);
+    std::vector<char*> pointers{programArgv[0]};
+    for (std::string& w : words)
+        pointers.push_back(w.data());
+    pointers.push_back(nullptr);
+    const int argc = static_cast<int>(pointers.size()) - 1;
+    char** argv = pointers.data();
+
     int i = 1;
     for (; i < argc && argv[i][0] == '-'; ++i) {
         const std::string arg = argv[i];
@@ -107,15 +158,6 @@ int main(int argc, char** argv)
         }
         if (arg == "--version")
             return printVersions();
-        if (arg == "--log-level") {
-            if (i + 1 >= argc)
-                return fail("--log-level needs a level");
-            const int level = ztLogParseLevel(argv[++i]);
-            if (level < 0)
-                return fail(std::string("unknown log level '") + argv[i] + "'");
-            ztLogSetLevel(level);
-            continue;
-        }
         return fail("unknown option '" + arg + "' (see ztproxy --help)");
     }
     if (i >= argc) {
@@ -142,7 +184,7 @@ int main(int argc, char** argv)
 #ifdef ZT_WITH_USB
         // The emulated USB head needs umockdev's preload from the start of the process.
         if (!zt::tools::usbEmulationPreloaded())
-            return zt::tools::runAgainWithUsbEmulation(argv);
+            return zt::tools::runAgainWithUsbEmulation(programArgv);
 #endif
         const int moduleProxy = zt::tools::runModuleProxyDemo();
         const int networkHead = zt::tools::runNetworkHeadDemo();
@@ -176,10 +218,10 @@ int main(int argc, char** argv)
     if (command == "net")
         return zt::tools::runNetCommand(argc - i, argv + i);
     if (command == "stream")
-        return zt::tools::runStreamCommand(argc - i, argv + i, argv);
+        return zt::tools::runStreamCommand(argc - i, argv + i, programArgv);
 #ifdef ZT_WITH_USB
     if (command == "usb")
-        return zt::tools::runUsbCommand(argc - i, argv + i, argv);
+        return zt::tools::runUsbCommand(argc - i, argv + i, programArgv);
 #endif
     return fail("unknown command '" + command + "' (see ztproxy --help)");
 }

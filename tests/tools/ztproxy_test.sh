@@ -151,6 +151,11 @@ device_basics() {
     usage_error "usb with a bad vendor id" "$ztproxy" usb --vid zz getImageSize
     grep -qF "'zz' is not a hexadecimal number" "$tmp/err" || failed "the bad vendor id is not named"
     expect_output "usb --sim --list" "1d6b:5a01 bus 001 address 001 serial ZTSIM0001" "$ztproxy" usb --sim --list
+    # GNU style: options after the command, --name=value, --log-level anywhere, "--".
+    expect_output "options after the command" "$(printf 'result: 0\nwidth: 1280\nheight: 1024')" \
+        "$ztproxy" net getImageSize --sim --log-level=off
+    usage_error "a bad log level after the command" "$ztproxy" net getImageSize --sim --log-level=loud
+    expect_output "words after --" "result: 0" "$ztproxy" net --sim --log-level off setWifi -- --ssid pass
 
     # The commands on the wire, through ztproxy net --local/--remote to a simulated head in
     # a process of its own, which logs each command's type and payload size.
