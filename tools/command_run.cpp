@@ -1,5 +1,7 @@
 #include "command_run.h"
 
+#include "command_values.h"
+#include "ztEmbeddedModuleProxyServer.h"
 #include "ztLog.h"
 
 #include <atomic>
@@ -15,9 +17,20 @@ const char* const kSharedHelp =
     "The result code comes first (\"result: 0\"); when it is 0, the command's output values\n"
     "follow (\"name: value\"), then the replies it handed to the data callback\n"
     "(\"callbacks: CODE (N bytes)\"). On the USB link setting commands return the head's\n"
-    "status word. Arguments: whole numbers in decimal or after 0x in hexadecimal; truth\n"
-    "values 0, 1, true or false; HEX_BYTES as hexadecimal digits, two per byte; FILE a file\n"
-    "whose contents are sent.\n"
+    "status word. Replies handed to the data callback are decoded where their layout is\n"
+    "known (temperatures), and --save FILE keeps their bytes.\n"
+    "\n"
+    "arguments:\n"
+    "  numbers      whole numbers in decimal, or after 0x in hexadecimal; EXPOSURE_US and GAIN\n"
+    "               may have a fraction\n"
+    "  truth values 0, 1, true or false (ENABLE, BLACK, FLAG, START, WAIT, MASTER)\n"
+    "  HEX_BYTES    hexadecimal digits, two per byte (0a0b0c)\n"
+    "  FILE         a file whose contents are sent\n"
+    "  NAME, SN, SSID, PASSWORD  text, up to 255 bytes (SN of a light pen: up to 15)\n"
+    "  TIME         the head's time text, at least 32 characters, sent as its first 32:\n"
+    "               2024-11-15T09:30:00.000000+08:00\n"
+    "  MODE of setDropFrameRateMode and setLaserTriggerMode: 0 to 3; DATA_TYPE of\n"
+    "               getSETFile: 0, 1 or 2\n"
     "\n"
     "commands:\n";
 
@@ -173,15 +186,42 @@ int reportInterrupted()
     return kInterruptedStatus;
 }
 
-void CommandRunner::onData(int code, char*, int length, void* user)
+void CommandRunner::onData(int code, char* data, int length, void* user)
 {
     auto* self = static_cast<CommandRunner*>(user);
     std::lock_guard<std::mutex> lock(self->m_mutex);
     if (self->m_recording && std::this_thread::get_id() == self->m_thread)
-        self->m_seen.emplace_back(code, length);
+        self->m_seen.push_back({code, data != nullptr && length > 0 ? std::vector<char>(data, data + length)
+                                                                     : std::vector<char>{}});
 }
 
-int CommandRunner::run(const PreparedCommand& command, const CommandTarget& target, bool json)
+namespace {
+
+constexpr int kTemperatureCode = 256;
+
+// The temperatures a type-256 reply carries, when it holds as many as it says.
+bool temperatures(ztEmbeddedModuleProxyServer& server, std::vector<char>& bytes, OutputValue& out)
+{
+    if (bytes.size() < 5 || bytes.size() < 5 + 4 * static_cast<std::size_t>(static_cast<unsigned char>(bytes[4])))
+        return false;
+    int code = 0;
+    std::vector<float> temps;
+    server.analysisTempInfo(bytes.data(), &code, &temps);
+    out = {"temperatures", "", "["};
+    for (std::size_t i = 0; i < temps.size(); ++i) {
+        char value[32];
+        std::snprintf(value, sizeof value, "%g", static_cast<double>(temps[i]));
+        out.text += (i > 0 ? " " : "") + std::string(value);
+        out.json += (i > 0 ? "," : "") + std::string(value);
+    }
+    out.json += "]";
+    return true;
+}
+
+} // namespace
+
+int CommandRunner::run(const PreparedCommand& command, const CommandTarget& target, bool json,
+                       const std::string& savePath)
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -195,17 +235,40 @@ int CommandRunner::run(const PreparedCommand& command, const CommandTarget& targ
     if (result == 0 && !m_seen.empty()) {
         OutputValue callbacks{"callbacks", "", "["};
         for (std::size_t i = 0; i < m_seen.size(); ++i) {
-            const auto [code, length] = m_seen[i];
-            callbacks.text += (i > 0 ? ", " : "") + std::to_string(code) + " (" + std::to_string(length) + " bytes)";
-            callbacks.json += std::string(i > 0 ? "," : "") + "{\"code\":" + std::to_string(code) +
-                              ",\"length\":" + std::to_string(length) + "}";
+            const std::string code = std::to_string(m_seen[i].code);
+            const std::string length = std::to_string(m_seen[i].bytes.size());
+            callbacks.text += (i > 0 ? ", " : "") + code + " (" + length + " bytes)";
+            callbacks.json += std::string(i > 0 ? "," : "") + "{\"code\":" + code + ",\"length\":" + length + "}";
         }
         callbacks.json += "]";
         outputs.push_back(std::move(callbacks));
+        OutputValue temps;
+        for (Seen& seen : m_seen)
+            if (seen.code == kTemperatureCode && target.network != nullptr &&
+                temperatures(*target.network, seen.bytes, temps))
+                outputs.push_back(temps);
+    }
+    std::string saveError;
+    if (result == 0 && !savePath.empty()) {
+        std::size_t total = 0;
+        std::FILE* f = m_seen.empty() ? nullptr : std::fopen(savePath.c_str(), "wb");
+        for (const Seen& seen : m_seen)
+            total += f != nullptr ? std::fwrite(seen.bytes.data(), 1, seen.bytes.size(), f) : 0;
+        if (m_seen.empty())
+            saveError = "nothing to save: the command handed no reply to the data callback";
+        else if (f == nullptr || std::fclose(f) != 0)
+            saveError = "cannot write " + savePath;
+        else
+            outputs.push_back({"saved", savePath + " (" + std::to_string(total) + " bytes)",
+                               jsonString(savePath)});
     }
     const std::string shown = json ? formatJson(command.name, result, outputs) : formatPlain(result, outputs);
     std::fputs(shown.c_str(), stdout);
     std::fflush(stdout);
+    if (!saveError.empty()) {
+        std::fprintf(stderr, "ztproxy: %s\n", saveError.c_str());
+        return kFailedStatus;
+    }
     return resultStatus(result);
 }
 

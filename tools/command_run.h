@@ -93,15 +93,22 @@ class CommandRunner {
 public:
     static void onData(int code, char* data, int length, void* user);
 
-    // Runs the command and prints its result, its outputs and the callbacks it raised;
-    // the exit status of the result (resultStatus).
-    int run(const PreparedCommand& command, const CommandTarget& target, bool json);
+    // Runs the command and prints its result, its outputs and the callbacks it raised
+    // (temperatures decoded); with a save path, the bytes those callbacks carried go into
+    // that file. The exit status of the result (resultStatus), or kFailedStatus when there
+    // was nothing to save or the file cannot be written.
+    int run(const PreparedCommand& command, const CommandTarget& target, bool json, const std::string& savePath = "");
 
 private:
+    struct Seen {
+        int code;
+        std::vector<char> bytes;
+    };
+
     std::mutex m_mutex;
     bool m_recording = false;
     std::thread::id m_thread;
-    std::vector<std::pair<int, int>> m_seen; // code, length
+    std::vector<Seen> m_seen;
 };
 
 } // namespace zt::tools

@@ -29,6 +29,8 @@ const char* const kNetUsage =
     "  --sn SN      serial number of the head (names it in log lines)\n"
     "  --sim        run a simulated head in this process on 127.0.0.1:42001 and use it\n"
     "  --json       print one JSON object instead of lines\n"
+    "  --save FILE  write the bytes of the replies the command hands to the data callback\n"
+    "               (a SET file, logs, temperatures) into FILE\n"
     "  --commands   print the commands with their arguments, one per line (also --list)\n"
     "  -h, --help   show this help\n";
 
@@ -77,7 +79,7 @@ int runNetCommand(int argc, char** argv)
 {
     LinkOptions o;
     std::string error;
-    if (!parseLinkOptions(argc, argv, "net", {"--local", "--remote", "--sn"}, o, error))
+    if (!parseLinkOptions(argc, argv, "net", {"--local", "--remote", "--sn", "--save"}, o, error))
         return usageError(error);
     if (o.help)
         return printLinkHelp(kNetUsage, DeviceLink::Network);
@@ -117,7 +119,7 @@ int runNetCommand(int argc, char** argv)
         if (!bringNetworkHeadOnline(server, local, remote, o.value("--sn")))
             status = kOfflineStatus;
         else
-            status = runner.run(command, CommandTarget{server, &server}, o.json);
+            status = runner.run(command, CommandTarget{server, &server}, o.json, o.value("--save"));
         if (wasInterrupted())
             status = reportInterrupted();
         server.deInit();

@@ -35,6 +35,8 @@ const char* const kUsbUsage =
     "               emulation needs umockdev's LD_PRELOAD=libumockdev-preload.so.0, which\n"
     "               the tool sets by running itself again when it is missing\n"
     "  --json       print one JSON object instead of lines\n"
+    "  --save FILE  write the bytes of the replies the command hands to the data callback\n"
+    "               (a SET file, logs) into FILE\n"
     "  --list       print the USB devices that can be opened as heads: ids, bus, address and\n"
     "               serial number\n"
     "  --commands   print the commands with their arguments, one per line\n"
@@ -81,7 +83,7 @@ int runUsbCommand(int argc, char** argv, char** programArgv)
 {
     LinkOptions o;
     std::string error;
-    if (!parseLinkOptions(argc, argv, "usb", {"--vid", "--pid", "--serial"}, o, error))
+    if (!parseLinkOptions(argc, argv, "usb", {"--vid", "--pid", "--serial", "--save"}, o, error))
         return usageError(error);
     if (o.help)
         return printLinkHelp(kUsbUsage, DeviceLink::Usb);
@@ -94,7 +96,7 @@ int runUsbCommand(int argc, char** argv, char** programArgv)
         if (!o.values.empty() || !o.words.empty())
             return usageError("usb: --list takes no other option or command (but --sim)");
     } else if (o.sim) {
-        if (!o.values.empty())
+        if (!o.value("--vid").empty() || !o.value("--pid").empty() || !o.value("--serial").empty())
             return usageError("usb: --sim opens its own emulated head; leave out --vid, --pid and --serial");
         which.vendor = ztSimUsbHead::kVendor;
         which.product = ztSimUsbHead::kProduct;
@@ -130,8 +132,9 @@ int runUsbCommand(int argc, char** argv, char** programArgv)
             CommandRunner runner;
             ztUsbProxyServer server(head.info(), head.handle());
             server.registerModuleServerDataCB(&CommandRunner::onData, &runner);
-            status = bringUsbHeadOnline(server, head) ? runner.run(command, CommandTarget{server, nullptr}, o.json)
-                                                      : kOfflineStatus;
+            status = bringUsbHeadOnline(server, head)
+                         ? runner.run(command, CommandTarget{server, nullptr}, o.json, o.value("--save"))
+                         : kOfflineStatus;
             server.deInit();
         }
         if (wasInterrupted())

@@ -156,6 +156,15 @@ device_basics() {
         "$ztproxy" net getImageSize --sim --log-level=off
     usage_error "a bad log level after the command" "$ztproxy" net getImageSize --sim --log-level=loud
     expect_output "words after --" "result: 0" "$ztproxy" net --sim --log-level off setWifi -- --ssid pass
+    # Replies handed to the data callback: decoded temperatures, a SET file kept whole.
+    expect_output "getTemp decoded" "$(printf 'result: 0\ncallbacks: 256 (13 bytes)\ntemperatures: 36.5 41')" \
+        "${net[@]}" getTemp
+    expect_output "getSETFile --save" "$(printf '%s\nsaved: %s (28 bytes)' "$sim_set_file" "$tmp/set")" \
+        "${usb[@]}" getSETFile 1 --save "$tmp/set"
+    [ "$(wc -c <"$tmp/set")" -eq 28 ] && grep -aq "SET file" "$tmp/set" ||
+        failed "getSETFile --save: the file does not hold the SET file"
+    run "${net[@]}" setCameraExposure 5 --save "$tmp/nothing"
+    [ $rc -eq 1 ] && grep -q "nothing to save" "$tmp/err" || failed "--save with no reply to keep: exit $rc"
 
     # The commands on the wire, through ztproxy net --local/--remote to a simulated head in
     # a process of its own, which logs each command's type and payload size.
