@@ -70,6 +70,8 @@ def first_failure(cmd, cwd, timeout, log):
 
 
 def main():
+    # Stopped from outside, the mutated file is still restored (the finally below).
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     args = sys.argv[1:]
     if len(args) < 2:
         sys.exit(__doc__)
@@ -91,9 +93,11 @@ def main():
         if not os.path.isfile(src):
             continue
         os.makedirs(os.path.dirname(dst), exist_ok=True)
-        # Only changed files are copied, so that the kept build stays incremental.
+        # Only changed files are copied, so that the kept build stays incremental; a copy
+        # gets a new time, so that the build sees the change.
         if not os.path.exists(dst) or open(src, "rb").read() != open(dst, "rb").read():
-            shutil.copy2(src, dst)
+            shutil.copyfile(src, dst)
+            shutil.copymode(src, dst)
     logdir = os.path.join(work, "logs")
     os.makedirs(logdir, exist_ok=True)
     env_cmake = ["cmake", "-S", scratch, "-B", build, "-G", "Ninja", "-DZT_BUILD_BENCH=OFF"]
