@@ -108,10 +108,11 @@ bool parseArgument(const std::string& text, char& value, std::string& why)
     return true;
 }
 
-bool parseArgument(const std::string& text, float& value, std::string& why)
+template <class T>
+bool parseFinite(const std::string& text, T& value, std::string& why)
 {
     const char* const end = text.data() + text.size();
-    float parsed = 0;
+    T parsed = 0;
     const auto [next, ec] = std::from_chars(text.data(), end, parsed);
     if (text.empty() || ec != std::errc() || next != end || !std::isfinite(parsed)) {
         why = "is not a number";
@@ -119,6 +120,16 @@ bool parseArgument(const std::string& text, float& value, std::string& why)
     }
     value = parsed;
     return true;
+}
+
+bool parseArgument(const std::string& text, float& value, std::string& why)
+{
+    return parseFinite(text, value, why);
+}
+
+bool parseArgument(const std::string& text, double& value, std::string& why)
+{
+    return parseFinite(text, value, why);
 }
 
 bool parseArgument(const std::string& text, bool& value, std::string& why)
@@ -198,6 +209,11 @@ bool parseArgument(const std::string& text, SetFileDataType& value, std::string&
     return parseEnumerator(text, value, {SET_FILE_DATA_0, SET_FILE_DATA_1, SET_FILE_DATA_2}, why);
 }
 
+bool parseArgument(const std::string& text, _ZT_WORK_BUSINESS_& value, std::string& why)
+{
+    return parseEnumerator(text, value, {ZT_WORK_SCAN, ZT_WORK_TRACK, ZT_WORK_PHOTOGRAMMETRY, ZT_WORK_CALIBRATE}, why);
+}
+
 Shown show(int value)
 {
     return {std::to_string(value), std::to_string(value)};
@@ -218,7 +234,8 @@ Shown show(unsigned long long value)
     return {std::to_string(value), std::to_string(value)};
 }
 
-Shown show(float value)
+template <class T>
+Shown showNumber(T value)
 {
     if (!std::isfinite(value))
         return {std::isnan(value) ? "nan" : value > 0 ? "inf" : "-inf", "null"};
@@ -226,6 +243,21 @@ Shown show(float value)
     const auto [end, ec] = std::to_chars(text, text + sizeof text, value);
     const std::string shortest(text, ec == std::errc() ? end : text);
     return {shortest, shortest};
+}
+
+Shown show(float value)
+{
+    return showNumber(value);
+}
+
+Shown show(double value)
+{
+    return showNumber(value);
+}
+
+Shown show(bool value)
+{
+    return {value ? "1" : "0", value ? "true" : "false"};
 }
 
 Shown show(const std::string& value)

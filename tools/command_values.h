@@ -35,6 +35,7 @@ bool parseArgument(const std::string& text, unsigned long long& value, std::stri
 bool parseArgument(const std::string& text, char& value, std::string& why);
 // A finite number.
 bool parseArgument(const std::string& text, float& value, std::string& why);
+bool parseArgument(const std::string& text, double& value, std::string& why);
 bool parseArgument(const std::string& text, bool& value, std::string& why);
 bool parseArgument(const std::string& text, std::string& value, std::string& why);
 bool parseArgument(const std::string& text, ShortText& value, std::string& why);
@@ -43,6 +44,7 @@ bool parseArgument(const std::string& text, FileBytes& value, std::string& why);
 // The enumerators' numbers only.
 bool parseArgument(const std::string& text, FRAME_DROP_MODE& value, std::string& why);
 bool parseArgument(const std::string& text, SetFileDataType& value, std::string& why);
+bool parseArgument(const std::string& text, _ZT_WORK_BUSINESS_& value, std::string& why);
 
 // One output value as plain text and as a JSON value.
 struct Shown {
@@ -53,8 +55,10 @@ Shown show(int value);
 Shown show(short value);
 Shown show(unsigned int value);
 Shown show(unsigned long long value);
-// The shortest text that reads back as the same float; JSON null when not finite.
+// The shortest text that reads back as the same number; JSON null when not finite.
 Shown show(float value);
+Shown show(double value);
+Shown show(bool value);
 // Bytes outside printable ASCII appear as \xNN in the text; in JSON as \u00NN, so that
 // the JSON is valid whatever the device sent.
 Shown show(const std::string& value);

@@ -3,6 +3,7 @@
 #include "command_values.h"
 #include "ztDeviceCommandSet.h"
 #include "ztEmbeddedModuleProxyServer.h"
+#include "ztModuleProxyServer.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -58,6 +59,14 @@ void emit(std::vector<OutputValue>& out, const std::string& name, const T& value
 {
     const Shown shown = show(value);
     out.push_back({name, shown.text, shown.json});
+}
+
+// The fields of the heartbeat record that the host reads; the rest is the module's own.
+void emit(std::vector<OutputValue>& out, const std::string& name, const _ZT_HEARTBEAT_INFO_& h)
+{
+    emit(out, name + ".deviceStatus", static_cast<int>(h.deviceStatus));
+    emit(out, name + ".deviceCount", static_cast<int>(h.deviceCount));
+    emit(out, name + ".timestamp", static_cast<unsigned long long>(h.timestamp));
 }
 
 void emit(std::vector<OutputValue>& out, const std::string& name, const DeviceAbilityInfo& a)
@@ -125,8 +134,10 @@ Self& targetOf(const CommandTarget& target)
 {
     if constexpr (std::is_same_v<Self, ztEmbeddedModuleProxyServer>)
         return *target.network;
+    else if constexpr (std::is_same_v<Self, ztModuleProxyServer>)
+        return *target.host;
     else
-        return target.device;
+        return *target.device;
 }
 
 // A command made from a method of Self (or an adapter taking Self&) with parameters P.
@@ -309,6 +320,43 @@ int updateFirmware(ztDeviceCommandSet& d, FileBytes file)
 
 } // namespace adapter
 
+// The module proxy host's requests that take a block of bytes.
+namespace host_adapter {
+
+using Host = ztModuleProxyServer;
+
+#define ZT_BYTES_REQUEST(method)                                                                                       \
+    int method(Host& h, FileBytes file)                                                                                \
+    {                                                                                                                  \
+        return h.method(file.bytes.data(), static_cast<unsigned int>(file.bytes.size()));                              \
+    }
+ZT_BYTES_REQUEST(addObjectMP)
+ZT_BYTES_REQUEST(resetScanMK)
+ZT_BYTES_REQUEST(setScannerModel)
+ZT_BYTES_REQUEST(sendHoleHighAccuracySpaceInfo)
+ZT_BYTES_REQUEST(sendCurrent2WorldPose)
+ZT_BYTES_REQUEST(sendTrackPose)
+ZT_BYTES_REQUEST(sendEdgePointsInfo)
+#undef ZT_BYTES_REQUEST
+
+#define ZT_CALIBRATION_REQUEST(method)                                                                                 \
+    int method(Host& h, const std::string& name, const std::string& path, FileBytes file)                              \
+    {                                                                                                                  \
+        return h.method(name, path, file.bytes.data(), static_cast<unsigned int>(file.bytes.size()));                  \
+    }
+ZT_CALIBRATION_REQUEST(setScannerClbFile)
+ZT_CALIBRATION_REQUEST(setLPClbFile)
+ZT_CALIBRATION_REQUEST(setTrackerClbFile)
+#undef ZT_CALIBRATION_REQUEST
+
+int setScanRange(Host& h, double a, double b, double c)
+{
+    double range[3] = {a, b, c};
+    return h.setScanRange(range);
+}
+
+} // namespace host_adapter
+
 using Set = ztDeviceCommandSet;
 using Net = ztEmbeddedModuleProxyServer;
 
@@ -398,21 +446,119 @@ constexpr DeviceCommand kCommands[] = {
     ZT_COMMAND(Set, getAllLog, "", ""),
 };
 
+using Host = ztModuleProxyServer;
+
+// The host's requests to a device module, in the order of its class. Those that take
+// tables of numbers (range levels, light-pen models) are left to programs.
+constexpr DeviceCommand kRequests[] = {
+    ZT_COMMAND(Host, sendUnRegister, "", ""),
+    ZT_COMMAND(Host, sendStartDevice, "WORK", ""),
+    ZT_COMMAND(Host, sendStopDevice, "", ""),
+    ZT_COMMAND(Host, heartbeat, "", "heartbeat"),
+    ZT_COMMAND(Host, sendPreTrigger, "", ""),
+    ZT_COMMAND(Host, sendTrigger, "", ""),
+    ZT_COMMAND(Host, setPeriod, "PERIOD_MS", ""),
+    ZT_COMMAND(Host, getCanManualSync, "", "can"),
+    ZT_COMMAND(Host, getCanWirelessSync, "", "can"),
+    ZT_COMMAND(Host, setHardwareSyncMode, "MODE", ""),
+    ZT_COMMAND(Host, getHardwareSyncMode, "", "mode"),
+    ZT_COMMAND(Host, setMaster, "MASTER", ""),
+    ZT_COMMAND(Host, getIsMaster, "", "master"),
+    ZT_COMMAND(Host, updateSyncStat, "", ""),
+    ZT_COMMAND(Host, execSync, "START WAIT", ""),
+    ZT_COMMAND(Host, grabImage, "COUNT", ""),
+    ZT_COMMAND(Host, startGrabbingImage, "", ""),
+    ZT_COMMAND(Host, stopGrabbingImage, "", ""),
+    ZT_COMMAND(Host, getFirmwareVersion, "", "version"),
+    ZT_COMMAND(Host, getFirmwareVersion2, "", "major minor patch"),
+    ZT_COMMAND(Host, setPlotEnable, "A B C D", ""),
+    ZT_COMMAND(Host, setNeedUpload, "ENABLE", ""),
+    ZT_COMMAND(Host, getVentoInfo, "", "info"),
+    ZT_COMMAND(Host, getSystemId, "", "systemId"),
+    ZT_COMMAND(Host, setScanHoleParam, "A B C", ""),
+    ZT_COMMAND(Host, setSystemId, "SYSTEM_ID", ""),
+    ZT_COMMAND(Host, setLedExposure, "EXPOSURE_US", ""),
+    ZT_COMMAND(Host, getLedExposure, "", "exposure"),
+    ZT_COMMAND(Host, setLZExposure, "EXPOSURE_US", ""),
+    ZT_COMMAND(Host, getLZExposure, "", "exposure"),
+    ZT_COMMAND(Host, setLightType, "TYPE", ""),
+    ZT_COMMAND(Host, getLightType, "", "type"),
+    ZT_COMMAND(Host, setLZType, "TYPE", ""),
+    ZT_COMMAND(Host, getLZType, "", "type"),
+    ZT_COMMAND(Host, setScanHeadMinDist, "DISTANCE", ""),
+    ZT_COMMAND(Host, setLZOpen, "ENABLE", ""),
+    ZT_COMMAND(Host, setScanMode, "A B", ""),
+    ZT_COMMAND(Host, getIsBlackObject, "", "black"),
+    ZT_COMMAND(Host, getIsHighLight, "", "high"),
+    ZT_COMMAND(Host, setDeepHole, "ENABLE", ""),
+    ZT_COMMAND(Host, getIsDeepHole, "", "deep"),
+    ZT_COMMAND(Host, setRangeLevel, "LEVEL", ""),
+    ZT_COMMAND(Host, getLZSingleFrameMaxCount, "", "count"),
+    ZT_COMMAND(Host, getSupportedLight, "", "lights"),
+    ZT_COMMAND(Host, setEnableVoice, "ENABLE", ""),
+    ZT_COMMAND(Host, setLightLevel, "LEVEL", ""),
+    ZT_COMMAND(Host, setScanDynamicStat, "A B", ""),
+    ZT_COMMAND(Host, setLZExposureFull, "EXPOSURE_US", ""),
+    ZT_COMMAND(Host, setLedExposureFull, "EXPOSURE_US", ""),
+    ZT_COMMAND(host_adapter, setScanRange, "A B C", ""),
+    ZT_COMMAND(host_adapter, addObjectMP, "FILE", ""),
+    ZT_COMMAND(host_adapter, resetScanMK, "FILE", ""),
+    ZT_COMMAND(host_adapter, setScannerModel, "FILE", ""),
+    ZT_COMMAND(Host, setScanPosExposure, "EXPOSURE_US", ""),
+    ZT_COMMAND(host_adapter, setScannerClbFile, "NAME PATH FILE", ""),
+    ZT_COMMAND(Host, setLPCalibParam, "INDEX VALUE", ""),
+    ZT_COMMAND(Host, doLPNeedleWork, "", ""),
+    ZT_COMMAND(host_adapter, setLPClbFile, "NAME PATH FILE", ""),
+    ZT_COMMAND(Host, setLPCanWork, "ENABLE TEXT", ""),
+    ZT_COMMAND(Host, setLPWorkResult, "ENABLE TEXT", ""),
+    ZT_COMMAND(host_adapter, setTrackerClbFile, "NAME PATH FILE", ""),
+    ZT_COMMAND(host_adapter, sendHoleHighAccuracySpaceInfo, "FILE", ""),
+    ZT_COMMAND(host_adapter, sendCurrent2WorldPose, "FILE", ""),
+    ZT_COMMAND(host_adapter, sendTrackPose, "FILE", ""),
+    ZT_COMMAND(host_adapter, sendEdgePointsInfo, "FILE", ""),
+};
+
 #undef ZT_COMMAND
 
-// Every row names one word per argument and per output, and no two rows share a name.
-constexpr bool rowsAreConsistent()
+// Every row names one word per argument and per output, and no two rows of a table share
+// a name.
+template <std::size_t N>
+constexpr bool rowsAreConsistent(const DeviceCommand (&table)[N])
 {
-    for (const DeviceCommand& row : kCommands) {
+    for (const DeviceCommand& row : table) {
         if (countWords(row.arguments) != row.argumentCount || countWords(row.outputs) != row.outputCount)
             return false;
         int named = 0;
-        for (const DeviceCommand& other : kCommands)
+        for (const DeviceCommand& other : table)
             named += sameText(row.name, other.name) ? 1 : 0;
         if (named != 1)
             return false;
     }
     return true;
+}
+static_assert(rowsAreConsistent(kCommands) && rowsAreConsistent(kRequests),
+              "a command's argument or output names do not match its method");
+
+struct Table {
+    const DeviceCommand* begin;
+    const DeviceCommand* end;
+};
+
+Table tableOf(DeviceLink link)
+{
+    if (link == DeviceLink::Module)
+        return {std::begin(kRequests), std::end(kRequests)};
+    return {std::begin(kCommands), std::end(kCommands)};
+}
+
+const char* nameOf(DeviceLink link)
+{
+    switch (link) {
+    case DeviceLink::Network: return "net";
+    case DeviceLink::Usb: return "usb";
+    case DeviceLink::Module: return "module";
+    }
+    return "";
 }
 
 std::string usageOf(const DeviceCommand& row)
@@ -425,16 +571,16 @@ std::string usageOf(const DeviceCommand& row)
 bool prepareDeviceCommand(DeviceLink link, const std::vector<std::string>& words, PreparedCommand& out,
                           std::string& error)
 {
-    static_assert(rowsAreConsistent(), "a command's argument or output names do not match its method");
-    const char* const linkName = link == DeviceLink::Network ? "net" : "usb";
+    const std::string what = link == DeviceLink::Module ? "request" : "device command";
     if (words.empty()) {
-        error = std::string("no device command given (see ztproxy ") + linkName + " --help)";
+        error = "no " + what + " given (see ztproxy " + nameOf(link) + " --help)";
         return false;
     }
-    const auto row = std::find_if(std::begin(kCommands), std::end(kCommands),
-                                  [&](const DeviceCommand& r) { return words[0] == r.name; });
-    if (row == std::end(kCommands)) {
-        error = "unknown device command '" + words[0] + "' (see ztproxy " + linkName + " --help)";
+    const Table table = tableOf(link);
+    const auto row =
+        std::find_if(table.begin, table.end, [&](const DeviceCommand& r) { return words[0] == r.name; });
+    if (row == table.end) {
+        error = "unknown " + what + " '" + words[0] + "' (see ztproxy " + nameOf(link) + " --help)";
         return false;
     }
     if (row->networkOnly && link != DeviceLink::Network) {
@@ -476,7 +622,9 @@ std::string formatJson(const std::string& command, int result, const std::vector
 
 void listDeviceCommands(DeviceLink link, std::FILE* out, const char* indent, bool detailed)
 {
-    for (const DeviceCommand& row : kCommands) {
+    const Table table = tableOf(link);
+    for (const DeviceCommand* r = table.begin; r != table.end; ++r) {
+        const DeviceCommand& row = *r;
         if (row.networkOnly && link != DeviceLink::Network)
             continue;
         if (!detailed) {

@@ -1,6 +1,7 @@
-// The device command set as command-line commands (ztproxy net|usb <command> [args]):
-// one table names every command with its arguments and outputs, parses the arguments,
-// makes the call and shows the result.
+// The device command set as command-line commands (ztproxy net|usb <command> [args]),
+// and the module proxy host's requests (ztproxy module <request> [args]): one table per
+// link names every command with its arguments and outputs, parses the arguments, makes the
+// call and shows the result.
 #pragma once
 
 #include <cstdio>
@@ -10,16 +11,18 @@
 
 class ztDeviceCommandSet;
 class ztEmbeddedModuleProxyServer;
+class ztModuleProxyServer;
 
 namespace zt::tools {
 
-enum class DeviceLink { Network, Usb };
+enum class DeviceLink { Network, Usb, Module };
 
-// What a command runs on: the device's command set, and the network head's own commands
-// (null on the USB link).
+// What a command runs on: the device's command set and the network head's own commands
+// (null where the link has none), or the module proxy host.
 struct CommandTarget {
-    ztDeviceCommandSet& device;
-    ztEmbeddedModuleProxyServer* network;
+    ztDeviceCommandSet* device = nullptr;
+    ztEmbeddedModuleProxyServer* network = nullptr;
+    ztModuleProxyServer* host = nullptr;
 };
 
 // One output value of a command: its name, its plain text and its JSON value.

@@ -37,13 +37,13 @@ const char* const kNetUsage =
 // The head listens on this port; a host always connects to it.
 constexpr int kHeadPort = ztSimNetworkHead::kDefaultPort;
 
+} // namespace
+
 bool isIPv4(const std::string& text)
 {
     in_addr a{};
     return ::inet_pton(AF_INET, text.c_str(), &a) == 1;
 }
-
-} // namespace
 
 bool checkHeadAddresses(const char* command, const std::string& local, const std::string& remote,
                         std::string& error)
@@ -119,7 +119,7 @@ int runNetCommand(int argc, char** argv)
         if (!bringNetworkHeadOnline(server, local, remote, o.value("--sn")))
             status = kOfflineStatus;
         else
-            status = runner.run(command, CommandTarget{server, &server}, o.json, o.value("--save"));
+            status = runner.run(command, CommandTarget{&server, &server, nullptr}, o.json, o.value("--save"));
         if (wasInterrupted())
             status = reportInterrupted();
         server.deInit();

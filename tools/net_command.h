@@ -11,6 +11,9 @@ namespace zt::tools {
 // status is one of those in command_run.h.
 int runNetCommand(int argc, char** argv);
 
+// Whether text is an IPv4 address in dotted form.
+bool isIPv4(const std::string& text);
+
 // The --local and --remote values of a subcommand (command names it in messages). false
 // with a one-line message naming a missing or bad value.
 bool checkHeadAddresses(const char* command, const std::string& local, const std::string& remote,

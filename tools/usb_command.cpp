@@ -133,7 +133,7 @@ int runUsbCommand(int argc, char** argv, char** programArgv)
             ztUsbProxyServer server(head.info(), head.handle());
             server.registerModuleServerDataCB(&CommandRunner::onData, &runner);
             status = bringUsbHeadOnline(server, head)
-                         ? runner.run(command, CommandTarget{server, nullptr}, o.json, o.value("--save"))
+                         ? runner.run(command, CommandTarget{&server, nullptr, nullptr}, o.json, o.value("--save"))
                          : kOfflineStatus;
             server.deInit();
         }
