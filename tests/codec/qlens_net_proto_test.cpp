@@ -234,11 +234,12 @@ TEST(QlensNetProto, ExtendedHeaderLimits)
     EXPECT_EQ(decodeAll(d, cat({extPacket(1280, 159), good})), (std::vector<Bytes>{good}));
     EXPECT_EQ(decodeAll(d, cat({extHeader(512, 0x1E00001), good, extHeader(1281, 0xFFFFFFFF), good})),
               (std::vector<Bytes>{good, good}));
-    // The tag written in the wrong byte order.
-    EXPECT_EQ(decodeAll(d, cat({extHeader(1280, 200, 0x55FF00CC), good})), (std::vector<Bytes>{good}));
+    // The tag written in the wrong byte order, or left zero.
+    EXPECT_EQ(decodeAll(d, cat({extHeader(1280, 200, 0x55FF00CC), extHeader(1280, 200, 0), good})),
+              (std::vector<Bytes>{good}));
     EXPECT_EQ(texts(log), (Texts{"Decode packet len error, len=159", "Decode packet len error, len=31457281",
                                  "Decode packet len error, len=4294967295",
-                                 "Decode packet tag error, tag = 55ff00cc"}));
+                                 "Decode packet tag error, tag = 55ff00cc", "Decode packet tag error, tag = 0"}));
 
     // The longest packet: its body comes from one small block fed over and over.
     log.clear();
