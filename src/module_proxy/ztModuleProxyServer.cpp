@@ -77,6 +77,11 @@ void ztModuleProxyServer::deInit()
     m_bStop = true;
     zt::joinWorker(m_hProcessThread, "ztModuleProxyServer");
     zt::joinWorker(m_hConnectThread, "ztModuleProxyServer");
+    // The data channel's receive waits for the module's next bytes without a time-out; a
+    // module that is up but silent would hold teardown for ever. Shutting the socket down
+    // (the connect thread, which could make a new one, has ended) wakes the receive.
+    if (const auto s = m_dataSocket->get())
+        s->shutdown();
     zt::joinWorker(m_hDataRecvThread, "ztModuleProxyServer");
     // A request still in flight on another thread holds the command mutex while it
     // receives into the reply buffer: it ends with its reply before the sockets go.

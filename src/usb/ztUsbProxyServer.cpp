@@ -357,7 +357,9 @@ void ztUsbProxyServer::xfer_callback_event(libusb_transfer* transfer)
                 }
                 held.consume(full);
             }
-        } else {
+        } else if (!self->m_stop[Event]) {
+            // Once stopping, the event transfer ends at its time-out with no bytes: that is
+            // the library's own doing, not a short message from the head.
             ZTLOG_ERROR("xfer_callback_event::buffer vector size %d < packet minimum sise %d", static_cast<int>(held.size()), 7);
         }
     }

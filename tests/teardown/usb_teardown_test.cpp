@@ -211,6 +211,32 @@ TEST(Teardown, UsbServerWithStreamAndCommandsInFlight)
                 kWorkers * kRoundsPerWorker, msSince(start), deInit, destroy, commands);
 }
 
+// A head that stops completing every transfer: deInit waits out the release, the event
+// wait and the transfers' own time-out, and no more.
+TEST(SilentPeer, UsbHead)
+{
+    Head head;
+    ASSERT_EQ(head.start(), 0);
+    ASSERT_EQ(libusb_init(nullptr), 0);
+    libusb_device_handle* handle = libusb_open_device_with_vid_pid(nullptr, Head::kVendor, Head::kProduct);
+    ASSERT_NE(handle, nullptr);
+    ASSERT_EQ(libusb_claim_interface(handle, Head::kInterface), 0);
+    {
+        ztUsbProxyServer server(Head::deviceInfo(), handle);
+        ASSERT_EQ(server.init(), 0);
+        head.setSilent(true);
+        const auto t = Clock::now();
+        server.deInit();
+        EXPECT_LT(msSince(t), kUsbDestroyMs);
+        std::printf("ztUsbProxyServer::deInit with a silent head returned in %ld ms (bound %ld ms)\n", msSince(t),
+                    kUsbDestroyMs);
+    }
+    libusb_release_interface(handle, Head::kInterface);
+    libusb_close(handle);
+    libusb_exit(nullptr);
+    head.stop();
+}
+
 } // namespace
 
 // As the other USB test programs: without the umockdev preload the emulation cannot
