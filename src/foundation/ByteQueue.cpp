@@ -23,6 +23,12 @@ void ByteQueue::consume(std::size_t length)
     m_begin += length;
 }
 
+void ByteQueue::truncate(std::size_t length)
+{
+    if (length < size())
+        m_bytes.resize(m_begin + length);
+}
+
 void ByteQueue::clear()
 {
     m_bytes.clear();

@@ -17,6 +17,9 @@ public:
     bool empty() const { return size() == 0; }
     // Removes length bytes from the front (everything when length is not less than size).
     void consume(std::size_t length);
+    // Keeps the first length bytes and drops the rest (nothing when length is not less
+    // than size).
+    void truncate(std::size_t length);
     void clear();
 
 private:

@@ -45,6 +45,22 @@ const _ZT_PROXY_MSG_* ProxyFramer::front(std::size_t capacity, std::size_t minHe
     return reinterpret_cast<const _ZT_PROXY_MSG_*>(m_queue.data());
 }
 
+std::size_t ProxyFramer::dropIncompleteTail()
+{
+    const std::size_t held = size();
+    std::size_t whole = 0; // bytes of the whole messages at the front
+    while (held - whole >= ZT_MSG_HEADER_SIZE) {
+        // A negative length stands for its header alone, as front() drops it.
+        const std::int32_t length = dataLengthAt(m_queue.data() + whole);
+        const std::uint64_t full = static_cast<std::uint64_t>(length < 0 ? 0 : length) + ZT_MSG_HEADER_SIZE;
+        if (full > held - whole)
+            break;
+        whole += static_cast<std::size_t>(full);
+    }
+    m_queue.truncate(whole);
+    return held - whole;
+}
+
 void ProxyFramer::pop()
 {
     const std::int64_t full = frontSize();

@@ -31,6 +31,9 @@ public:
     std::int64_t frontSize() const;
     // Removes the front message (its full size, or everything held if that is less).
     void pop();
+    // Drops the bytes behind the last whole message: the start of a message whose rest
+    // will never come (its connection was lost). The number of bytes dropped.
+    std::size_t dropIncompleteTail();
 
 private:
     void dropBadHeaders();

@@ -44,19 +44,23 @@ ztModuleProxyClient::~ztModuleProxyClient()
 
 int ztModuleProxyClient::init()
 {
-    if (m_pQueryBuf == nullptr) {
-        // Zeroed (pages are still committed only as answers fill them): before the first
-        // file query the buffer holds no message.
-        m_pQueryBuf = static_cast<char*>(std::calloc(kQueryBufSize, 1));
+    {
+        // Senders on other threads read these under the data and command mutexes.
+        std::scoped_lock lock(m_dataMutex, m_cmdMutex);
         if (m_pQueryBuf == nullptr) {
-            ZTLOG_ERROR("ztModuleProxyClient::init cannot allocate the query buffer\n");
-            return -1;
+            // Zeroed (pages are still committed only as answers fill them): before the first
+            // file query the buffer holds no message.
+            m_pQueryBuf = static_cast<char*>(std::calloc(kQueryBufSize, 1));
+            if (m_pQueryBuf == nullptr) {
+                ZTLOG_ERROR("ztModuleProxyClient::init cannot allocate the query buffer\n");
+                return -1;
+            }
         }
+        if (m_pDataServer == nullptr)
+            m_pDataServer = new (std::nothrow) ztScanVentoServer(kQueryCapacity);
+        if (m_pCmdServer == nullptr)
+            m_pCmdServer = new (std::nothrow) ztScanVentoServer(kCmdCapacity);
     }
-    if (m_pDataServer == nullptr)
-        m_pDataServer = new (std::nothrow) ztScanVentoServer(kQueryCapacity);
-    if (m_pCmdServer == nullptr)
-        m_pCmdServer = new (std::nothrow) ztScanVentoServer(kCmdCapacity);
     if (m_pDataServer == nullptr || m_pCmdServer == nullptr) {
         ZTLOG_ERROR("ztModuleProxyClient::init cannot create the listeners\n");
         return -1;
@@ -76,9 +80,15 @@ int ztModuleProxyClient::init()
 void ztModuleProxyClient::deInit()
 {
     m_bStop = true;
-    zt::joinWorker(m_hCmdRecvThread, "ztModuleProxyClient");
     // Senders on other threads use the listeners and the query buffer under the data and
-    // command mutexes; a file query in progress keeps the data listener until it ends.
+    // command mutexes. Stopping the listeners first ends what those senders wait for: a
+    // send to a host that stopped reading fails, and a file query stops waiting for its
+    // answer (it fails as on a time-out), so that teardown never waits on the host.
+    // (Only init and deInit change the two pointers, on the caller's thread.)
+    for (ztScanVentoServer* server : {m_pDataServer, m_pCmdServer})
+        if (server != nullptr)
+            server->stop();
+    zt::joinWorker(m_hCmdRecvThread, "ztModuleProxyClient");
     {
         std::lock_guard<std::mutex> lock(m_dataMutex);
         delete m_pDataServer;

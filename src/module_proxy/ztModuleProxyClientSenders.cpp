@@ -5,6 +5,7 @@
 #include "ModuleReplies.h"
 #include "ProxyPayload.h"
 
+#include <algorithm>
 #include <cstring>
 
 using zt::module_proxy::Event;
@@ -198,12 +199,13 @@ int ztModuleProxyClient::getSETFileSize(const std::string& a, const std::string&
 }
 
 namespace {
-// Copies at most capacity bytes of the answer.
+// Copies at most capacity bytes of the answer, and never more than the answer holds
+// (compared unsigned: a capacity of 2 GiB or more is no negative number).
 auto intoBuffer(unsigned char* out, unsigned int capacity)
 {
     return [out, capacity](const char* data, int length) {
         if (out != nullptr && length > 0)
-            std::memcpy(out, data, length < static_cast<int>(capacity) ? static_cast<std::size_t>(length) : capacity);
+            std::memcpy(out, data, std::min(static_cast<std::size_t>(length), static_cast<std::size_t>(capacity)));
     };
 }
 

@@ -20,8 +20,16 @@ void ztScanVentoServer::onData(int, std::vector<char>& bytes)
     m_arrived.notify_all();
 }
 
-// Connection changes need no action: the accumulation outlives connections.
-void ztScanVentoServer::onConnect(int, const std::string&) {}
+// A new connection starts with an empty receive state: the start of a message that a lost
+// connection cut off would otherwise be read as the head of the new session's first one.
+void ztScanVentoServer::onConnect(int, const std::string&)
+{
+    std::lock_guard<std::mutex> lock(m_recvMutex);
+    if (const std::size_t dropped = m_recvBuf.dropIncompleteTail())
+        ZTLOG_WARN("ztScanVentoServer: %u bytes of a message cut off by a lost connection discarded\n",
+                   static_cast<unsigned int>(dropped));
+}
+
 void ztScanVentoServer::onDisconnect(int) {}
 void ztScanVentoServer::onError(int, int) {}
 
@@ -42,6 +50,8 @@ int ztScanVentoServer::recv(char* dst, std::size_t capacity, unsigned int timeou
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     std::unique_lock<std::mutex> lock(m_recvMutex);
     for (;;) {
+        if (m_stopped)
+            return -1;
         if (const _ZT_PROXY_MSG_* msg = m_recvBuf.front(capacity)) {
             const bool wasFull = m_recvBuf.size() >= m_maxMessage;
             std::memcpy(dst, msg, static_cast<std::size_t>(m_recvBuf.frontSize()));
@@ -54,4 +64,12 @@ int ztScanVentoServer::recv(char* dst, std::size_t capacity, unsigned int timeou
         if (m_arrived.wait_until(lock, deadline) == std::cv_status::timeout && !m_recvBuf.front(capacity))
             return -1;
     }
+}
+
+void ztScanVentoServer::stop()
+{
+    stopThread();
+    std::lock_guard<std::mutex> lock(m_recvMutex);
+    m_stopped = true;
+    m_arrived.notify_all();
 }

@@ -22,6 +22,9 @@ public:
     // than capacity: 0 when one message was delivered, -1 when timeoutMs ran out. A front
     // message larger than capacity is never taken and blocks the stream.
     int recv(char* dst, std::size_t capacity, unsigned int timeoutMs);
+    // Closes the listener and its connections (a send waiting on the peer fails) and
+    // wakes every receive, which returns -1 at once from then on.
+    void stop();
 
 protected:
     // Bytes of every connection go into the one accumulation.
@@ -36,4 +39,5 @@ private:
     std::mutex m_recvMutex;
     std::condition_variable m_arrived;
     zt::ProxyFramer m_recvBuf;
+    bool m_stopped = false; // guarded by m_recvMutex
 };

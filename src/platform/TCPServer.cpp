@@ -5,6 +5,7 @@
 #include <asio.hpp>
 
 #include <array>
+#include <chrono>
 #include <atomic>
 #include <future>
 #include <map>
@@ -14,7 +15,10 @@ namespace zt {
 
 namespace {
 constexpr std::size_t kReadBlock = 64 * 1024;
-}
+// The longest a send waits for the peer to take its bytes: the send time-out of the
+// blocking sockets on the other end of the module proxy.
+constexpr unsigned int kSendTimeoutMs = 3000;
+} // namespace
 
 struct TCPServer::Impl : std::enable_shared_from_this<TCPServer::Impl> {
     struct Connection {
@@ -23,6 +27,14 @@ struct TCPServer::Impl : std::enable_shared_from_this<TCPServer::Impl> {
         std::array<char, kReadBlock> buffer{};
         bool paused = false;
         explicit Connection(asio::io_context& io) : socket(io) {}
+    };
+    // One sendMsg's bytes (its own copy: the caller may give up waiting), its result and
+    // the connection it goes to.
+    struct PendingWrite {
+        std::vector<char> bytes;
+        std::promise<int> done;
+        std::weak_ptr<Connection> to;
+        std::atomic<std::size_t> written{0}; // so far, for the sender's watch on progress
     };
 
     TCPServer& owner;
@@ -121,23 +133,36 @@ struct TCPServer::Impl : std::enable_shared_from_this<TCPServer::Impl> {
     }
 
     // Writes on the serving thread to the newest open connection.
-    void write(const char* data, int length, const std::shared_ptr<std::promise<int>>& done)
+    void write(const std::shared_ptr<PendingWrite>& w)
     {
         if (connections.empty()) {
-            done->set_value(-1);
+            w->done.set_value(-1);
             return;
         }
         auto conn = connections.rbegin()->second;
-        asio::async_write(conn->socket, asio::buffer(data, static_cast<std::size_t>(length)),
-                          [this, conn, done, length](const asio::error_code& ec, std::size_t) {
-                              if (ec) {
-                                  owner.onError(conn->id, ec.value());
-                                  close(conn);
-                                  done->set_value(-1);
-                              } else {
-                                  done->set_value(length);
-                              }
-                          });
+        w->to = conn;
+        const auto progress = [w](const asio::error_code& ec, std::size_t n) -> std::size_t {
+            w->written = n;
+            return ec ? 0 : kReadBlock;
+        };
+        asio::async_write(conn->socket, asio::buffer(w->bytes), progress, [this, conn, w](const asio::error_code& ec, std::size_t) {
+            if (ec) {
+                if (ec != asio::error::operation_aborted)
+                    owner.onError(conn->id, ec.value());
+                close(conn);
+                w->done.set_value(-1);
+            } else {
+                w->done.set_value(static_cast<int>(w->bytes.size()));
+            }
+        });
+    }
+
+    // Closes the connection a write that was given up is still waiting on, so that the
+    // rest of its message cannot follow later and misalign the stream.
+    void abandon(const std::shared_ptr<PendingWrite>& w)
+    {
+        if (auto conn = w->to.lock())
+            close(conn);
     }
 };
 
@@ -240,8 +265,8 @@ int TCPServer::sendMsg(const char* data, int length)
         return 0;
     std::lock_guard<std::mutex> sendLock(m_sendMutex);
     std::shared_ptr<Impl> impl;
-    auto done = std::make_shared<std::promise<int>>();
-    std::future<int> result = done->get_future();
+    auto pending = std::make_shared<Impl::PendingWrite>();
+    std::future<int> result = pending->done.get_future();
     {
         std::lock_guard<std::mutex> lock(m_stateMutex);
         if (!m_impl || !m_impl->running)
@@ -256,7 +281,26 @@ int TCPServer::sendMsg(const char* data, int length)
                         asio::buffer(data, static_cast<std::size_t>(length)), ec);
             return ec ? -1 : length;
         }
-        asio::post(impl->io, [raw = impl.get(), data, length, done] { raw->write(data, length, done); });
+        pending->bytes.assign(data, data + length);
+        asio::post(impl->io, [raw = impl.get(), pending] { raw->write(pending); });
+    }
+    // A peer that stops reading would otherwise hold the sender, and every lock it holds,
+    // for ever: the send gives up once the peer has taken nothing for kSendTimeoutMs.
+    std::size_t seen = 0;
+    auto lastProgress = std::chrono::steady_clock::now();
+    while (result.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
+        const std::size_t now = pending->written;
+        if (now != seen) {
+            seen = now;
+            lastProgress = std::chrono::steady_clock::now();
+        }
+        if (std::chrono::steady_clock::now() - lastProgress < std::chrono::milliseconds(kSendTimeoutMs))
+            continue;
+        ZTLOG_ERROR("TCPServer::sendMsg: the peer took no data for %u ms, its connection is closed\n", kSendTimeoutMs);
+        std::lock_guard<std::mutex> lock(m_stateMutex);
+        if (m_impl == impl && impl->running)
+            asio::post(impl->io, [raw = impl.get(), pending] { raw->abandon(pending); });
+        return -1;
     }
     try {
         return result.get();

@@ -34,7 +34,8 @@ public:
     // The port listened on, or 0 when not listening.
     int port() const;
     // Writes all length bytes to the connected peer: length on success, 0 for an empty
-    // message, -1 when no peer is connected or the write failed.
+    // message, -1 when no peer is connected or the write failed, or when the peer took
+    // nothing for 3 s (its connection is then closed, so no half message follows).
     int sendMsg(const char* data, int length);
     // Number of open connections.
     int connectionCount() const;

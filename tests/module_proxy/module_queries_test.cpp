@@ -198,6 +198,12 @@ TEST(ModuleQueries, FileQueriesTakeTheHostsAnswers)
     answerQuery(h.data, 0x20003, pair, proxyMessage(2, 0x20003, "WXYZ", 4));
     t.join();
     EXPECT_EQ(std::string(reinterpret_cast<char*>(file), 4), std::string("WXY\0", 4));
+    // A capacity of 2 GiB or more is no negative number: at most the answer is copied.
+    std::vector<unsigned char> guarded(8, 0xEE);
+    t = std::thread([&] { EXPECT_EQ(m.getSETFile("a.s", "bb", guarded.data(), 0xFFFFFFFFu), 0); });
+    answerQuery(h.data, 0x20003, pair, proxyMessage(2, 0x20003, "WXYZ", 4));
+    t.join();
+    EXPECT_EQ(std::string(guarded.begin(), guarded.end()), std::string("WXYZ\xEE\xEE\xEE\xEE", 8));
 
     const std::uint32_t bdb = 321;
     t = std::thread([&] { EXPECT_EQ(m.getCurBDBFileSize(&size), 0); });

@@ -2,6 +2,7 @@
 // deInit (or its destructor) within the bound its own stop sequence implies.
 #include "census.h"
 #include "host_peer.h"
+#include "support/log_capture.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztModuleProxyClient.h"
 #include "ztModuleProxyServer.h"
@@ -10,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
@@ -82,6 +84,54 @@ TEST(SilentPeer, ModuleProxyBothEnds)
     // The command receive waits 1 s at a time.
     expectReturnsWithin(1000 + kAllowanceMs, "ztModuleProxyClient destructor with a silent host",
                         [&] { module.reset(); });
+}
+
+// A module whose host connected, then stopped reading (its receive queue full, or the
+// process suspended), while one thread streams device data and another waits for a file:
+// teardown neither waits for the host nor deadlocks with the senders, and a send that
+// the host never takes gives up after 3 s.
+TEST(SilentPeer, ModuleWithAHostThatStopsReading)
+{
+    zt::test::LogCapture log;
+    auto module = std::make_unique<ztModuleProxyClient>();
+    ASSERT_EQ(module->init(), 0);
+    RawConnection command;
+    RawConnection data;
+    ASSERT_TRUE(data.connect("127.0.0.1", ZT_MODULE_DATA_PORT, 3000));
+    ASSERT_TRUE(command.connect("127.0.0.1", ZT_MODULE_CMD_PORT, 3000));
+    ProxyMessage accepted;
+    for (int i = 0; i < 100 && !command.readMessage(accepted, 20); ++i)
+        module->sendRegisterRep(true);
+    const std::vector<unsigned char> block(1 << 20, 0x5A);
+    auto stream = [&](std::atomic<int>& sent) {
+        for (int i = 0; i < 64; ++i, ++sent)
+            module->sendDeviceData(1, 2, block.data(), static_cast<unsigned int>(block.size()), 3);
+    };
+    // Until the host's queue and the socket buffers are full, then held there.
+    std::atomic<int> sent{0};
+    std::thread first(stream, std::ref(sent));
+    for (int last = -1; last != sent; std::this_thread::sleep_for(std::chrono::milliseconds(300)))
+        last = sent;
+    ASSERT_LT(sent, 64);
+    unsigned char file[16];
+    std::atomic<int> query{1};
+    std::thread waiting([&] { query = module->getSETFile("a", "b", file, sizeof file); });
+    expectReturnsWithin(kAllowanceMs, "ztModuleProxyClient::deInit with a stalled host and senders waiting",
+                        [&] { module->deInit(); });
+    first.join();
+    waiting.join();
+    EXPECT_EQ(query, -1);
+
+    // Without teardown, the send that the host does not take fails after 3 s and the
+    // connection goes, so that no half message can follow.
+    module = std::make_unique<ztModuleProxyClient>();
+    ASSERT_EQ(module->init(), 0);
+    RawConnection again;
+    ASSERT_TRUE(again.connect("127.0.0.1", ZT_MODULE_DATA_PORT, 3000));
+    std::atomic<int> more{0};
+    expectReturnsWithin(3000 + kAllowanceMs, "64 sends of 1 MiB to a host that does not read", [&] { stream(more); });
+    EXPECT_EQ(log.count("TCPServer::sendMsg: the peer took no data for 3000 ms, its connection is closed\n"), 1);
+    EXPECT_TRUE(again.peerClosed(1000));
 }
 
 // A network head that came online, then fell silent on all four connections.
