@@ -161,6 +161,7 @@ private:
     void processMsg(_ZT_PROXY_MSG_* msg);
     void raiseDataCB(int code, char* data, int length);
     using AnswerFn = std::function<void(const char* data, int length)>;
+    static bool refused(const char* method, const zt::PayloadWriter& payload);
     // One type-4 reply on the command channel; always 0.
     int reply(zt::module_proxy::Rep id, const zt::PayloadWriter& payload);
     // One type-1 notification on the data channel: 0, or -1 when it cannot be built.

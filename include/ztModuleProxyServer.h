@@ -14,6 +14,7 @@
 #include "zt_msg.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -43,9 +44,15 @@ public:
     // Starts the process, data receive and connect threads; connection attempts to
     // address begin at once and repeat every 200 ms until both channels stand.
     int init(const std::string& address);
-    // Ends the three threads (the data receive thread ends when its pending receive
-    // returns) and closes both channels.
+    // Ends the three threads (the data receive thread's pending receive is woken by
+    // shutting its socket down) and closes both channels.
     void deInit();
+
+    // Whether the session stands: both channels connected and the register exchange
+    // answered. Requests sent before that fail with -1.
+    bool isRegistered();
+    // Waits up to timeoutMs for the session to stand; its state at the end.
+    bool waitRegistered(unsigned int timeoutMs);
 
     // The callback receives each module notification as (sub type, payload, length, user)
     // on the process thread.
@@ -172,6 +179,7 @@ private:
     int request(zt::module_proxy::Req id, const zt::PayloadWriter& payload, const ReplyFn& onReply = nullptr);
     int answer(zt::module_proxy::Answer id, const zt::PayloadWriter& payload);
     void dropSockets();
+    void setRegistered(bool registered);
     void processMsg(_ZT_PROXY_MSG_* msg);
     void raiseDataCB(int code, char* data, int length);
 
@@ -190,6 +198,9 @@ private:
     std::unique_ptr<zt::DataCallback> m_dataCB;
     std::atomic<bool> m_bReleaseRequest{false};
     int m_dataPort = 0;
+    std::mutex m_registeredMutex;
+    std::condition_variable m_registeredChanged;
+    bool m_registered = false; // guarded by m_registeredMutex
 };
 
 #endif

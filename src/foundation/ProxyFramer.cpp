@@ -2,6 +2,7 @@
 
 #include "platform/zt_log.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace zt {
@@ -15,14 +16,30 @@ std::int32_t dataLengthAt(const char* header)
 }
 } // namespace
 
+void ProxyFramer::append(const void* data, std::size_t length)
+{
+    const std::size_t skipped = static_cast<std::size_t>(std::min<std::uint64_t>(m_skip, length));
+    m_skip -= skipped;
+    m_queue.append(static_cast<const char*>(data) + skipped, length - skipped);
+}
+
 void ProxyFramer::dropBadHeaders()
 {
     while (size() >= ZT_MSG_HEADER_SIZE) {
         const std::int32_t length = dataLengthAt(m_queue.data());
-        if (length >= 0)
+        if (length < 0) {
+            ZTLOG_WARN("proxy message with data length %d dropped from the stream\n", length);
+            m_queue.consume(ZT_MSG_HEADER_SIZE);
+            continue;
+        }
+        const std::uint64_t full = static_cast<std::uint64_t>(length) + ZT_MSG_HEADER_SIZE;
+        if (full <= m_limit)
             return;
-        ZTLOG_WARN("proxy message with data length %d dropped from the stream\n", length);
-        m_queue.consume(ZT_MSG_HEADER_SIZE);
+        ZTLOG_WARN("proxy message of %llu bytes is larger than any this stream carries (%llu): dropped\n",
+                   static_cast<unsigned long long>(full), static_cast<unsigned long long>(m_limit));
+        const std::size_t held = std::min<std::size_t>(size(), static_cast<std::size_t>(full));
+        m_skip = full - held;
+        m_queue.consume(held);
     }
 }
 

@@ -17,10 +17,17 @@ namespace zt {
 
 class ProxyFramer {
 public:
-    void append(const void* data, std::size_t length) { m_queue.append(data, length); }
+    void append(const void* data, std::size_t length);
+    // Messages with a full size above limit are dropped with a warning, their bytes
+    // skipped as they arrive, so that one oversize message cannot stop the stream.
+    void setLimit(std::uint64_t limit) { m_limit = limit; }
     // Bytes held.
     std::size_t size() const { return m_queue.size(); }
-    void clear() { m_queue.clear(); }
+    void clear()
+    {
+        m_queue.clear();
+        m_skip = 0;
+    }
 
     // The front message when the accumulation holds at least minHeld bytes (16, or 17 for
     // receivers that wait for more than a bare header), the whole front message has
@@ -39,6 +46,8 @@ private:
     void dropBadHeaders();
 
     ByteQueue m_queue;
+    std::uint64_t m_limit = UINT64_MAX;
+    std::uint64_t m_skip = 0; // bytes of an oversize message still to come
 };
 
 } // namespace zt

@@ -19,12 +19,19 @@ public:
     // bool travels as a 32-bit 0 or 1.
     PayloadWriter& flag(bool v) { return i32(v ? 1 : 0); }
     PayloadWriter& u8(std::uint8_t v) { return put(v); }
+    // length bytes from data; a caller's null data with a length is refused.
     PayloadWriter& bytes(const void* data, std::size_t length)
     {
-        if (data != nullptr)
-            m_bytes.append(static_cast<const char*>(data), length);
-        else
-            m_bytes.append(length, '\0');
+        if (data == nullptr && length > 0)
+            return refuse("no data for a length above 0");
+        if (length > kMaxPayload - m_bytes.size())
+            return refuse("a payload of 2 GiB or more");
+        m_bytes.append(static_cast<const char*>(data), length);
+        return *this;
+    }
+    PayloadWriter& zeros(std::size_t n)
+    {
+        m_bytes.append(n, '\0');
         return *this;
     }
     PayloadWriter& text(const std::string& s) { return bytes(s.data(), s.size()); }
@@ -33,7 +40,7 @@ public:
     {
         const std::size_t k = s.size() < n ? s.size() : n;
         bytes(s.data(), k);
-        return bytes(nullptr, n - k);
+        return zeros(n - k);
     }
     // Calibration-file block: uint32 length and bytes of name, of path, then of the data.
     PayloadWriter& fileBlock(const std::string& name, const std::string& path, const void* data, std::uint32_t length)
@@ -51,8 +58,20 @@ public:
 
     const char* data() const { return m_bytes.data(); }
     int size() const { return static_cast<int>(m_bytes.size()); }
+    // Why the payload cannot be sent, or null when it can.
+    const char* refusal() const { return m_refusal; }
 
 private:
+    // The largest payload a message's 32-bit signed length field holds with its header.
+    static constexpr std::size_t kMaxPayload = 0x7FFFFFEF;
+
+    PayloadWriter& refuse(const char* reason)
+    {
+        if (m_refusal == nullptr)
+            m_refusal = reason;
+        return *this;
+    }
+
     template <class T>
     PayloadWriter& put(T v)
     {
@@ -64,6 +83,7 @@ private:
     }
 
     std::string m_bytes;
+    const char* m_refusal = nullptr;
 };
 
 // Reads values from a received payload; a read past its end yields zero (or the bytes

@@ -45,13 +45,26 @@ int ProxyTcpSocket::connect(const std::string& address, int port)
     return sock::connectTo(m_socket, addr) == 0 ? 0 : -1;
 }
 
+bool ProxyTcpSocket::sendWhole(const void* data, int length)
+{
+    const int n = sock::sendOnce(m_socket, data, length);
+    if (n > 0 && n < length) {
+        // The send time-out ended it part-way: what follows on this connection would be
+        // read as the rest of the message, so nothing more may follow.
+        ZTLOG_ERROR("ProxyTcpSocket: only %d of %d bytes sent before the time-out, the connection is shut down\n", n,
+                    length);
+        m_cutShort = true;
+        shutdown();
+    }
+    return n == length && length > 0;
+}
+
 int ProxyTcpSocket::send(const void* data, int length)
 {
     if (m_socket == 0)
         return -1;
     sock::setSendTimeout(m_socket, kSendTimeoutMs);
-    const int n = sock::sendOnce(m_socket, data, length);
-    return n < 1 ? -1 : n;
+    return sendWhole(data, length) ? length : -1;
 }
 
 int ProxyTcpSocket::receive(void* buffer, int length)
@@ -83,7 +96,7 @@ int ProxyTcpSocket::sendn(const void* request, int requestLength, char* reply, i
     }
     const std::uint64_t sendStart = tickMs();
     sock::setSendTimeout(m_socket, kRequestSendTimeoutMs);
-    if (sock::sendOnce(m_socket, request, requestLength) <= 0) {
+    if (!sendWhole(request, requestLength)) {
         ZTLOG_ERROR("sendn: time = %d\r\n", static_cast<int>(tickMs() - sendStart));
         return -1;
     }

@@ -4,6 +4,7 @@
 
 #include "platform/spr_socket.h"
 
+#include <atomic>
 #include <string>
 
 namespace zt {
@@ -21,7 +22,8 @@ public:
     int create();
     // Blocking connect to address:port: 0 or -1.
     int connect(const std::string& address, int port);
-    // One send with a 300000 ms send time-out: the count, or -1.
+    // One send with a 300000 ms send time-out: the count, or -1. A send that times out
+    // part-way fails (see cutShort).
     int send(const void* data, int length);
     // One receive: the count, or -1 on a closed connection, an error or a time-out.
     int receive(void* buffer, int length);
@@ -34,9 +36,16 @@ public:
     // message at their front is whole and not larger than replyCapacity; that message is
     // copied to the start of reply. 0 on success, -1 on failure or time-out.
     int sendn(const void* request, int requestLength, char* reply, int replyCapacity);
+    // True once a send timed out part-way: the rest of that message never went, so the
+    // socket was shut down and the connection must be made anew.
+    bool cutShort() const { return m_cutShort; }
 
 private:
+    // One send of all length bytes: true when they all went.
+    bool sendWhole(const void* data, int length);
+
     zt_socket_t m_socket = 0;
+    std::atomic<bool> m_cutShort{false};
 };
 
 } // namespace zt

@@ -166,8 +166,20 @@ void ztModuleProxyClient::raiseDataCB(int code, char* data, int length)
     m_dataCB->raise(code, data, length);
 }
 
+// A payload the caller's arguments could not make: logged under the method's name, and
+// nothing is sent.
+bool ztModuleProxyClient::refused(const char* method, const zt::PayloadWriter& payload)
+{
+    if (payload.refusal() == nullptr)
+        return false;
+    ZTLOG_ERROR("ztModuleProxyClient::[%s] %s, nothing sent\n", method, payload.refusal());
+    return true;
+}
+
 int ztModuleProxyClient::reply(zt::module_proxy::Rep id, const zt::PayloadWriter& payload)
 {
+    if (refused(zt::module_proxy::replyRow(id).name, payload))
+        return -1;
     std::lock_guard<std::mutex> lock(m_cmdMutex);
     sendOn(m_pCmdServer, ZT_MSG_TYPE_REPLY, zt::module_proxy::replyRow(id).sub, payload.size(), payload.data());
     return 0;
@@ -175,6 +187,8 @@ int ztModuleProxyClient::reply(zt::module_proxy::Rep id, const zt::PayloadWriter
 
 int ztModuleProxyClient::notify(zt::module_proxy::Event id, const zt::PayloadWriter& payload)
 {
+    if (refused(zt::module_proxy::eventRow(id).name, payload))
+        return -1;
     std::lock_guard<std::mutex> lock(m_dataMutex);
     return sendOn(m_pDataServer, ZT_MSG_TYPE_NOTIFY, zt::module_proxy::eventRow(id).sub, payload.size(),
                   payload.data())
@@ -185,6 +199,8 @@ int ztModuleProxyClient::notify(zt::module_proxy::Event id, const zt::PayloadWri
 int ztModuleProxyClient::query(zt::module_proxy::Query id, const zt::PayloadWriter& payload, const AnswerFn& onAnswer)
 {
     const zt::module_proxy::QueryRow& row = zt::module_proxy::queryRow(id);
+    if (refused(row.name, payload))
+        return -1;
     // The data mutex is held across the wait: events sent meanwhile queue behind it.
     std::lock_guard<std::mutex> lock(m_dataMutex);
     sendOn(m_pDataServer, ZT_MSG_TYPE_NOTIFY, row.sub, payload.size(), payload.data());

@@ -4,6 +4,7 @@
 
 #include "ModuleReplies.h"
 #include "ProxyPayload.h"
+#include "platform/zt_log.h"
 
 #include <algorithm>
 #include <cstring>
@@ -136,7 +137,7 @@ int ztModuleProxyClient::sendLPPairingInfo(const std::string& text, int n)
 int ztModuleProxyClient::sendLPRequestList(std::vector<lp::_ZT_LP_CONNECT_INFO_> pens)
 {
     P p;
-    p.u32(static_cast<std::uint32_t>(pens.size())).u32(sizeof(lp::_ZT_LP_CONNECT_INFO_)).bytes(nullptr, kLPListHeadSize - 8);
+    p.u32(static_cast<std::uint32_t>(pens.size())).u32(sizeof(lp::_ZT_LP_CONNECT_INFO_)).zeros(kLPListHeadSize - 8);
     for (const auto& pen : pens)
         p.bytes(&pen, sizeof pen);
     notify(Event::sendLPRequestList, p);
@@ -151,14 +152,12 @@ int ztModuleProxyClient::sendLPOfflineWarn(lp::_LIGHTPEN_WARN_INFO_ warn)
 
 int ztModuleProxyClient::sendBarCalibFile(const std::string& name, const std::string& path, void* data, unsigned int length)
 {
-    notify(Event::sendBarCalibFile, P().fileBlock(name, path, data, data == nullptr ? 0 : length));
-    return 0;
+    return notify(Event::sendBarCalibFile, P().fileBlock(name, path, data, length));
 }
 
 int ztModuleProxyClient::sendLPCalibFile(const std::string& name, const std::string& path, void* data, unsigned int length)
 {
-    notify(Event::sendLPCalibFile, P().fileBlock(name, path, data, data == nullptr ? 0 : length));
-    return 0;
+    return notify(Event::sendLPCalibFile, P().fileBlock(name, path, data, length));
 }
 
 int ztModuleProxyClient::sendDeviceOpenFailRet(int error)
@@ -190,15 +189,16 @@ int ztModuleProxyClient::getSETFileMd5(const std::string& a, const std::string& 
     });
 }
 
-int ztModuleProxyClient::getSETFileSize(const std::string& a, const std::string& b, unsigned int* size)
+namespace {
+// A null output where the query would write length bytes: logged, and nothing is sent.
+bool noOutput(const char* method, const void* out, unsigned int length)
 {
-    return query(Query::getSETFileSize, P().namePair(a, b), [size](const char* data, int length) {
-        if (length == 4 && size != nullptr)
-            std::memcpy(size, data, 4);
-    });
+    if (out != nullptr || length == 0)
+        return false;
+    ZTLOG_ERROR("ztModuleProxyClient::[%s] no output buffer, nothing sent\n", method);
+    return true;
 }
 
-namespace {
 // Copies at most capacity bytes of the answer, and never more than the answer holds
 // (compared unsigned: a capacity of 2 GiB or more is no negative number).
 auto intoBuffer(unsigned char* out, unsigned int capacity)
@@ -219,12 +219,40 @@ auto intoSize(unsigned int* out)
 }
 } // namespace
 
+int ztModuleProxyClient::getSETFileSize(const std::string& a, const std::string& b, unsigned int* size)
+{
+    if (noOutput("getSETFileSize", size, 1))
+        return -1;
+    return query(Query::getSETFileSize, P().namePair(a, b), [size](const char* data, int length) {
+        if (length == 4 && size != nullptr)
+            std::memcpy(size, data, 4);
+    });
+}
+
+
 int ztModuleProxyClient::getSETFile(const std::string& a, const std::string& b, unsigned char* data, unsigned int length)
 {
+    if (noOutput("getSETFile", data, length))
+        return -1;
     return query(Query::getSETFile, P().namePair(a, b), intoBuffer(data, length));
 }
 
-int ztModuleProxyClient::getCurBDBFileSize(unsigned int* size) { return query(Query::getCurBDBFileSize, P(), intoSize(size)); }
-int ztModuleProxyClient::getCurBDBFile(unsigned char* data, unsigned int length) { return query(Query::getCurBDBFile, P(), intoBuffer(data, length)); }
-int ztModuleProxyClient::getCurBarFileSize(unsigned int* size) { return query(Query::getCurBarFileSize, P(), intoSize(size)); }
-int ztModuleProxyClient::getCurBarFile(unsigned char* data, unsigned int length) { return query(Query::getCurBarFile, P(), intoBuffer(data, length)); }
+int ztModuleProxyClient::getCurBDBFileSize(unsigned int* size)
+{
+    return noOutput("getCurBDBFileSize", size, 1) ? -1 : query(Query::getCurBDBFileSize, P(), intoSize(size));
+}
+
+int ztModuleProxyClient::getCurBDBFile(unsigned char* data, unsigned int length)
+{
+    return noOutput("getCurBDBFile", data, length) ? -1 : query(Query::getCurBDBFile, P(), intoBuffer(data, length));
+}
+
+int ztModuleProxyClient::getCurBarFileSize(unsigned int* size)
+{
+    return noOutput("getCurBarFileSize", size, 1) ? -1 : query(Query::getCurBarFileSize, P(), intoSize(size));
+}
+
+int ztModuleProxyClient::getCurBarFile(unsigned char* data, unsigned int length)
+{
+    return noOutput("getCurBarFile", data, length) ? -1 : query(Query::getCurBarFile, P(), intoBuffer(data, length));
+}

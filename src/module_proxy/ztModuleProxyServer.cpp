@@ -9,6 +9,7 @@
 #include "foundation/ztWorker.h"
 #include "platform/zt_log.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
@@ -45,6 +46,7 @@ ztModuleProxyServer::ztModuleProxyServer()
     : m_dataSocket(std::make_unique<SocketSlot>()), m_cmdSocket(std::make_unique<SocketSlot>()),
       m_recvQueue(std::make_unique<zt::ProxyFramer>()), m_dataCB(std::make_unique<zt::DataCallback>())
 {
+    m_recvQueue->setLimit(kRecvQueueLimit);
 }
 
 ztModuleProxyServer::~ztModuleProxyServer()
@@ -61,7 +63,11 @@ int ztModuleProxyServer::init(const std::string& address)
             return -1;
         }
     }
-    m_address = address;
+    {
+        // The connect thread of an earlier init reads the address under these.
+        std::scoped_lock lock(m_cmdMutex, m_dataMutex);
+        m_address = address;
+    }
     m_bStop = false;
     if (zt::startWorker(m_hProcessThread, &ztModuleProxyServer::onProcessThread, this, "ztModuleProxyServer") != 0 ||
         zt::startWorker(m_hDataRecvThread, &ztModuleProxyServer::onDataChannelRecvThread, this,
@@ -86,6 +92,7 @@ void ztModuleProxyServer::deInit()
     // A request still in flight on another thread holds the command mutex while it
     // receives into the reply buffer: it ends with its reply before the sockets go.
     std::lock_guard<std::mutex> lock(m_cmdMutex);
+    setRegistered(false);
     m_dataSocket->drop();
     m_cmdSocket->drop();
     std::free(m_pReplyBuf);
@@ -104,8 +111,28 @@ void ztModuleProxyServer::releaseClientSignal()
 
 void ztModuleProxyServer::releaseClient()
 {
+    setRegistered(false);
     m_dataSocket->drop();
     m_cmdSocket->drop();
+}
+
+bool ztModuleProxyServer::isRegistered()
+{
+    std::lock_guard<std::mutex> lock(m_registeredMutex);
+    return m_registered;
+}
+
+bool ztModuleProxyServer::waitRegistered(unsigned int timeoutMs)
+{
+    std::unique_lock<std::mutex> lock(m_registeredMutex);
+    return m_registeredChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return m_registered; });
+}
+
+void ztModuleProxyServer::setRegistered(bool registered)
+{
+    std::lock_guard<std::mutex> lock(m_registeredMutex);
+    m_registered = registered;
+    m_registeredChanged.notify_all();
 }
 
 int ztModuleProxyServer::getDataPort()
@@ -120,6 +147,7 @@ int ztModuleProxyServer::getState(_ZT_DEVICE_STATUS_*)
 
 void ztModuleProxyServer::dropSockets()
 {
+    setRegistered(false);
     m_cmdSocket->drop();
     m_dataSocket->drop();
 }
@@ -157,6 +185,14 @@ unsigned int ztModuleProxyServer::onSocketConnectThreadFunc()
                     dropSockets();
                     return true;
                 }
+                {
+                    // A new connection starts with an empty receive state: the start of a
+                    // notification that the lost connection cut off goes.
+                    std::lock_guard<std::mutex> queueLock(m_recvQueueMutex);
+                    if (const std::size_t dropped = m_recvQueue->dropIncompleteTail())
+                        ZTLOG_WARN("ztModuleProxyServer: %u bytes of a message cut off by a lost connection discarded\n",
+                                   static_cast<unsigned int>(dropped));
+                }
                 m_dataSocket->set(std::move(s));
             }
         }
@@ -165,6 +201,8 @@ unsigned int ztModuleProxyServer::onSocketConnectThreadFunc()
             SPR_Sleep(kRegisterDelayMs);
             if (sendRegister() != 0)
                 dropSockets();
+            else
+                setRegistered(true);
         }
         return true;
     });
@@ -245,6 +283,10 @@ void ztModuleProxyServer::raiseDataCB(int code, char* data, int length)
 int ztModuleProxyServer::request(Req id, const PayloadWriter& payload, const ReplyFn& onReply)
 {
     const RequestRow& row = zt::module_proxy::requestRow(id);
+    if (payload.refusal() != nullptr) {
+        ZTLOG_ERROR("ztModuleProxyServer::[%s] %s, nothing sent\n", row.name, payload.refusal());
+        return -1;
+    }
     std::unique_lock<std::mutex> lock(m_cmdMutex, std::defer_lock);
     if (row.locked)
         lock.lock();
@@ -277,13 +319,20 @@ int ztModuleProxyServer::request(Req id, const PayloadWriter& payload, const Rep
             result = 0;
         }
     }
-    if (result != 0 && row.releaseOnFailure)
+    // A request cut short on the wire leaves the module mid-message: the session is
+    // rebuilt rather than letting the stream misalign.
+    if (result != 0 && (row.releaseOnFailure || s->cutShort()))
         releaseClientSignal();
     return result;
 }
 
 int ztModuleProxyServer::answer(Answer id, const PayloadWriter& payload)
 {
+    if (payload.refusal() != nullptr) {
+        ZTLOG_ERROR("ztModuleProxyServer::[answer 0x%05X] %s, nothing sent\n", zt::module_proxy::answerSub(id),
+                    payload.refusal());
+        return -1;
+    }
     std::lock_guard<std::mutex> lock(m_dataMutex);
     const std::shared_ptr<zt::ProxyTcpSocket> s = m_dataSocket->get();
     if (!s)
@@ -294,20 +343,29 @@ int ztModuleProxyServer::answer(Answer id, const PayloadWriter& payload)
         s->send(msg, zt_msg_get_full_size(msg));
         zt_msg_release(msg);
     }
+    if (s->cutShort())
+        releaseClientSignal();
     return 0;
 }
 
 int ztModuleProxyServer::sendTrackPose(void* data, unsigned int length)
 {
     // Poses stream out as they come: no command mutex and no reply awaited.
+    const PayloadWriter payload = PayloadWriter().bytes(data, length);
+    if (payload.refusal() != nullptr) {
+        ZTLOG_ERROR("ztModuleProxyServer::[sendTrackPose] %s, nothing sent\n", payload.refusal());
+        return -1;
+    }
     const std::shared_ptr<zt::ProxyTcpSocket> s = m_cmdSocket->get();
     if (!s)
         return -1;
     const RequestRow& row = zt::module_proxy::requestRow(Req::sendTrackPose);
-    _ZT_PROXY_MSG_* msg = zt_msg_create(ZT_MSG_TYPE_REQUEST, row.sub, data == nullptr ? 0 : static_cast<int>(length), data);
+    _ZT_PROXY_MSG_* msg = zt_msg_create(ZT_MSG_TYPE_REQUEST, row.sub, payload.size(), payload.data());
     if (msg == nullptr)
         return -1;
     const int n = s->send(msg, zt_msg_get_full_size(msg));
     zt_msg_release(msg);
+    if (s->cutShort())
+        releaseClientSignal();
     return n > 0 ? 0 : -1;
 }

@@ -50,7 +50,7 @@ bool outputsGiven(Req id, std::initializer_list<const void*> outputs)
 // The raw bytes of a caller's buffer.
 P raw(const void* data, unsigned int length)
 {
-    return P().bytes(data, data == nullptr ? 0 : length);
+    return P().bytes(data, length);
 }
 
 // 12 rows of 3 doubles.
@@ -262,7 +262,7 @@ int ztModuleProxyServer::setScanPosExposure(double exposure) { return request(Re
 
 int ztModuleProxyServer::setScannerClbFile(const std::string& name, const std::string& path, void* data, unsigned int length)
 {
-    return request(Req::setScannerClbFile, P().fileBlock(name, path, data, data == nullptr ? 0 : length));
+    return request(Req::setScannerClbFile, P().fileBlock(name, path, data, length));
 }
 
 int ztModuleProxyServer::setLPCalibParam(int index, double value) { return request(Req::setLPCalibParam, P().i32(index).f64(value)); }
@@ -270,7 +270,7 @@ int ztModuleProxyServer::doLPNeedleWork() { return request(Req::doLPNeedleWork, 
 
 int ztModuleProxyServer::setLPClbFile(const std::string& name, const std::string& path, void* data, unsigned int length)
 {
-    return request(Req::setLPClbFile, P().fileBlock(name, path, data, data == nullptr ? 0 : length));
+    return request(Req::setLPClbFile, P().fileBlock(name, path, data, length));
 }
 
 int ztModuleProxyServer::setLPCanWork(bool can, const std::string& text)
@@ -294,7 +294,7 @@ int ztModuleProxyServer::setLPModel2Vento(const std::vector<std::vector<double>>
 
 int ztModuleProxyServer::setTrackerClbFile(const std::string& name, const std::string& path, void* data, unsigned int length)
 {
-    return request(Req::setTrackerClbFile, P().fileBlock(name, path, data, data == nullptr ? 0 : length));
+    return request(Req::setTrackerClbFile, P().fileBlock(name, path, data, length));
 }
 
 int ztModuleProxyServer::sendHoleHighAccuracySpaceInfo(void* data, unsigned int length)

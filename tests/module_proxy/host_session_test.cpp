@@ -188,9 +188,11 @@ TEST(HostSession, NotificationsReachTheCallbackInOrder)
 struct RawModule {
     RawListener cmdListener, dataListener;
     RawConnection cmd, data;
-    bool accept(ztModuleProxyServer& host)
+    ztModuleProxyServer* host = nullptr;
+    bool accept(ztModuleProxyServer& h)
     {
-        if (!cmdListener.listen(9479) || !dataListener.listen(11300) || host.init("127.0.0.1") != 0)
+        host = &h;
+        if (!cmdListener.listen(9479) || !dataListener.listen(11300) || h.init("127.0.0.1") != 0)
             return false;
         return acceptAgain();
     }
@@ -207,8 +209,7 @@ struct RawModule {
             return false;
         // The register exchange runs outside the command mutex: a request sent before the
         // host has taken this reply would race it for the replies on the channel.
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        return true;
+        return host->waitRegistered(3000);
     }
     // Waits for the next request and answers it with the given message bytes.
     bool answer(std::uint32_t expectSub, const std::vector<char>& reply)
@@ -410,6 +411,69 @@ TEST(HostSession, FloodsHugeLengthsAndHalfMessagesFromTheModule)
     // Requests on the dead command channel fail; deInit returns.
     EXPECT_EQ(host.sendStopDevice(), -1);
     host.deInit();
+}
+
+// What a misbehaving module or caller must not do to a session: a notification cut off by
+// a lost connection, one larger than any the proxy carries, arguments that cannot be sent,
+// and a request that the module stops taking half-way.
+TEST(HostSession, CutOffAndOversizeNotificationsRefusedArgumentsAndAShortSend)
+{
+    LogCapture log;
+    ztModuleProxyServer host;
+    Notes notes;
+    host.registerModuleServerDataCB(&Notes::onNote, &notes);
+    EXPECT_FALSE(host.isRegistered());
+    RawModule m;
+    ASSERT_TRUE(m.accept(host));
+    EXPECT_TRUE(host.isRegistered());
+
+    // 400 bytes of a 1016-byte notification, then the connection is lost and made anew:
+    // the next notifications arrive whole.
+    const std::string body(1000, 'n');
+    const auto cut = proxyMessage(1, 0x40001, body.data(), static_cast<int>(body.size()));
+    ASSERT_TRUE(m.data.sendBytes(cut.data(), 400));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // read by the host's 1 ms receive loop
+    m.cmd.close();
+    m.data.close();
+    host.releaseClientSignal();
+    ASSERT_TRUE(m.acceptAgain());
+    EXPECT_EQ(log.count("ztModuleProxyServer: 400 bytes of a message cut off by a lost connection discarded\n"), 1);
+    // One larger than the 200 MiB a notification may have is skipped as it comes.
+    auto oversize = proxyMessage(1, 0x40002, nullptr, 0);
+    const std::int32_t length = 0xC800001;
+    std::memcpy(oversize.data() + 12, &length, 4);
+    ASSERT_TRUE(m.data.sendBytes(oversize));
+    const std::string block(1 << 20, 'x');
+    for (std::int32_t left = length; left > 0; left -= static_cast<std::int32_t>(block.size()))
+        ASSERT_TRUE(m.data.sendBytes(block.data(), std::min<std::size_t>(block.size(), static_cast<std::size_t>(left))));
+    for (std::int32_t i = 0; i < 5; ++i)
+        ASSERT_TRUE(m.data.sendBytes(proxyMessage(1, 0x40003, &i, 4)));
+    ASSERT_TRUE(notes.waitFor(5, 5000));
+    EXPECT_EQ(notes.count(), 5u);
+    EXPECT_EQ(log.count("proxy message of 209715217 bytes is larger than any this stream carries (209715216): dropped\n"), 1);
+
+    // Arguments that cannot be sent: -1, a line naming the method, nothing on the wire.
+    char bytes[8] = {};
+    EXPECT_EQ(host.addObjectMP(nullptr, 10), -1);
+    EXPECT_EQ(host.setScannerClbFile("n", "p", nullptr, 3), -1);
+    EXPECT_EQ(host.sendTrackPose(nullptr, 5), -1);
+    EXPECT_EQ(host.sendCurrent2WorldPose(bytes, 0x80000000u), -1);
+    EXPECT_EQ(log.count("ztModuleProxyServer::[addObjectMP] no data for a length above 0, nothing sent\n"), 1);
+    EXPECT_EQ(log.count("ztModuleProxyServer::[sendTrackPose] no data for a length above 0, nothing sent\n"), 1);
+    EXPECT_EQ(log.count("ztModuleProxyServer::[sendCurrent2WorldPose] a payload of 2 GiB or more, nothing sent\n"), 1);
+    EXPECT_TRUE(m.cmd.readFor(100).empty());
+
+    // A request that the module stops taking half-way fails at the send time-out, and the
+    // session is made anew rather than leaving the rest of it to be read as the next one.
+    const std::vector<char> big(64 << 20, 'b');
+    const auto t = Clock::now();
+    EXPECT_EQ(host.addObjectMP(const_cast<char*>(big.data()), static_cast<unsigned int>(big.size())), -1);
+    EXPECT_LT(Clock::now() - t, std::chrono::milliseconds(3500));
+    EXPECT_TRUE(log.waitFor("bytes sent before the time-out, the connection is shut down", 0));
+    EXPECT_TRUE(m.cmd.peerClosed(3000));
+    ASSERT_TRUE(m.acceptAgain());
+    host.deInit();
+    EXPECT_FALSE(host.isRegistered());
 }
 
 } // namespace
