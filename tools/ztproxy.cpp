@@ -1,5 +1,6 @@
 // ztproxy: the command-line tool of ztProxyProtocol.
 #include "demo.h"
+#include "module_command.h"
 #include "net_command.h"
 #include "sim_command.h"
 #include "sim_head.h"
@@ -33,6 +34,7 @@ const char* const kUsage =
     "  demo      the library's links against simulated ends on loopback, with a stream and a PNG\n"
     "  sim       run a simulated end: ztproxy sim module|head (sim usb: how to use the USB one)\n"
     "  net       run one device command on a network scanner head (or a simulated one)\n"
+    "  module    run one module proxy request as the host, against a device module\n"
 #ifdef ZT_WITH_USB
     "  usb       run one device command on a USB scanner head (or an emulated one)\n"
 #endif
@@ -217,6 +219,8 @@ int main(int programArgc, char** programArgv)
     }
     if (command == "net")
         return zt::tools::runNetCommand(argc - i, argv + i);
+    if (command == "module")
+        return zt::tools::runModuleCommand(argc - i, argv + i);
     if (command == "stream")
         return zt::tools::runStreamCommand(argc - i, argv + i, programArgv);
 #ifdef ZT_WITH_USB

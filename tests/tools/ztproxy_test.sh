@@ -51,6 +51,9 @@ basics() {
     reply=$(timeout 2 head -c 20 <&3 | od -An -tx1 | tr -d ' \n')
     exec 3>&-
     [ "$reply" = "2423000004000000010000000400000001000000" ] || { echo "FAIL: sim module reply $reply"; fail=1; }
+    # Both ends from the tool: a host request by name to the simulated module.
+    out=$("$ztproxy" module --remote 127.0.0.1 getFirmwareVersion 2>&1)
+    [ "$out" = "$(printf 'result: 0\nversion: ZT-MOD 2.4.1')" ] || { echo "FAIL: ztproxy module: $out"; fail=1; }
     kill -TERM $sim
     wait $sim || { echo "FAIL: sim module did not stop cleanly"; fail=1; }
     grep -q "request 0x00001" /tmp/ztproxy_sim.$$ || { echo "FAIL: sim module did not report the request"; fail=1; }
@@ -255,6 +258,12 @@ time.sleep(20)' >"$tmp/stuck" &
         failed "Ctrl-C: exit $rc, expected 130 and one line"
     kill $stuck
     wait $stuck 2>/dev/null
+    # No module: the host never registers.
+    run "$ztproxy" module --remote 127.0.0.1 sendTrigger
+    [ $rc -eq 3 ] && [ "$(head -1 "$tmp/err")" = "ztproxy: no device module registered at 127.0.0.1 (ports 9479 and 11300) within 5 s" ] ||
+        failed "module without a module: exit $rc, expected 3 and the plain line"
+    usage_error "module without an address" "$ztproxy" module sendTrigger
+    usage_error "module with a bad argument" "$ztproxy" module --sim setPeriod soon
     # Nothing listening: the plain line comes before the library's own lines.
     run "$ztproxy" net --local 127.0.0.1 --remote 127.0.0.1 getCameraExposure
     [ $rc -eq 3 ] && [ "$(head -1 "$tmp/err")" = "ztproxy: no network head came online at 127.0.0.1:42001 (from 127.0.0.1, init returned 205)" ] &&
