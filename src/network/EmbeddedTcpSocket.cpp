@@ -78,9 +78,8 @@ int EmbeddedTcpSocket::connect(const std::string& localIP, const std::string& re
         ZTLOG_ERROR("connect failed with error: %ld\n", static_cast<long>(error));
         return -1;
     }
-    // Writable means the attempt is over; whether it succeeded is not asked here, the
-    // first send or receive tells.
-    const int ready = sock::waitWritable(s, 3, 0);
+    // A connect that failed counts as one that never completed: a connect time-out.
+    const int ready = sock::waitConnected(s, 3, 0);
     if (ready == 0) {
         ZTLOG_ERROR("connect timeout, localIP: %s, remoteIP: %s", localIP.c_str(), remoteIP.c_str());
         return kConnectTimeout;

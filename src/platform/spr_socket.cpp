@@ -230,7 +230,7 @@ int recvFrom(zt_socket_t s, void* buffer, int length, sockaddr_in& from)
         ::recvfrom(s, static_cast<char*>(buffer), length, 0, reinterpret_cast<sockaddr*>(&from), &size));
 }
 
-int waitWritable(zt_socket_t s, long seconds, long microseconds)
+int waitConnected(zt_socket_t s, long seconds, long microseconds)
 {
 #ifdef _WIN32
     fd_set writable;
@@ -246,6 +246,13 @@ int waitWritable(zt_socket_t s, long seconds, long microseconds)
     p.fd = s;
     p.events = POLLOUT;
     const int n = ::poll(&p, 1, static_cast<int>(seconds * 1000 + microseconds / 1000));
+    if (n > 0) {
+        // poll reports a failed connect as writable; Windows does not.
+        int error = 0;
+        socklen_t size = sizeof error;
+        if (::getsockopt(s, SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0)
+            return 0;
+    }
 #endif
     return n < 0 ? -1 : (n == 0 ? 0 : 1);
 }

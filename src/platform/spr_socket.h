@@ -58,8 +58,11 @@ int recvOnce(zt_socket_t s, void* buffer, int length);
 int sendTo(zt_socket_t s, const void* data, int length, const sockaddr_in& to);
 int recvFrom(zt_socket_t s, void* buffer, int length, sockaddr_in& from);
 
-// Waits for the socket to become writable: 1 writable, 0 time-out, -1 error.
-int waitWritable(zt_socket_t s, long seconds, long microseconds);
+// Waits for a non-blocking connect to complete, as select reports it on Windows: 1 once
+// the socket is writable, 0 on time-out, -1 on error. A connect that failed (refused, say)
+// never makes a Windows socket writable; here it gives 0 as soon as it is known, without
+// waiting out the time.
+int waitConnected(zt_socket_t s, long seconds, long microseconds);
 // Waits for the socket to have bytes (or an end) to read: 1 readable, 0 time-out, -1 error.
 int waitReadable(zt_socket_t s, int timeoutMs);
 

@@ -97,7 +97,7 @@ TEST(Sockets, NonBlockingConnectAndWritability)
     if (zt::sock::connectTo(c, l.addr) != 0) {
         EXPECT_TRUE(zt::sock::isConnectPending(zt::sock::lastError()));
     }
-    EXPECT_EQ(zt::sock::waitWritable(c, 3, 0), 1);
+    EXPECT_EQ(zt::sock::waitConnected(c, 3, 0), 1);
     // A non-blocking receive with nothing there returns at once.
     char buf[4];
     const auto start = zt::tickMs();
