@@ -79,6 +79,8 @@ private:
     int allocateReplyBuffers();
     // Drops a packet still being written into a stream frame and makes both frame pools.
     int initPools();
+    // The threads, the ability query and the SET file of init, on a stopped object.
+    int startUp();
     unsigned int allocateBuffer_stream();
     unsigned int allocateBuffer_ctrl();
     unsigned int allocateBuffer_event();
@@ -103,6 +105,7 @@ private:
     void dropLentFrame();
 
     std::atomic<bool> m_bConnected{false};
+    int m_initResult = -1; // what the running init returned
     std::atomic<bool> m_bHeartBeatAlive{false};
     std::atomic<int> m_missedHeartBeats{0};
     std::mutex m_cmdMutex;

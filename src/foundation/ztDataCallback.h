@@ -27,8 +27,10 @@ public:
             fn = m_fn;
             user = m_user;
         }
+        // A reply too short for its own header would give a negative length: the callback
+        // is told there are no bytes instead.
         if (fn != nullptr)
-            fn(code, data, length, user);
+            fn(code, data, length < 0 ? 0 : length, user);
     }
 
 private:

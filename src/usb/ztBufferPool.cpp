@@ -44,6 +44,17 @@ ztBufferPool::~ztBufferPool()
 
 int ztBufferPool::initResource(int count, unsigned long long frameSize)
 {
+    {
+        // A set-up never frees frames that a thread or a transfer still uses: while any is
+        // taken or queued, the pool stays as it is.
+        std::lock_guard<std::mutex> lock(m_poolMutex);
+        for (const ztPoolFrame* frame : m_frames) {
+            if (frame->inUse) {
+                ZTLOG_ERROR("ztBufferPool::initResource frames still in use, the pool is left as it is");
+                return -1;
+            }
+        }
+    }
     releaseResource();
     if (count < 0) {
         ZTLOG_ERROR("ztBufferPool::initResource failed");

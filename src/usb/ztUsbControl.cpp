@@ -9,8 +9,10 @@
 
 #include <libusb.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 namespace {
 constexpr unsigned int kTransferTimeoutMs = 1500;
@@ -86,8 +88,9 @@ int ztUsbProxyServer::exchange(const char* name, char* cmd, int cmdLength, char*
 int ztUsbProxyServer::sendData(std::string& data)
 {
     {
-        // The reply buffer belongs to whichever command holds the command set's lock.
-        std::lock_guard<std::mutex> lock(m_link->mutex);
+        // Under the receive lock, which nothing holds for long: sendData never waits
+        // behind a command that waits for its reply.
+        std::lock_guard<std::mutex> lock(m_recvMutex);
         if (m_pDataRecv_ctrl != nullptr)
             std::memset(m_pDataRecv_ctrl, 0, kClearedReplyBytes);
     }
@@ -111,26 +114,38 @@ int ztUsbProxyServer::CommandLink::exchange(const zt::commands::Command& c, cons
                                             const std::function<int(const char*)>& judge)
 {
     using namespace zt::commands;
-    std::lock_guard<std::mutex> lock(mutex);
-    // Before init there are no reply buffers, and so no device to talk to.
-    if (server.m_pDataRecv_ctrl == nullptr || server.m_pFileRecv_ctrl == nullptr) {
-        ZTLOG_ERROR("ztUsbProxyServer::[%s] send cmd failed", c.name);
-        return -1;
-    }
-    std::memset(server.m_pDataRecv_ctrl, 0, kClearedReplyBytes);
-    char* request = const_cast<char*>(msg);
     const bool wait = c.reply != Reply::NoWait && (c.flags & kUsbNoWait) == 0;
-    char* reply = server.m_pDataRecv_ctrl;
-    int rc;
-    if ((c.flags & kLargeReply) != 0) {
-        reply = server.m_pFileRecv_ctrl;
-        rc = server.sendCtrlCmd_2(request, size, reply, kFileReplyLimit, true, kLargeReplyTimeoutMs);
-    } else {
-        rc = server.sendCtrlCmd(request, size, reply, wait, kReplyTimeoutMs);
+    // The reply is judged (and handed to the data callback) from a copy, after the lock is
+    // let go: a callback may issue commands of its own, and no lock is held while it runs.
+    std::vector<char> reply;
+    {
+        // One catalogue command at a time uses the shared reply buffers.
+        std::lock_guard<std::mutex> lock(mutex);
+        // Before init there are no reply buffers, and so no device to talk to.
+        if (server.m_pDataRecv_ctrl == nullptr || server.m_pFileRecv_ctrl == nullptr) {
+            ZTLOG_ERROR("ztUsbProxyServer::[%s] send cmd failed", c.name);
+            return -1;
+        }
+        {
+            std::lock_guard<std::mutex> recvLock(server.m_recvMutex);
+            std::memset(server.m_pDataRecv_ctrl, 0, kClearedReplyBytes);
+        }
+        char* request = const_cast<char*>(msg);
+        const bool large = (c.flags & kLargeReply) != 0;
+        char* buffer = large ? server.m_pFileRecv_ctrl : server.m_pDataRecv_ctrl;
+        const int rc = large ? server.sendCtrlCmd_2(request, size, buffer, kFileReplyLimit, true, kLargeReplyTimeoutMs)
+                             : server.sendCtrlCmd(request, size, buffer, wait, kReplyTimeoutMs);
+        if (rc == -1) {
+            ZTLOG_ERROR("ztUsbProxyServer::[%s] send cmd failed", c.name);
+            return -1;
+        }
+        if (!wait)
+            return 0;
+        // The whole reply, and at least the cleared head of the control buffer that a
+        // short reply is read from.
+        std::lock_guard<std::mutex> recvLock(server.m_recvMutex);
+        const std::size_t full = static_cast<std::uint32_t>(zt_embedded_msg_get_full_size(buffer));
+        reply.assign(buffer, buffer + (large ? full : std::max(full, kClearedReplyBytes)));
     }
-    if (rc == -1) {
-        ZTLOG_ERROR("ztUsbProxyServer::[%s] send cmd failed", c.name);
-        return -1;
-    }
-    return wait ? judge(reply) : 0;
+    return judge(reply.data());
 }

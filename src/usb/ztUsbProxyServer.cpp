@@ -133,6 +133,30 @@ int ztUsbProxyServer::allocateReplyBuffers()
 
 int ztUsbProxyServer::init()
 {
+    if (m_handle == nullptr) {
+        ZTLOG_ERROR("ztUsbProxyServer::[init] no device handle");
+        return -1;
+    }
+    if (m_hDataRecvThread.joinable() || m_hStreamProcessThread.joinable() || m_hEventProcessThread.joinable() ||
+        m_hHeartBeatThread.joinable()) {
+        // A second init must not make the pools and transfers anew under the running
+        // threads: it gives the first one's result and touches nothing.
+        ZTLOG_WARN("ztUsbProxyServer::[init] already running (deInit first for a new start)");
+        return m_initResult;
+    }
+    // A new start after deInit: the heartbeat thread that deInit let go ends first, then
+    // the stop flags are cleared for the new threads.
+    for (auto& t : m_forgottenThreads)
+        zt::joinWorker(t, kName);
+    m_forgottenThreads.clear();
+    for (auto& s : m_stop)
+        s = false;
+    m_initResult = startUp();
+    return m_initResult;
+}
+
+int ztUsbProxyServer::startUp()
+{
     {
         std::lock_guard<std::mutex> lock(m_link->mutex);
         if (allocateReplyBuffers() != 0)
@@ -495,7 +519,11 @@ unsigned int ztUsbProxyServer::onHeartBeatSendThreadFunc()
         SPR_Sleep(kHeartbeatPeriodMs);
         if (m_bHeartBeatAlive) {
             m_missedHeartBeats = 0;
+            // Set, then looked at the stop flag again: a release that began meanwhile (it
+            // sets the flag before it clears connected) always has the last word.
             m_bConnected = true;
+            if (m_stop[kHeartbeatStop])
+                m_bConnected = false;
         } else if (++m_missedHeartBeats > kMaxMissedHeartbeats) {
             m_missedHeartBeats = 0;
             releaseClient();

@@ -161,20 +161,26 @@ TEST(BufferPool, FailedAllocationFreesEverythingAndLogs)
     EXPECT_TRUE(alloc.live.empty());
 }
 
-TEST(BufferPool, DestructionAndReinitFreeFramesWhereverTheyAre)
+TEST(BufferPool, ReinitReplacesIdleFramesOnlyAndDestructionFreesThemWhereverTheyAre)
 {
     TrackingAllocator alloc;
     {
         ztBufferPool pool(alloc.seam());
         ASSERT_EQ(pool.initResource(5, 32), 0);
         std::set<void*> first = alloc.live;
-        // A second set-up replaces the first set of frames instead of adding to it.
+        // A second set-up replaces an idle set of frames instead of adding to it.
         ASSERT_EQ(pool.initResource(4, 32), 0);
         EXPECT_EQ(std::set<void*>(alloc.freed.begin(), alloc.freed.end()), first);
         EXPECT_EQ(alloc.freed.size(), 5u);
         ASSERT_EQ(alloc.live.size(), 4u);
-        pool.pushReady(pool.getOneFramefromPool()); // queued
-        pool.getOneFramefromPool();                  // in a caller's hands
+        pool.pushReady(pool.getOneFramefromPool());   // queued
+        ztPoolFrame* held = pool.getOneFramefromPool(); // in a caller's hands
+        // ... but never frees frames in use: it is refused and the pool stays as it is.
+        zt::test::LogCapture log;
+        EXPECT_EQ(pool.initResource(4, 32), -1);
+        EXPECT_EQ(log.count("ztBufferPool::initResource frames still in use, the pool is left as it is"), 1);
+        EXPECT_EQ(alloc.live.size(), 4u);
+        held->data[31] = 1; // still its own
     }
     EXPECT_TRUE(alloc.live.empty());
     EXPECT_EQ(alloc.freed.size(), 9u);

@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 #include <libusb.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -93,6 +95,72 @@ TEST(UsbServer, OnlineSequenceTriesTheSETFileFiveTimes)
     while (d.head.nextCommand(r, 100))
         setFileRequests += r.type == 264 ? 1 : 0;
     EXPECT_EQ(setFileRequests, 5);
+    server.deInit();
+}
+
+// An application calling back into the library: a command from inside the data callback
+// (on init's own thread), a second init, init without a device, and a stop that the
+// heartbeat must not undo.
+TEST(UsbServer, CallingBackASecondInitNoHandleAndStopping)
+{
+    LogCapture log;
+    {
+        ztUsbProxyServer none(Head::deviceInfo(), nullptr);
+        EXPECT_EQ(none.init(), -1);
+        EXPECT_EQ(log.count("ztUsbProxyServer::[init] no device handle"), 1);
+    }
+    Device d;
+    ASSERT_TRUE(d.open());
+    struct Nested {
+        ztUsbProxyServer* server = nullptr;
+        std::atomic<int> result{99};
+        std::atomic<int> shortest{1 << 30};
+        std::atomic<int> online{0};
+        short width = 0;
+        short height = 0;
+    } n;
+    ztUsbProxyServer server(Head::deviceInfo(), d.handle);
+    n.server = &server;
+    server.registerModuleServerDataCB(
+        [](int type, char*, int length, void* user) {
+            auto* n = static_cast<Nested*>(user);
+            n->shortest = std::min(n->shortest.load(), length);
+            n->online += type == ZT_CODE_DEVICE_ONLINE ? 1 : 0;
+            // The SET file that init fetches is handed on here, on init's thread.
+            if (type == 264 && n->result == 99)
+                n->result = n->server->getImageSize(&n->width, &n->height);
+        },
+        &n);
+    const auto t = Clock::now();
+    ASSERT_EQ(server.init(), 0);
+    EXPECT_LT(Clock::now() - t, std::chrono::milliseconds(3000));
+    EXPECT_EQ(n.result, 0);
+    EXPECT_EQ(n.width, 1280);
+    // A second init on the running object gives the first one's result and touches nothing.
+    EXPECT_EQ(server.init(), 0);
+    EXPECT_EQ(log.count("ztUsbProxyServer::[init] already running (deInit first for a new start)"), 1);
+    EXPECT_EQ(n.online, 1);
+    // A reply of 7 bytes handed on: the callback is told 0 bytes, not -1.
+    d.head.setRawReply(258, {{'\xAA', 7, 0, 0, 0, 2, 1, '\xBB'}});
+    server.getSectionalLog();
+    EXPECT_EQ(n.shortest, 0);
+
+    // Once stopping has begun, the heartbeat never sets connected again.
+    for (int i = 0; i < 40 && !server.isConnected(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(server.isConnected());
+    server.releaseClient();
+    EXPECT_FALSE(server.isConnected());
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200)); // two heartbeat periods
+    EXPECT_FALSE(server.isConnected());
+    server.deInit();
+    EXPECT_FALSE(server.isConnected());
+    // init after deInit is a new start: online again, with working threads.
+    ASSERT_EQ(server.init(), 0);
+    EXPECT_EQ(n.online, 2);
+    for (int i = 0; i < 40 && !server.isConnected(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_TRUE(server.isConnected());
     server.deInit();
 }
 
