@@ -79,6 +79,8 @@ private:
     int allocateReplyBuffers();
     // Drops a packet still being written into a stream frame and makes both frame pools.
     int initPools();
+    // Whether the caller is the stream, event or transfer thread (a frame's callback).
+    bool onFrameThread() const;
     // The threads, the ability query and the SET file of init, on a stopped object.
     int startUp();
     unsigned int allocateBuffer_stream();

@@ -114,7 +114,8 @@ static_assert(inOrder(), "one catalogue row per command, in the order of Cmd");
 // Judges a reply by the command's rule and the link's result policy.
 int judge(Link& link, const Command& c, const char* reply, const Parser& parse)
 {
-    const ReplyView r(reply, link.className(), c.name);
+    const ReplyView probe(reply, link.className(), c.name);
+    const ReplyView r(reply, link.className(), c.name, link.readablePayload(probe.length()));
     const bool valid = zt_embedded_msg_is_avalible(reply) == 0;
     const unsigned short type = r.type();
     // The network link also wants a non-empty payload.
@@ -217,12 +218,13 @@ Payload Payload::view(const char* data, unsigned long long length)
     return p;
 }
 
-ReplyView::ReplyView(const char* msg, const char* className, const char* method)
+ReplyView::ReplyView(const char* msg, const char* className, const char* method, int readable)
     : m_msg(msg), m_length(zt_embedded_msg_is_avalible(msg) == 0 ? zt_embedded_msg_get_data_len(msg) : 0),
-      m_class(className), m_method(method)
+      m_readable(0), m_class(className), m_method(method)
 {
     if (m_length < 0)
         m_length = 0;
+    m_readable = readable > m_length ? readable : m_length;
 }
 
 unsigned short ReplyView::type() const

@@ -100,13 +100,14 @@ private:
 // A reply as a parser sees it: reads are bounded by the reply's payload.
 class ReplyView {
 public:
-    ReplyView(const char* msg, const char* className, const char* method);
+    // readable: payload bytes that may be read, at least the payload's own length.
+    ReplyView(const char* msg, const char* className, const char* method, int readable = 0);
     unsigned short type() const;
     // Payload bytes held (0 for a malformed message).
     int length() const { return m_length; }
     const char* payload() const { return m_msg + 7; }
-    // Whether the payload holds bytes [0, end).
-    bool covers(long long end) const { return end >= 0 && end <= m_length; }
+    // Whether bytes [0, end) of the payload may be read.
+    bool covers(long long end) const { return end >= 0 && end <= m_readable; }
     // Values at a payload offset; bytes beyond the payload read as zero.
     std::int16_t i16(int offset) const { return at<std::int16_t>(offset); }
     std::int32_t i32(int offset) const { return at<std::int32_t>(offset); }
@@ -127,6 +128,7 @@ private:
     }
     const char* m_msg;
     int m_length;
+    int m_readable;
     const char* m_class;
     const char* m_method;
 };
@@ -148,6 +150,9 @@ public:
     virtual int exchange(const Command& c, const char* msg, int size, const std::function<int(const char*)>& judge) = 0;
     // Passes a reply to the link's inbound processing (the data callback).
     virtual void handOff(char* reply) = 0;
+    // Payload bytes a query may read from a reply of payloadLength bytes: the reply's own,
+    // or more where the link's reply buffer holds known bytes behind it.
+    virtual int readablePayload(int payloadLength) const { return payloadLength; }
     // Told the controller program version a head reported.
     virtual void programVersion(const int parts[4]) { (void)parts; }
 };

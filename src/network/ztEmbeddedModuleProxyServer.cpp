@@ -224,8 +224,13 @@ unsigned int ztEmbeddedModuleProxyServer::onCMDHeartBeatSendThreadFunc()
             if (++m_missedHeartBeats > kMaxMissedHeartbeats) {
                 m_missedHeartBeats = 0;
                 releaseClient();
+                // The owner may destroy the object in this callback (and build a new one):
+                // nothing of it is touched afterwards, and the thread ends, as the release
+                // has asked it to.
+                const std::string remoteIP = m_remoteIP;
                 raiseDataCB(ZT_CODE_DEVICE_OFFLINE, nullptr, 0);
-                ZTLOG_WARN("Heartbeat timeout = %s", m_remoteIP);
+                ZTLOG_WARN("Heartbeat timeout = %s", remoteIP);
+                return 0;
             }
         } else {
             m_missedHeartBeats = 0;

@@ -14,6 +14,10 @@ struct ztUsbProxyServer::CommandLink final : zt::commands::Link {
     int exchange(const zt::commands::Command& c, const char* msg, int size,
                  const std::function<int(const char*)>& judge) override;
     void handOff(char* reply) override { server.preProcessMsg(reply); }
+    // A reply is read from the head of the control buffer, whose first 1024 bytes are
+    // cleared before each command: a short reply reads zeros there, as the head's protocol
+    // has it, rather than failing.
+    int readablePayload(int payloadLength) const override;
 
     ztUsbProxyServer& server;
     // One catalogue command at a time: the control reply buffer is shared by all of them

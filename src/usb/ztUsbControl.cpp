@@ -145,7 +145,16 @@ int ztUsbProxyServer::CommandLink::exchange(const zt::commands::Command& c, cons
         // short reply is read from.
         std::lock_guard<std::mutex> recvLock(server.m_recvMutex);
         const std::size_t full = static_cast<std::uint32_t>(zt_embedded_msg_get_full_size(buffer));
-        reply.assign(buffer, buffer + (large ? full : std::max(full, kClearedReplyBytes)));
+        // The file buffer is not cleared: behind a large reply the copy holds zeros.
+        reply.assign(std::max(full, kClearedReplyBytes), '\0');
+        std::memcpy(reply.data(), buffer, large ? full : reply.size());
     }
     return judge(reply.data());
+}
+
+int ztUsbProxyServer::CommandLink::readablePayload(int payloadLength) const
+{
+    // The payload starts 7 bytes into the cleared head; the copy judged holds all of it.
+    constexpr int kClearedPayload = static_cast<int>(kClearedReplyBytes) - 7;
+    return std::max(payloadLength, kClearedPayload);
 }

@@ -110,6 +110,11 @@ ztUsbProxyServer::ztUsbProxyServer(_ZT_USB3_DEVICE_INFO_ info, libusb_device_han
 
 ztUsbProxyServer::~ztUsbProxyServer()
 {
+    if (onFrameThread()) {
+        // Nothing safe is left to do: the thread would go on with freed pools.
+        ZTLOG_ERROR("ztUsbProxyServer destroyed from the data callback of a frame: not supported");
+        std::abort();
+    }
     deInit();
     // The heartbeat thread is let go by deInit; it ends on its stop flag and is joined here
     // so that it never outlives the object.
@@ -151,8 +156,8 @@ int ztUsbProxyServer::init()
     m_forgottenThreads.clear();
     for (auto& s : m_stop)
         s = false;
-    m_initResult = startUp();
-    return m_initResult;
+    m_initResult = -1;
+    return startUp();
 }
 
 int ztUsbProxyServer::startUp()
@@ -180,9 +185,11 @@ int ztUsbProxyServer::startUp()
         ZTLOG_INFO("ztUsbProxyServer::device %s get SET file failed, time = %d", m_info.serialNumber, i);
         SPR_Sleep(1000);
     }
+    m_initResult = 0;
+    // The callback may destroy the object: nothing of it is touched afterwards.
+    const std::string sn = m_info.serialNumber;
     raiseDataCB(ZT_CODE_DEVICE_ONLINE, nullptr, 0);
-    ZTLOG_INFO("ztUsbProxyServer::all usb comunicate threads are established, the device %s goes online.",
-               m_info.serialNumber);
+    ZTLOG_INFO("ztUsbProxyServer::all usb comunicate threads are established, the device %s goes online.", sn);
     return 0;
 }
 
@@ -195,8 +202,23 @@ int ztUsbProxyServer::initPools()
     return 0;
 }
 
+bool ztUsbProxyServer::onFrameThread() const
+{
+    const std::thread::id self = std::this_thread::get_id();
+    return self == m_hStreamProcessThread.get_id() || self == m_hEventProcessThread.get_id() ||
+           self == m_hDataRecvThread.get_id();
+}
+
 void ztUsbProxyServer::deInit()
 {
+    // The stream and event threads hand their frame back to its pool after the callback:
+    // a deInit from there would free the pools under them. It is refused; the 283 callback
+    // (on the heartbeat thread) may stop or destroy the object.
+    if (onFrameThread()) {
+        ZTLOG_ERROR("ztUsbProxyServer::[deInit] called from the data callback of a frame: refused, call it from "
+                    "another thread");
+        return;
+    }
     releaseClient();
     zt::joinWorker(m_hDataRecvThread, kName);
     if (m_hHeartBeatThread.joinable())
@@ -527,8 +549,13 @@ unsigned int ztUsbProxyServer::onHeartBeatSendThreadFunc()
         } else if (++m_missedHeartBeats > kMaxMissedHeartbeats) {
             m_missedHeartBeats = 0;
             releaseClient();
+            // The owner may destroy the object in this callback (and build a new one):
+            // nothing of it is touched afterwards, and the thread ends, as the release has
+            // asked it to.
+            const std::string sn = m_info.serialNumber;
             raiseDataCB(ZT_CODE_DEVICE_OFFLINE, nullptr, 0);
-            ZTLOG_WARN("ztUsbProxyServer::heartbeat timeout, usbdevice sn : %s", m_info.serialNumber);
+            ZTLOG_WARN("ztUsbProxyServer::heartbeat timeout, usbdevice sn : %s", sn);
+            return 0;
         }
     }
     return 0;

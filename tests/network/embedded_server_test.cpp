@@ -8,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <memory>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
@@ -166,6 +168,32 @@ TEST(EmbeddedServer, SilentHeadGoesOfflineOnceAfterTheFifthMissedBeat)
     EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_OFFLINE), 1u);
     EXPECT_EQ(log.count("Heartbeat timeout = 127.0.0.1"), 1);
     EXPECT_EQ(o.server.sendTrigger(), -1);
+}
+
+// The owner destroys the server in its offline callback (and would build a new one):
+// nothing of the destroyed object is touched afterwards.
+TEST(EmbeddedServer, OfflineCallbackMayDestroyTheServer)
+{
+    Head head;
+    ASSERT_EQ(head.start(), 0);
+    struct Owner {
+        std::unique_ptr<ztEmbeddedModuleProxyServer> server = std::make_unique<ztEmbeddedModuleProxyServer>();
+        std::atomic<bool> gone{false};
+    } o;
+    o.server->registerModuleServerDataCB(
+        [](int type, char*, int, void* user) {
+            auto* o = static_cast<Owner*>(user);
+            if (type == ZT_CODE_DEVICE_OFFLINE) {
+                o->server.reset();
+                o->gone = true;
+            }
+        },
+        &o);
+    ASSERT_EQ(o.server->init(kIP, kIP, "SN-0001"), 0);
+    head.setAnswerHeartbeats(false);
+    for (int i = 0; i < 200 && !o.gone; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_TRUE(o.gone);
 }
 
 TEST(EmbeddedServer, CommandExchangeReplyRules)

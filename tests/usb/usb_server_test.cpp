@@ -161,7 +161,39 @@ TEST(UsbServer, CallingBackASecondInitNoHandleAndStopping)
     for (int i = 0; i < 40 && !server.isConnected(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_TRUE(server.isConnected());
+    // deInit from a frame's callback is refused: the frame goes back to a pool that stays.
+    server.registerModuleServerDataCB(
+        [](int type, char*, int, void* user) {
+            if (type == 1280)
+                static_cast<ztUsbProxyServer*>(user)->deInit();
+        },
+        &server);
+    const std::string body(4096, 'f');
+    d.head.startStream(Head::extendedPacket(1280, 1, body.data(), body.size()), 3, 0);
+    EXPECT_TRUE(log.waitFor("ztUsbProxyServer::[deInit] called from the data callback of a frame: refused", 3000));
     server.deInit();
+
+    // The owner destroys the server in its offline callback, as a host does to build a new
+    // one: nothing of the destroyed object is touched afterwards.
+    struct Owner {
+        std::unique_ptr<ztUsbProxyServer> server;
+        std::atomic<bool> gone{false};
+    } o;
+    o.server = std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), d.handle);
+    o.server->registerModuleServerDataCB(
+        [](int type, char*, int, void* user) {
+            auto* o = static_cast<Owner*>(user);
+            if (type == ZT_CODE_DEVICE_OFFLINE) {
+                o->server.reset();
+                o->gone = true;
+            }
+        },
+        &o);
+    ASSERT_EQ(o.server->init(), 0);
+    d.head.unplug();
+    for (int i = 0; i < 200 && !o.gone; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_TRUE(o.gone);
 }
 
 TEST(UsbServer, OnlineThenOfflineWhenTheDeviceVanishes)
