@@ -74,6 +74,11 @@ public:
 
     // As the network link does: the reply goes to the data callback.
     void handOff(char* reply) override { m_server.processMsg(reply); }
+    // As the USB link does: a query may read on into the cleared 1024-byte head.
+    int readablePayload(int payloadLength) const override
+    {
+        return next.usb ? std::max(payloadLength, 1024 - 7) : payloadLength;
+    }
 
 private:
     ztEmbeddedModuleProxyServer& m_server;
