@@ -8,9 +8,33 @@
 #include <cstdlib>
 #include <mutex>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace zt::bench {
+
+// CPU seconds of this process (user and system) so far.
+inline double cpuSeconds()
+{
+    rusage u{};
+    getrusage(RUSAGE_SELF, &u);
+    return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+           static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+// A parent and a child process that streams to it step in turn over a pipe: one byte each.
+inline void waitForPeer(int fd)
+{
+    char c;
+    if (::read(fd, &c, 1) != 1)
+        std::_Exit(3);
+}
+
+inline void tellPeer(int fd)
+{
+    if (::write(fd, "g", 1) != 1)
+        std::perror("bench: pipe");
+}
 
 // Counts the packets of one type that a data callback delivers, and their bytes
 // (payload and the 8 bytes of message frame).

@@ -38,14 +38,6 @@ std::string addressOf(int head)
     return "127.0.0." + std::to_string(10 + head);
 }
 
-double cpuSeconds()
-{
-    rusage u{};
-    getrusage(RUSAGE_SELF, &u);
-    return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
-           static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
-}
-
 // Threads and resident kilobytes of this process.
 std::pair<int, long> census()
 {
@@ -60,19 +52,6 @@ std::pair<int, long> census()
             status >> rssKb;
     }
     return {threads, rssKb};
-}
-
-void waitFor(int fd)
-{
-    char c;
-    if (::read(fd, &c, 1) != 1)
-        std::_Exit(3);
-}
-
-void tell(int fd)
-{
-    if (::write(fd, "g", 1) != 1)
-        std::perror("multi_head_bench: pipe");
 }
 
 struct Row {
@@ -100,18 +79,18 @@ Row run(int heads, const std::vector<char>& unit)
             if (sims.back()->start() != 0)
                 std::_Exit(2);
         }
-        tell(ready[1]); // every head listens
-        waitFor(go[0]);
+        zt::bench::tellPeer(ready[1]); // every head listens
+        zt::bench::waitForPeer(go[0]);
         for (auto& s : sims)
             s->startStream(ztSimNetworkHead::Data, unit, kPacketsPerHead, 0);
-        waitFor(go[0]); // the parent has what it waited for
+        zt::bench::waitForPeer(go[0]); // the parent has what it waited for
         for (auto& s : sims)
             s->stop();
         std::_Exit(0);
     }
     ::close(go[0]);
     ::close(ready[1]);
-    waitFor(ready[0]);
+    zt::bench::waitForPeer(ready[0]);
 
     const auto [threads0, rss0] = census();
     std::vector<std::unique_ptr<zt::bench::Delivered>> delivered;
@@ -125,9 +104,9 @@ Row run(int heads, const std::vector<char>& unit)
             std::exit(1);
         }
     }
-    const double cpu0 = cpuSeconds();
+    const double cpu0 = zt::bench::cpuSeconds();
     const auto t0 = Clock::now();
-    tell(go[1]);
+    zt::bench::tellPeer(go[1]);
     std::size_t bytes = 0;
     std::size_t packets = 0;
     for (auto& d : delivered) {
@@ -136,9 +115,9 @@ Row run(int heads, const std::vector<char>& unit)
         packets += d->packets;
     }
     const double secs = std::chrono::duration<double>(Clock::now() - t0).count();
-    const double cpu = cpuSeconds() - cpu0;
+    const double cpu = zt::bench::cpuSeconds() - cpu0;
     const auto [threads1, rss1] = census();
-    tell(go[1]);
+    zt::bench::tellPeer(go[1]);
     ::waitpid(child, nullptr, 0);
     for (auto& s : servers)
         s->deInit();

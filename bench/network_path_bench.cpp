@@ -35,33 +35,10 @@ constexpr std::size_t kCount = 300;
 constexpr int kBaselinePort = 42100;
 const char* const kIP = "127.0.0.1";
 
-double cpuSeconds()
-{
-    rusage u{};
-    getrusage(RUSAGE_SELF, &u);
-    return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
-           static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
-}
-
 struct Figure {
     double mbps = 0;
     double cpu = 0; // cores used on the receiving side
 };
-
-// Waits for one byte from the other process.
-void waitFor(int fd)
-{
-    char c;
-    if (::read(fd, &c, 1) != 1)
-        std::_Exit(3);
-}
-
-// Tells the other process to go on.
-void signalChild(int fd)
-{
-    if (::write(fd, "g", 1) != 1)
-        std::perror("network_path_bench: pipe");
-}
 
 Figure baseline(const std::vector<char>& unit)
 {
@@ -95,7 +72,7 @@ Figure baseline(const std::vector<char>& unit)
     std::vector<char> block(0x10000);
     const std::size_t total = unit.size() * kCount;
     std::size_t got = 0;
-    const double cpu0 = cpuSeconds();
+    const double cpu0 = zt::bench::cpuSeconds();
     const auto t0 = Clock::now();
     while (got < total) {
         const ssize_t n = ::recv(s, block.data(), block.size(), 0);
@@ -104,7 +81,7 @@ Figure baseline(const std::vector<char>& unit)
         got += static_cast<std::size_t>(n);
     }
     const double secs = std::chrono::duration<double>(Clock::now() - t0).count();
-    const double cpu = cpuSeconds() - cpu0;
+    const double cpu = zt::bench::cpuSeconds() - cpu0;
     ::close(s);
     ::close(listener);
     ::waitpid(child, nullptr, 0);
@@ -127,16 +104,16 @@ Figure endToEnd(const std::vector<char>& unit, bool raw)
             head.setEchoReply(ztSimNetworkHead::kRKProgramVersionType, ztSimNetworkHead::valuePayload(0x07030400));
         if (head.start() != 0)
             std::_Exit(2);
-        signalChild(ready[1]); // listening
-        waitFor(go[0]);
+        zt::bench::tellPeer(ready[1]); // listening
+        zt::bench::waitForPeer(go[0]);
         head.startStream(ztSimNetworkHead::Data, unit, kCount, 0);
-        waitFor(go[0]); // the parent has everything
+        zt::bench::waitForPeer(go[0]); // the parent has everything
         head.stop();
         std::_Exit(0);
     }
     ::close(go[0]);
     ::close(ready[1]);
-    waitFor(ready[0]);
+    zt::bench::waitForPeer(ready[0]);
     zt::bench::Delivered delivered;
     ztEmbeddedModuleProxyServer server;
     server.registerModuleServerDataCB(&zt::bench::Delivered::cb, &delivered);
@@ -150,13 +127,13 @@ Figure endToEnd(const std::vector<char>& unit, bool raw)
         server.getRKProgramVersion(&v[0], &v[1], &v[2], &v[3]);
         ::usleep(50000); // the data receiver switches to raw messages
     }
-    const double cpu0 = cpuSeconds();
+    const double cpu0 = zt::bench::cpuSeconds();
     const auto t0 = Clock::now();
-    signalChild(go[1]);
+    zt::bench::tellPeer(go[1]);
     const std::size_t bytes = delivered.waitFor(kCount, 60);
     const double secs = std::chrono::duration<double>(Clock::now() - t0).count();
-    const double cpu = cpuSeconds() - cpu0;
-    signalChild(go[1]);
+    const double cpu = zt::bench::cpuSeconds() - cpu0;
+    zt::bench::tellPeer(go[1]);
     ::waitpid(child, nullptr, 0);
     server.deInit();
     if (delivered.packets < kCount)
