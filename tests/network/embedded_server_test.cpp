@@ -2,6 +2,7 @@
 // connections, heartbeat and offline, the command exchange, and everything the head pushes.
 #include "host_peer.h"
 #include "support/data_calls.h"
+#include "support/destroy_on_offline.h"
 #include "support/log_capture.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztSimNetworkHead.h"
@@ -176,24 +177,10 @@ TEST(EmbeddedServer, OfflineCallbackMayDestroyTheServer)
 {
     Head head;
     ASSERT_EQ(head.start(), 0);
-    struct Owner {
-        std::unique_ptr<ztEmbeddedModuleProxyServer> server = std::make_unique<ztEmbeddedModuleProxyServer>();
-        std::atomic<bool> gone{false};
-    } o;
-    o.server->registerModuleServerDataCB(
-        [](int type, char*, int, void* user) {
-            auto* o = static_cast<Owner*>(user);
-            if (type == ZT_CODE_DEVICE_OFFLINE) {
-                o->server.reset();
-                o->gone = true;
-            }
-        },
-        &o);
+    zt::test::DestroyOnOffline o(std::make_unique<ztEmbeddedModuleProxyServer>());
     ASSERT_EQ(o.server->init(kIP, kIP, "SN-0001"), 0);
     head.setAnswerHeartbeats(false);
-    for (int i = 0; i < 200 && !o.gone; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_TRUE(o.gone);
+    EXPECT_TRUE(o.waitGone(10000));
 }
 
 TEST(EmbeddedServer, CommandExchangeReplyRules)

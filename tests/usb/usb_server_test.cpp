@@ -1,6 +1,7 @@
 // ztUsbProxyServer on real libusb against the emulated USB head: online and offline, the
 // event and stream paths through the frame pools, and the control exchange.
 #include "support/data_calls.h"
+#include "support/destroy_on_offline.h"
 #include "support/log_capture.h"
 #include "ztSimNetworkHead.h"
 #include "ztSimUsbHead.h"
@@ -175,25 +176,10 @@ TEST(UsbServer, CallingBackASecondInitNoHandleAndStopping)
 
     // The owner destroys the server in its offline callback, as a host does to build a new
     // one: nothing of the destroyed object is touched afterwards.
-    struct Owner {
-        std::unique_ptr<ztUsbProxyServer> server;
-        std::atomic<bool> gone{false};
-    } o;
-    o.server = std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), d.handle);
-    o.server->registerModuleServerDataCB(
-        [](int type, char*, int, void* user) {
-            auto* o = static_cast<Owner*>(user);
-            if (type == ZT_CODE_DEVICE_OFFLINE) {
-                o->server.reset();
-                o->gone = true;
-            }
-        },
-        &o);
+    zt::test::DestroyOnOffline o(std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), d.handle));
     ASSERT_EQ(o.server->init(), 0);
     d.head.unplug();
-    for (int i = 0; i < 200 && !o.gone; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_TRUE(o.gone);
+    EXPECT_TRUE(o.waitGone(10000));
 }
 
 TEST(UsbServer, OnlineThenOfflineWhenTheDeviceVanishes)
