@@ -765,6 +765,9 @@ protected:
 
     void injectFault() override
     {
+        // Down from the fault's first moment: the memory figures are taken only while every
+        // link is up, and a stopped module has given its buffers back.
+        m_c.online = false;
         switch (pick(2)) {
         case 0:
             noteFault("stop/start");
@@ -806,7 +809,7 @@ private:
     // sends its register request 2 s after it connected, on the command connection but
     // outside the command lock, so a request sent before the register reply has been taken
     // could meet it: traffic starts only once the module has seen the register request and
-    // its reply has had time to arrive.
+    // the host has taken its reply.
     bool waitOnline(Clock::time_point since)
     {
         m_c.recovering = true;
@@ -821,8 +824,8 @@ private:
                     return true;
             return false;
         });
-        sleepMs(300);
-        const bool ok = registered && waitFor(std::max(0, leftMs()), [&] {
+        const bool ok = registered && m_host.waitRegistered(static_cast<unsigned int>(std::max(0, leftMs()))) &&
+                        waitFor(std::max(0, leftMs()), [&] {
             _ZT_HEARTBEAT_INFO_ info{};
             if (m_host.heartbeat(&info) == 0)
                 return true;
