@@ -163,7 +163,9 @@ int ztUsbProxyServer::init()
 int ztUsbProxyServer::startUp()
 {
     {
-        std::lock_guard<std::mutex> lock(m_link->mutex);
+        // Commands read the buffers under the command set's lock, sendData under the
+        // receive lock.
+        std::scoped_lock lock(m_link->mutex, m_recvMutex);
         if (allocateReplyBuffers() != 0)
             return -1;
     }
@@ -228,8 +230,9 @@ void ztUsbProxyServer::deInit()
     dropLentFrame();
     m_streamPool->releaseResource();
     m_eventPool->releaseResource();
-    // A command still running holds the command set's lock while it uses the buffers.
-    std::lock_guard<std::mutex> lock(m_link->mutex);
+    // A command still running holds the command set's lock while it uses the buffers;
+    // sendData clears the control buffer under the receive lock.
+    std::scoped_lock lock(m_link->mutex, m_recvMutex);
     std::free(m_pDataRecv_ctrl);
     m_pDataRecv_ctrl = nullptr;
     std::free(m_pFileRecv_ctrl);
