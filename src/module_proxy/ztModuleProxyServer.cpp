@@ -177,6 +177,16 @@ unsigned int ztModuleProxyServer::onSocketConnectThreadFunc()
                 madeCommand = true;
             }
         }
+        if (!m_dataSocket->get()) {
+            // A new connection starts with an empty receive state: the start of a
+            // notification that the lost connection cut off goes. No bytes come in while
+            // there is no data socket; this is done before the data mutex is taken, since a
+            // callback holds the queue's mutex when it takes the data mutex.
+            std::lock_guard<std::mutex> queueLock(m_recvQueueMutex);
+            if (const std::size_t dropped = m_recvQueue->dropIncompleteTail())
+                ZTLOG_WARN("ztModuleProxyServer: %u bytes of a message cut off by a lost connection discarded\n",
+                           static_cast<unsigned int>(dropped));
+        }
         {
             std::lock_guard<std::mutex> lock(m_dataMutex);
             if (!m_dataSocket->get()) {
@@ -184,14 +194,6 @@ unsigned int ztModuleProxyServer::onSocketConnectThreadFunc()
                 if (s->create() != 0 || s->connect(m_address, ZT_MODULE_DATA_PORT) != 0) {
                     dropSockets();
                     return true;
-                }
-                {
-                    // A new connection starts with an empty receive state: the start of a
-                    // notification that the lost connection cut off goes.
-                    std::lock_guard<std::mutex> queueLock(m_recvQueueMutex);
-                    if (const std::size_t dropped = m_recvQueue->dropIncompleteTail())
-                        ZTLOG_WARN("ztModuleProxyServer: %u bytes of a message cut off by a lost connection discarded\n",
-                                   static_cast<unsigned int>(dropped));
                 }
                 m_dataSocket->set(std::move(s));
             }
