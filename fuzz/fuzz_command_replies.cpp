@@ -118,8 +118,9 @@ int runCommand(Server& s, unsigned which, std::size_t replySize)
     std::string text;
     std::vector<std::string> sns;
     DeviceAbilityInfo ability{};
-    // getCameraROI writes as many name bytes as the reply declares (within the reply).
-    std::vector<char> name(replySize + 1, 0);
+    // getCameraROI writes as many name bytes as the reply declares, within what the link
+    // lets it read: the reply, or on USB the cleared 1024-byte head behind a short one.
+    std::vector<char> name(std::max<std::size_t>(replySize, 1024) + 1, 0);
     char ssid[256] = {};
     char pass[256] = {};
     char roiName[] = "roi";
