@@ -9,10 +9,13 @@ install(TARGETS ztProxyProtocol
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
 )
+# The header of a class that is not built stays out of the package.
 set(ZT_HEADER_EXCLUDES "")
 if(NOT ZT_WITH_IMAGE)
-    # The header of a class that is not built stays out of the package.
-    set(ZT_HEADER_EXCLUDES PATTERN ztImageAssembler.h EXCLUDE)
+    list(APPEND ZT_HEADER_EXCLUDES PATTERN ztImageAssembler.h EXCLUDE)
+endif()
+if(NOT ZT_WITH_USB)
+    list(APPEND ZT_HEADER_EXCLUDES PATTERN ztUsbProxyServer.h EXCLUDE)
 endif()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} ${ZT_HEADER_EXCLUDES})
 install(FILES ${PROJECT_BINARY_DIR}/include/ztProxyConfig.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})

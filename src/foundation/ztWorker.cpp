@@ -11,7 +11,10 @@ int startWorker(std::thread& thread, WorkerEntry entry, void* object, const char
     if (thread.joinable())
         return 0;
     try {
-        thread = std::thread([entry, object] { entry(object); });
+        thread = std::thread([entry, object] {
+            const FineTimer fine;
+            entry(object);
+        });
     } catch (const std::system_error& e) {
         ZTLOG_ERROR("%s: cannot start thread: %s\n", name, e.what());
         return -1;

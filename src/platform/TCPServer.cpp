@@ -192,8 +192,21 @@ int TCPServer::startThread(int port)
     asio::error_code ec;
     const asio::ip::tcp::endpoint endpoint(asio::ip::tcp::v4(), static_cast<unsigned short>(port));
     impl->acceptor.open(endpoint.protocol(), ec);
+    // A second listener on a port in use must fail on both platforms. Linux refuses it
+    // even with SO_REUSEADDR, which only lets a new listener past the old connections
+    // still in TIME_WAIT; Windows would let a second socket share the port with
+    // SO_REUSEADDR, so there the listener claims the port exclusively instead.
+#ifdef _WIN32
+    if (!ec) {
+        const BOOL exclusive = TRUE;
+        if (::setsockopt(impl->acceptor.native_handle(), SOL_SOCKET, SO_EXCLUSIVEADDRUSE,
+                         reinterpret_cast<const char*>(&exclusive), sizeof exclusive) != 0)
+            ec = asio::error_code(::WSAGetLastError(), asio::system_category());
+    }
+#else
     if (!ec && m_reuseAddress)
         impl->acceptor.set_option(asio::socket_base::reuse_address(true), ec);
+#endif
     if (!ec)
         impl->acceptor.bind(endpoint, ec);
     if (!ec)

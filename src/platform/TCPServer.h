@@ -19,7 +19,8 @@ namespace zt {
 class TCPServer {
 public:
     // reuseAddress: allow listening on the port again at once after a previous server on
-    // it has closed (connections of the old one may still be in TIME_WAIT).
+    // it has closed (connections of the old one may still be in TIME_WAIT). A port that
+    // another listener holds is refused either way.
     explicit TCPServer(bool reuseAddress);
     virtual ~TCPServer();
 

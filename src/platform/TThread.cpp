@@ -1,5 +1,6 @@
 #include "TThread.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <new>
@@ -19,16 +20,16 @@
 namespace {
 constexpr int kTimedOut = 11; // EAGAIN
 constexpr int kFailed = 22;   // EINVAL
-
-struct Start {
-    zt::thread::Entry entry;
-    void* arg;
-};
 } // namespace
 
 #ifdef _WIN32
 
 namespace {
+struct Start {
+    zt::thread::Entry entry;
+    void* arg;
+};
+
 unsigned __stdcall trampoline(void* p)
 {
     const Start start = *static_cast<Start*>(p);
@@ -93,11 +94,22 @@ int TThread::Kill(void* handle)
 #else
 
 namespace {
+// The creator waits on this record until the new thread has told its kernel id, the id
+// that currentThreadId() gives inside the thread, so that a thread can recognise itself.
+struct Announced {
+    zt::thread::Entry entry;
+    void* arg;
+    std::atomic<long> tid{0};
+};
+
 void* trampoline(void* p)
 {
-    const Start start = *static_cast<Start*>(p);
-    delete static_cast<Start*>(p);
-    return reinterpret_cast<void*>(static_cast<uintptr_t>(start.entry(start.arg)));
+    auto* start = static_cast<Announced*>(p);
+    const zt::thread::Entry entry = start->entry;
+    void* const arg = start->arg;
+    start->tid.store(static_cast<long>(syscall(SYS_gettid)), std::memory_order_release);
+    start->tid.notify_one();
+    return reinterpret_cast<void*>(static_cast<uintptr_t>(entry(arg)));
 }
 
 pthread_t toThread(void* handle)
@@ -118,21 +130,16 @@ int create(Entry entry, void* arg, unsigned int stackSize, void** handle, unsign
         pthread_attr_destroy(&attr);
         return rc;
     }
-    auto* start = new (std::nothrow) Start{entry, arg};
-    if (start == nullptr) {
-        pthread_attr_destroy(&attr);
-        return ENOMEM;
-    }
+    Announced start{entry, arg};
     pthread_t t{};
-    rc = pthread_create(&t, &attr, trampoline, start);
+    rc = pthread_create(&t, &attr, trampoline, &start);
     pthread_attr_destroy(&attr);
-    if (rc != 0) {
-        delete start;
+    if (rc != 0)
         return rc;
-    }
+    start.tid.wait(0, std::memory_order_acquire);
     *handle = reinterpret_cast<void*>(static_cast<uintptr_t>(t));
     if (id != nullptr)
-        *id = static_cast<unsigned long>(t);
+        *id = static_cast<unsigned long>(start.tid.load(std::memory_order_acquire));
     return 0;
 }
 

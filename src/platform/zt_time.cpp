@@ -1,9 +1,49 @@
 #include "zt_time.h"
 
 #include <chrono>
+#include <mutex>
 #include <thread>
 
+#ifdef _WIN32
+#  ifndef WIN32_LEAN_AND_MEAN
+#    define WIN32_LEAN_AND_MEAN
+#  endif
+#  include <windows.h>
+#  include <timeapi.h>
+#endif
+
 namespace zt {
+
+namespace {
+std::mutex g_fineTimerMutex;
+int g_fineTimerHolders = 0;
+} // namespace
+
+FineTimer::FineTimer()
+{
+    std::lock_guard<std::mutex> lock(g_fineTimerMutex);
+#ifdef _WIN32
+    if (g_fineTimerHolders == 0)
+        timeBeginPeriod(1);
+#endif
+    ++g_fineTimerHolders;
+}
+
+FineTimer::~FineTimer()
+{
+    std::lock_guard<std::mutex> lock(g_fineTimerMutex);
+#ifdef _WIN32
+    if (g_fineTimerHolders == 1)
+        timeEndPeriod(1);
+#endif
+    --g_fineTimerHolders;
+}
+
+int FineTimer::holders()
+{
+    std::lock_guard<std::mutex> lock(g_fineTimerMutex);
+    return g_fineTimerHolders;
+}
 
 std::uint64_t tickMs()
 {

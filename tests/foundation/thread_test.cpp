@@ -40,7 +40,8 @@ TEST(TThreadC, CreateRunsTheBodyAndJoinClosesAnEndedThread)
     std::this_thread::sleep_for(std::chrono::milliseconds(50)); // let it end first
     EXPECT_EQ(TThreadC<void>::Join(handle), 0);
     EXPECT_EQ(c.runs, 1);
-    EXPECT_NE(c.selfId, 0);
+    // The id Create hands back is the one the thread sees as its own, as on Windows.
+    EXPECT_EQ(static_cast<unsigned long>(c.selfId.load()), id);
     EXPECT_NE(c.selfId, TThreadC<void>::Self());
 
     // Exit ends the body where it is called.
@@ -196,10 +197,14 @@ TEST(WorkerConvention, StartStopAndEarlyEnd)
     // A worker that runs is not started again.
     ASSERT_EQ(zt::startWorker(w.thread, &Worker::onWorkThread, &w, "test"), 0);
     EXPECT_EQ(w.thread.get_id(), first);
+    // A running worker holds the timer at 1 ms, so that its short sleeps are not stretched
+    // to a coarse system tick; the last one to end gives it back.
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(zt::FineTimer::holders(), 1);
     w.stop = true;
     zt::joinWorker(w.thread, "test");
     EXPECT_FALSE(w.thread.joinable());
+    EXPECT_EQ(zt::FineTimer::holders(), 0);
     const int seen = w.rounds;
     EXPECT_GT(seen, 2);
     std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -11,6 +11,7 @@ rm -rf "$work"
 mkdir -p "$work"
 prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >/dev/null
+"$(dirname "$0")/headers_match_library.sh" "$prefix/include" "$(find "$prefix" -name 'libztProxyProtocol.so.*.*' | head -n 1)"
 
 cmake -S "$source" -B "$work/with-cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCONSUMER_WITH_IMAGE="$image" >/dev/null
 cmake --build "$work/with-cmake" >/dev/null
