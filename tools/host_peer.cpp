@@ -1,13 +1,22 @@
 #include "host_peer.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#ifdef _WIN32
+#  ifndef WIN32_LEAN_AND_MEAN
+#    define WIN32_LEAN_AND_MEAN
+#  endif
+#  include <winsock2.h>
+#  include <ws2tcpip.h>
+#else
+#  include <arpa/inet.h>
+#  include <netinet/in.h>
+#  include <netinet/tcp.h>
+#  include <poll.h>
+#  include <sys/socket.h>
+#  include <unistd.h>
+#  include <cerrno>
+#endif
 
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <thread>
@@ -15,6 +24,88 @@
 namespace zt::tools {
 
 namespace {
+
+// The few socket calls that differ between BSD sockets and Winsock.
+#ifdef _WIN32
+using Socket = SOCKET;
+struct WinsockUp {
+    WinsockUp()
+    {
+        WSADATA data;
+        WSAStartup(MAKEWORD(2, 2), &data);
+    }
+};
+
+Socket openTcp()
+{
+    static const WinsockUp up;
+    return ::socket(AF_INET, SOCK_STREAM, 0);
+}
+bool valid(Socket s) { return s != INVALID_SOCKET; }
+void closeSocket(std::intptr_t s) { ::closesocket(static_cast<Socket>(s)); }
+int pollOne(std::intptr_t s, short events, int timeoutMs)
+{
+    WSAPOLLFD p{static_cast<Socket>(s), events, 0};
+    return ::WSAPoll(&p, 1, timeoutMs);
+}
+long sendBlocking(std::intptr_t s, const char* p, std::size_t n)
+{
+    return ::send(static_cast<Socket>(s), p, static_cast<int>(std::min<std::size_t>(n, 1 << 30)), 0);
+}
+// A send that takes only what fits now: -1 with wouldBlock set when nothing did.
+long sendNow(std::intptr_t s, const char* p, std::size_t n, bool& wouldBlock)
+{
+    u_long on = 1, off = 0;
+    ::ioctlsocket(static_cast<Socket>(s), FIONBIO, &on);
+    const long r = sendBlocking(s, p, n);
+    wouldBlock = r < 0 && ::WSAGetLastError() == WSAEWOULDBLOCK;
+    ::ioctlsocket(static_cast<Socket>(s), FIONBIO, &off);
+    return r;
+}
+long recvSome(std::intptr_t s, char* p, std::size_t n)
+{
+    return ::recv(static_cast<Socket>(s), p, static_cast<int>(n), 0);
+}
+std::intptr_t acceptOne(std::intptr_t s)
+{
+    const Socket fd = ::accept(static_cast<Socket>(s), nullptr, nullptr);
+    return fd == INVALID_SOCKET ? -1 : static_cast<std::intptr_t>(fd);
+}
+#else
+using Socket = int;
+Socket openTcp() { return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0); }
+bool valid(Socket s) { return s >= 0; }
+void closeSocket(std::intptr_t s) { ::close(static_cast<int>(s)); }
+int pollOne(std::intptr_t s, short events, int timeoutMs)
+{
+    pollfd p{static_cast<int>(s), events, 0};
+    return ::poll(&p, 1, timeoutMs);
+}
+long sendBlocking(std::intptr_t s, const char* p, std::size_t n)
+{
+    return ::send(static_cast<int>(s), p, n, MSG_NOSIGNAL);
+}
+long sendNow(std::intptr_t s, const char* p, std::size_t n, bool& wouldBlock)
+{
+    const long r = ::send(static_cast<int>(s), p, n, MSG_NOSIGNAL | MSG_DONTWAIT);
+    wouldBlock = r < 0 && errno == EAGAIN;
+    return r;
+}
+long recvSome(std::intptr_t s, char* p, std::size_t n)
+{
+    return ::recv(static_cast<int>(s), p, n, 0);
+}
+std::intptr_t acceptOne(std::intptr_t s)
+{
+    return ::accept4(static_cast<int>(s), nullptr, nullptr, SOCK_CLOEXEC);
+}
+#endif
+
+void setNoDelay(std::intptr_t s)
+{
+    int one = 1;
+    ::setsockopt(static_cast<Socket>(s), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&one), sizeof one);
+}
 
 using Clock = std::chrono::steady_clock;
 
@@ -64,35 +155,33 @@ bool RawConnection::connect(const std::string& ip, int port, int timeoutMs)
         return false;
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
-        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd < 0)
+        const Socket fd = openTcp();
+        if (!valid(fd))
             return false;
         if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) {
-            int one = 1;
-            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-            m_fd = fd;
+            m_fd = static_cast<std::intptr_t>(fd);
+            setNoDelay(m_fd);
             m_pending.clear();
             return true;
         }
-        ::close(fd);
+        closeSocket(static_cast<std::intptr_t>(fd));
         if (msLeft(deadline) == 0)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 }
 
-void RawConnection::adopt(int fd)
+void RawConnection::adopt(std::intptr_t fd)
 {
     close();
-    int one = 1;
-    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    setNoDelay(fd);
     m_fd = fd;
 }
 
 void RawConnection::close()
 {
     if (m_fd >= 0) {
-        ::close(m_fd);
+        closeSocket(m_fd);
         m_fd = -1;
     }
     m_pending.clear();
@@ -102,7 +191,7 @@ bool RawConnection::sendBytes(const void* data, std::size_t length)
 {
     const char* p = static_cast<const char*>(data);
     while (m_fd >= 0 && length > 0) {
-        const ssize_t n = ::send(m_fd, p, length, MSG_NOSIGNAL);
+        const long n = sendBlocking(m_fd, p, length);
         if (n <= 0)
             return false;
         p += n;
@@ -117,11 +206,11 @@ std::size_t RawConnection::sendFor(const void* data, std::size_t length, int tim
     const char* p = static_cast<const char*>(data);
     std::size_t sent = 0;
     while (m_fd >= 0 && sent < length) {
-        pollfd w{m_fd, POLLOUT, 0};
-        if (::poll(&w, 1, msLeft(deadline)) <= 0)
+        if (pollOne(m_fd, POLLOUT, msLeft(deadline)) <= 0)
             break;
-        const ssize_t n = ::send(m_fd, p + sent, length - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (n <= 0 && errno != EAGAIN)
+        bool wouldBlock = false;
+        const long n = sendNow(m_fd, p + sent, length - sent, wouldBlock);
+        if (n <= 0 && !wouldBlock)
             break;
         if (n > 0)
             sent += static_cast<std::size_t>(n);
@@ -133,11 +222,10 @@ bool RawConnection::fill(int timeoutMs)
 {
     if (m_fd < 0)
         return false;
-    pollfd p{m_fd, POLLIN, 0};
-    if (::poll(&p, 1, timeoutMs) <= 0)
+    if (pollOne(m_fd, POLLIN, timeoutMs) <= 0)
         return true;
     char buffer[65536];
-    const ssize_t n = ::recv(m_fd, buffer, sizeof buffer, 0);
+    const long n = recvSome(m_fd, buffer, sizeof buffer);
     if (n <= 0)
         return false;
     m_pending.insert(m_pending.end(), buffer, buffer + n);
@@ -195,15 +283,19 @@ RawListener::~RawListener()
 bool RawListener::listen(int port, int backlog)
 {
     close();
-    m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (m_fd < 0)
+    const Socket fd = openTcp();
+    if (!valid(fd))
         return false;
+    m_fd = static_cast<std::intptr_t>(fd);
+#ifndef _WIN32
+    // Windows would let a second listener share the port with this option.
     int one = 1;
-    ::setsockopt(m_fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+#endif
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    if (::bind(m_fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 || ::listen(m_fd, backlog) != 0) {
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, backlog) != 0) {
         close();
         return false;
     }
@@ -214,10 +306,9 @@ bool RawListener::accept(RawConnection& out, int timeoutMs)
 {
     if (m_fd < 0)
         return false;
-    pollfd p{m_fd, POLLIN, 0};
-    if (::poll(&p, 1, timeoutMs) <= 0)
+    if (pollOne(m_fd, POLLIN, timeoutMs) <= 0)
         return false;
-    const int fd = ::accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
+    const std::intptr_t fd = acceptOne(m_fd);
     if (fd < 0)
         return false;
     out.adopt(fd);
@@ -227,7 +318,7 @@ bool RawListener::accept(RawConnection& out, int timeoutMs)
 void RawListener::close()
 {
     if (m_fd >= 0) {
-        ::close(m_fd);
+        closeSocket(m_fd);
         m_fd = -1;
     }
 }

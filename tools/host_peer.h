@@ -33,7 +33,7 @@ public:
     bool connect(const std::string& ip, int port, int timeoutMs);
     bool isOpen() const { return m_fd >= 0; }
     // Takes over an accepted connection.
-    void adopt(int fd);
+    void adopt(std::intptr_t fd);
     void close();
 
     bool sendBytes(const void* data, std::size_t length);
@@ -51,7 +51,8 @@ private:
     // Appends what arrives within timeoutMs; false when the peer closed.
     bool fill(int timeoutMs);
 
-    int m_fd = -1;
+    // The socket (a Winsock SOCKET on Windows), -1 when there is none.
+    std::intptr_t m_fd = -1;
     std::vector<char> m_pending;
 };
 
@@ -69,7 +70,7 @@ public:
     void close();
 
 private:
-    int m_fd = -1;
+    std::intptr_t m_fd = -1;
 };
 
 } // namespace zt::tools

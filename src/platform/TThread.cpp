@@ -73,6 +73,9 @@ int TThread::currentThreadId()
 
 int TThread::Join(void* handle)
 {
+    // A thread that waits for itself would wait for ever; it fails as pthread_join does.
+    if (handle == nullptr || GetThreadId(static_cast<HANDLE>(handle)) == GetCurrentThreadId())
+        return kFailed;
     const DWORD r = WaitForSingleObject(static_cast<HANDLE>(handle), INFINITE);
     if (r == WAIT_OBJECT_0) {
         CloseHandle(static_cast<HANDLE>(handle));

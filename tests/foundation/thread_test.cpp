@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
+#ifndef _WIN32
+#  include <sys/resource.h>
+#endif
 
 #include <atomic>
 #include <chrono>
@@ -149,6 +151,7 @@ TEST(TThreadC, FailureCodes)
     TThreadC<void>::TestCancel(); // yields, nothing more
 }
 
+#ifndef _WIN32
 TEST(TThreadCDeathTest, CreateReportsThePlatformErrorWhenNoThreadCanBeMade)
 {
     // With no address space left for a thread stack the platform refuses with EAGAIN,
@@ -171,6 +174,7 @@ TEST(TThreadCDeathTest, CreateReportsThePlatformErrorWhenNoThreadCanBeMade)
         },
         ::testing::ExitedWithCode(0), "");
 }
+#endif
 
 // The worker convention: a static entry calling the member ...Func, a loop that sleeps,
 // works and tests the stop flag, and a join that clears the handle.

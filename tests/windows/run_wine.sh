@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Runs the Windows test programs of a cross build under wine64, each in a private network
+# namespace of its own (the suites use the protocol's fixed ports), and prints how many
+# tests ran. Arguments: the Windows build folder, then optional program names.
+# The Wine prefix lives in the build folder and is made on the first run.
+set -euo pipefail
+build=$(cd "$1" && pwd)
+shift
+wine=/usr/lib/wine/wine64
+wineserver=/usr/lib/wine/wineserver
+export WINEPREFIX=$build/wine-prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+# The library sits in the build folder; Wine looks for DLLs along WINEPATH too.
+export WINEPATH="Z:${build//\//\\}"
+if [ ! -f "$WINEPREFIX/system.reg" ]; then
+    echo "==> making the Wine prefix $WINEPREFIX"
+    "$wine" wineboot -i >/dev/null 2>&1 || true
+    "$wineserver" -w
+fi
+
+programs=("$@")
+if [ ${#programs[@]} -eq 0 ]; then
+    for exe in "$build"/tests/windows/*.exe; do programs+=("$(basename "$exe" .exe)"); done
+fi
+
+total=0 failed=()
+for name in "${programs[@]}"; do
+    exe=$build/tests/windows/$name.exe
+    log=$build/tests/windows/$name.log
+    # A fresh Wine server per namespace: one from an earlier namespace would keep making
+    # its sockets there. The watchdog ends a program that hangs.
+    rc=0
+    unshare -rn bash -c 'ip link set lo up && timeout -k 5 300 "$1" "$2" --gtest_brief=1; rc=$?; "$3" -k 2>/dev/null; "$3" -w; exit $rc' \
+        run "$wine" "$exe" "$wineserver" >"$log" 2>&1 || rc=$?
+    ran=$(sed -n 's/^\[==========\] \([0-9]*\) tests\{0,1\} from .* ran\..*/\1/p' "$log" | tail -n 1)
+    ran=${ran:-0}
+    total=$((total + ran))
+    if [ $rc -eq 0 ]; then
+        printf '%-24s %4d tests  ok\n' "$name" "$ran"
+    else
+        printf '%-24s %4d tests  FAILED (exit %d, see %s)\n' "$name" "$ran" "$rc" "$log"
+        grep -E '^\[  FAILED  \]' "$log" | sort -u | sed 's/^/    /' || true
+        failed+=("$name")
+    fi
+done
+echo "$total tests run under Wine in ${#programs[@]} programs"
+[ ${#failed[@]} -eq 0 ]
