@@ -15,6 +15,7 @@ constexpr unsigned int kRequestSendTimeoutMs = 2000;
 constexpr unsigned int kReplyRecvTimeoutMs = 600;
 constexpr std::uint64_t kReplyWindowMs = 4001;
 constexpr unsigned int kPollMs = 15;
+constexpr int kShutdownCheckMs = 50;
 } // namespace
 
 ProxyTcpSocket::~ProxyTcpSocket()
@@ -48,14 +49,23 @@ int ProxyTcpSocket::connect(const std::string& address, int port)
 bool ProxyTcpSocket::sendWhole(const void* data, int length)
 {
     const int n = sock::sendOnce(m_socket, data, length);
+    // The send time-out ended it part-way: what follows on this connection would be read
+    // as the rest of the message, so nothing more may follow.
     if (n > 0 && n < length) {
-        // The send time-out ended it part-way: what follows on this connection would be
-        // read as the rest of the message, so nothing more may follow.
         ZTLOG_ERROR("ProxyTcpSocket: only %d of %d bytes sent before the time-out, the connection is shut down\n", n,
                     length);
         m_cutShort = true;
         shutdown();
     }
+#ifdef _WIN32
+    // Winsock does not tell how much of a timed-out send went: the socket's state is
+    // unknown, and it is treated as cut short.
+    if (n < 0 && sock::lastError() == WSAETIMEDOUT) {
+        ZTLOG_ERROR("ProxyTcpSocket: the send of %d bytes timed out, the connection is shut down\n", length);
+        m_cutShort = true;
+        shutdown();
+    }
+#endif
     return n == length && length > 0;
 }
 
@@ -71,17 +81,25 @@ int ProxyTcpSocket::receive(void* buffer, int length)
 {
     if (m_socket == 0)
         return -1;
+    // Shutting a socket down ends a receive blocked on it on Linux but not on Windows, so
+    // the receive waits for bytes in short steps and gives up once the socket is shut
+    // down. Without a shutdown it waits as long as a blocking receive would.
+    for (;;) {
+        if (m_shutDown.load(std::memory_order_relaxed))
+            return -1;
+        const int ready = sock::waitReadable(m_socket, kShutdownCheckMs);
+        if (ready < 0)
+            return -1;
+        if (ready > 0)
+            break;
+    }
     const int n = sock::recvOnce(m_socket, buffer, length);
     return n < 1 ? -1 : n;
 }
 
-int ProxyTcpSocket::setRecvTimeout(unsigned int ms)
-{
-    return m_socket == 0 ? -1 : sock::setRecvTimeout(m_socket, ms);
-}
-
 void ProxyTcpSocket::shutdown()
 {
+    m_shutDown = true;
     if (m_socket != 0)
         SPR_ShutDown(m_socket, 2);
 }

@@ -25,9 +25,9 @@ public:
     // One send with a 300000 ms send time-out: the count, or -1. A send that times out
     // part-way fails (see cutShort).
     int send(const void* data, int length);
-    // One receive: the count, or -1 on a closed connection, an error or a time-out.
+    // One receive, waiting without limit for bytes: the count, or -1 on a closed or shut
+    // down connection or an error.
     int receive(void* buffer, int length);
-    int setRecvTimeout(unsigned int ms);
     // Shuts down both directions: a receive blocked on another thread returns.
     void shutdown();
 
@@ -46,6 +46,7 @@ private:
 
     zt_socket_t m_socket = 0;
     std::atomic<bool> m_cutShort{false};
+    std::atomic<bool> m_shutDown{false};
 };
 
 } // namespace zt

@@ -233,13 +233,19 @@ int recvFrom(zt_socket_t s, void* buffer, int length, sockaddr_in& from)
 int waitConnected(zt_socket_t s, long seconds, long microseconds)
 {
 #ifdef _WIN32
-    fd_set writable;
+    // A failed connect never makes the socket writable; select lists it among the
+    // exceptions, which ends the wait at once with the same outcome as a time-out.
+    fd_set writable, failed;
     FD_ZERO(&writable);
     FD_SET(s, &writable);
+    FD_ZERO(&failed);
+    FD_SET(s, &failed);
     timeval tv{};
     tv.tv_sec = seconds;
     tv.tv_usec = microseconds;
-    const int n = ::select(0, nullptr, &writable, nullptr, &tv);
+    const int n = ::select(0, nullptr, &writable, &failed, &tv);
+    if (n > 0 && !FD_ISSET(s, &writable))
+        return 0;
 #else
     // poll rather than select: select cannot watch descriptors above FD_SETSIZE.
     pollfd p{};

@@ -60,8 +60,8 @@ int recvFrom(zt_socket_t s, void* buffer, int length, sockaddr_in& from);
 
 // Waits for a non-blocking connect to complete, as select reports it on Windows: 1 once
 // the socket is writable, 0 on time-out, -1 on error. A connect that failed (refused, say)
-// never makes a Windows socket writable; here it gives 0 as soon as it is known, without
-// waiting out the time.
+// never makes a socket writable on Windows; on both platforms it gives 0 as soon as it is
+// known, without waiting out the time.
 int waitConnected(zt_socket_t s, long seconds, long microseconds);
 // Waits for the socket to have bytes (or an end) to read: 1 readable, 0 time-out, -1 error.
 int waitReadable(zt_socket_t s, int timeoutMs);

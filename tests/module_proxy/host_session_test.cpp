@@ -469,7 +469,7 @@ TEST(HostSession, CutOffAndOversizeNotificationsRefusedArgumentsAndAShortSend)
     const auto t = Clock::now();
     EXPECT_EQ(host.addObjectMP(const_cast<char*>(big.data()), static_cast<unsigned int>(big.size())), -1);
     EXPECT_LT(Clock::now() - t, std::chrono::milliseconds(5000)); // its 2 s send time-out, not the 4 s reply wait after it
-    EXPECT_TRUE(log.waitFor("bytes sent before the time-out, the connection is shut down", 0));
+    EXPECT_TRUE(log.waitFor("the connection is shut down", 0));
     EXPECT_TRUE(m.cmd.peerClosed(3000));
     ASSERT_TRUE(m.acceptAgain());
     host.deInit();

@@ -61,6 +61,10 @@ TEST(Logging, LevelNames)
 
 TEST(Logging, StandardErrorGetsOneLinePerEvent)
 {
+#ifdef _WIN32
+    GTEST_SKIP() << "GoogleTest captures standard error by replacing its file descriptor, which "
+                    "closes the Windows handle the console sink writes to";
+#endif
     ztLogSetCallback(nullptr, nullptr);
     ztLogSetLevel(ZTLOG_LEVEL_WARN);
     testing::internal::CaptureStderr();

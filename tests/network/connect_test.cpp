@@ -1,0 +1,48 @@
+// How a head that cannot be reached fails init, the same on Linux and on Windows.
+#include "host_peer.h"
+#include "support/log_capture.h"
+#include "ztEmbeddedModuleProxyServer.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr int kHeadPort = 42001;
+// A copy: the class's own constant lives in the library, out of reach of a comparison
+// that takes its address.
+constexpr int kConnectTimeout = ztEmbeddedModuleProxyServer::kConnectTimeout;
+
+TEST(EmbeddedServer, ConnectTimeOutIs205)
+{
+    // Nothing listening: a refused connect never completes, as on Windows, so the head is
+    // not online; it is known at once rather than after the 3 s.
+    {
+        zt::test::LogCapture log;
+        ztEmbeddedModuleProxyServer server;
+        const auto start = Clock::now();
+        EXPECT_EQ(server.init("127.0.0.2", "127.0.0.1", "SN"), kConnectTimeout);
+        EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(1000));
+        EXPECT_EQ(log.count("connect timeout, localIP: 127.0.0.2, remoteIP: 127.0.0.1"), 1);
+        EXPECT_FALSE(server.isConnected());
+    }
+    // A listener with a backlog of 0 that never accepts: once one connection waits in its
+    // queue, further attempts go unanswered.
+    zt::tools::RawListener silent;
+    ASSERT_TRUE(silent.listen(kHeadPort, 0));
+    zt::tools::RawConnection queued;
+    ASSERT_TRUE(queued.connect("127.0.0.1", kHeadPort, 1000));
+    zt::test::LogCapture log;
+    ztEmbeddedModuleProxyServer server;
+    const auto start = Clock::now();
+    EXPECT_EQ(server.init("127.0.0.2", "127.0.0.1", "SN"), kConnectTimeout);
+    const auto took = Clock::now() - start;
+    EXPECT_GE(took, std::chrono::milliseconds(2900));
+    EXPECT_LT(took, std::chrono::milliseconds(4000));
+    EXPECT_EQ(log.count("connect timeout, localIP: 127.0.0.2, remoteIP: 127.0.0.1"), 1);
+    EXPECT_FALSE(server.isConnected());
+}
+
+} // namespace
