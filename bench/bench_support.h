@@ -36,6 +36,32 @@ inline void tellPeer(int fd)
         std::perror("bench: pipe");
 }
 
+// A child process that serves the benchmark, and the two pipes between them: the child
+// says when it is ready, the parent says when to go (and when it has what it waited for).
+// Each side holds only its own ends.
+struct ForkedPeer {
+    pid_t pid = -1;
+    int go = -1;    // the child reads it, the parent writes it
+    int ready = -1; // the child writes it, the parent reads it
+    bool inChild() const { return pid == 0; }
+};
+
+inline ForkedPeer forkPeer()
+{
+    int go[2];
+    int ready[2];
+    if (::pipe(go) != 0 || ::pipe(ready) != 0)
+        std::exit(1);
+    ForkedPeer peer;
+    peer.pid = ::fork();
+    const bool child = peer.pid == 0;
+    ::close(child ? go[1] : go[0]);
+    ::close(child ? ready[0] : ready[1]);
+    peer.go = child ? go[0] : go[1];
+    peer.ready = child ? ready[1] : ready[0];
+    return peer;
+}
+
 // Counts the packets of one type that a data callback delivers, and their bytes
 // (payload and the 8 bytes of message frame).
 struct Delivered {

@@ -65,32 +65,24 @@ struct Row {
 
 Row run(int heads, const std::vector<char>& unit)
 {
-    int go[2];
-    int ready[2];
-    if (::pipe(go) != 0 || ::pipe(ready) != 0)
-        std::exit(1);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::close(go[1]);
-        ::close(ready[0]);
+    const auto peer = zt::bench::forkPeer();
+    if (peer.inChild()) {
         std::vector<std::unique_ptr<ztSimNetworkHead>> sims;
         for (int i = 0; i < heads; ++i) {
             sims.push_back(std::make_unique<ztSimNetworkHead>(addressOf(i)));
             if (sims.back()->start() != 0)
                 std::_Exit(2);
         }
-        zt::bench::tellPeer(ready[1]); // every head listens
-        zt::bench::waitForPeer(go[0]);
+        zt::bench::tellPeer(peer.ready); // every head listens
+        zt::bench::waitForPeer(peer.go);
         for (auto& s : sims)
             s->startStream(ztSimNetworkHead::Data, unit, kPacketsPerHead, 0);
-        zt::bench::waitForPeer(go[0]); // the parent has what it waited for
+        zt::bench::waitForPeer(peer.go); // the parent has what it waited for
         for (auto& s : sims)
             s->stop();
         std::_Exit(0);
     }
-    ::close(go[0]);
-    ::close(ready[1]);
-    zt::bench::waitForPeer(ready[0]);
+    zt::bench::waitForPeer(peer.ready);
 
     const auto [threads0, rss0] = census();
     std::vector<std::unique_ptr<zt::bench::Delivered>> delivered;
@@ -106,7 +98,7 @@ Row run(int heads, const std::vector<char>& unit)
     }
     const double cpu0 = zt::bench::cpuSeconds();
     const auto t0 = Clock::now();
-    zt::bench::tellPeer(go[1]);
+    zt::bench::tellPeer(peer.go);
     std::size_t bytes = 0;
     std::size_t packets = 0;
     for (auto& d : delivered) {
@@ -117,8 +109,8 @@ Row run(int heads, const std::vector<char>& unit)
     const double secs = std::chrono::duration<double>(Clock::now() - t0).count();
     const double cpu = zt::bench::cpuSeconds() - cpu0;
     const auto [threads1, rss1] = census();
-    zt::bench::tellPeer(go[1]);
-    ::waitpid(child, nullptr, 0);
+    zt::bench::tellPeer(peer.go);
+    ::waitpid(peer.pid, nullptr, 0);
     for (auto& s : servers)
         s->deInit();
     Row row;

@@ -91,29 +91,21 @@ Figure baseline(const std::vector<char>& unit)
 
 Figure endToEnd(const std::vector<char>& unit, bool raw)
 {
-    int go[2];
-    int ready[2];
-    if (::pipe(go) != 0 || ::pipe(ready) != 0)
-        std::exit(1);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::close(go[1]);
-        ::close(ready[0]);
+    const auto peer = zt::bench::forkPeer();
+    if (peer.inChild()) {
         ztSimNetworkHead head(kIP);
         if (raw)
             head.setEchoReply(ztSimNetworkHead::kRKProgramVersionType, ztSimNetworkHead::valuePayload(0x07030400));
         if (head.start() != 0)
             std::_Exit(2);
-        zt::bench::tellPeer(ready[1]); // listening
-        zt::bench::waitForPeer(go[0]);
+        zt::bench::tellPeer(peer.ready); // listening
+        zt::bench::waitForPeer(peer.go);
         head.startStream(ztSimNetworkHead::Data, unit, kCount, 0);
-        zt::bench::waitForPeer(go[0]); // the parent has everything
+        zt::bench::waitForPeer(peer.go); // the parent has everything
         head.stop();
         std::_Exit(0);
     }
-    ::close(go[0]);
-    ::close(ready[1]);
-    zt::bench::waitForPeer(ready[0]);
+    zt::bench::waitForPeer(peer.ready);
     zt::bench::Delivered delivered;
     ztEmbeddedModuleProxyServer server;
     server.registerModuleServerDataCB(&zt::bench::Delivered::cb, &delivered);
@@ -129,12 +121,12 @@ Figure endToEnd(const std::vector<char>& unit, bool raw)
     }
     const double cpu0 = zt::bench::cpuSeconds();
     const auto t0 = Clock::now();
-    zt::bench::tellPeer(go[1]);
+    zt::bench::tellPeer(peer.go);
     const std::size_t bytes = delivered.waitFor(kCount, 60);
     const double secs = std::chrono::duration<double>(Clock::now() - t0).count();
     const double cpu = zt::bench::cpuSeconds() - cpu0;
-    zt::bench::tellPeer(go[1]);
-    ::waitpid(child, nullptr, 0);
+    zt::bench::tellPeer(peer.go);
+    ::waitpid(peer.pid, nullptr, 0);
     server.deInit();
     if (delivered.packets < kCount)
         std::fprintf(stderr, "network_path_bench: only %zu of %zu packets arrived\n", delivered.packets, kCount);
