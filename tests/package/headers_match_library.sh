@@ -18,5 +18,5 @@ for header in "$include"/*.h; do
     done
 done
 [ "$checked" -gt 0 ] || { echo "no exported class found in $include"; exit 1; }
-echo "$checked exported classes in the installed headers, all in $(basename "$lib")"
+[ $fail -eq 0 ] && echo "$checked exported classes in the installed headers, all in $(basename "$lib")"
 exit $fail
