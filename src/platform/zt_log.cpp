@@ -61,13 +61,15 @@ struct Backend {
         // spdlog itself cannot clash with this logger's name.
         logger = std::make_shared<spdlog::logger>("ztProxyProtocol", dist);
         int level = ZTLOG_LEVEL_WARN;
-        if (const char* env = std::getenv("ZTPROXY_LOG_LEVEL")) {
-            const int parsed = ztLogParseLevel(env);
-            if (parsed >= 0)
-                level = parsed;
-        }
+        const char* env = std::getenv("ZTPROXY_LOG_LEVEL");
+        const int parsed = env != nullptr ? ztLogParseLevel(env) : -1;
+        if (parsed >= 0)
+            level = parsed;
         logger->set_level(static_cast<spdlog::level::level_enum>(level));
         logger->flush_on(spdlog::level::trace);
+        if (env != nullptr && parsed < 0)
+            logger->warn("ZTPROXY_LOG_LEVEL={} is no level (trace, debug, info, warn, error, off): the level stays warn",
+                         env);
     }
 };
 

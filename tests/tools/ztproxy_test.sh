@@ -37,6 +37,10 @@ basics() {
     check "unknown command" 2 "$ztproxy" frobnicate
     check "unknown option" 2 "$ztproxy" --loud demo
     check "bad log level" 2 "$ztproxy" --log-level loud demo
+    # A level the environment names wrongly is reported, not ignored.
+    out=$(ZTPROXY_LOG_LEVEL=loud "$ztproxy" net --local 127.0.0.1 --remote 127.0.0.1 getCameraExposure 2>&1)
+    grep -q "ZTPROXY_LOG_LEVEL=loud is no level (trace, debug, info, warn, error, off): the level stays warn" <<<"$out" ||
+        { echo "FAIL: no warning for ZTPROXY_LOG_LEVEL=loud: $out"; fail=1; }
     check "sim without an end" 2 "$ztproxy" sim
     check "sim usb help" 0 "$ztproxy" sim usb --help
     check "sim usb with a command" 2 "$ztproxy" sim usb -- true
