@@ -13,7 +13,7 @@ for f in zt_msg_create zt_msg_is_avalible zt_msg_get_msg_type zt_msg_get_sub_typ
          zt_embedded_msg_release ztProxyVersion; do
     grep -qx "$f" <<<"$names" || { echo "missing unmangled export: $f"; fail=1; }
 done
-stray=$(c++filt <<<"$names" | grep -vE '^(zt_msg_|zt_embedded_msg_|ztLog|ztProxyVersion$)|^(vtable for |typeinfo for |typeinfo name for )?(zt[A-Z][A-Za-z0-9_]*|TThreadC<void>)(::|$)' || true)
+stray=$(c++filt <<<"$names" | grep -vE '^(zt_msg_|zt_embedded_msg_|ztc_|ztLog|ztProxyVersion$)|^(vtable for |typeinfo for |typeinfo name for )?(zt[A-Z][A-Za-z0-9_]*|TThreadC<void>)(::|$)' || true)
 if [ -n "$stray" ]; then
     echo "exported but not part of the interface:"
     echo "$stray"

@@ -11,6 +11,7 @@ level() {
         codec | image) echo 2 ;;
         commands) echo 3 ;;
         module_proxy | network | usb) echo 4 ;;
+        capi) echo 5 ;;
         *) echo "" ;;
     esac
 }

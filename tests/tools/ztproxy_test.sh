@@ -410,12 +410,12 @@ stream() {
     expect_json "stream --sim-net" 'd["frames"] > 0 and d["dropped"] == 0 and d["saved"] == 0 and d["bytes"] >= d["frames"] * 2621440' \
         "${sim[@]}" --sim-net --seconds 2 --json
     mkdir "$tmp/frames"
-    expect_json "stream --sim-usb" 'd["frames"] > 0 and d["dropped"] == 0 and d["saved"] == d["frames"] // 20 and d["saved"] > 0' \
-        "${sim[@]}" --sim-usb --seconds 2 --json --save-every 20 --out "$tmp/frames"
+    expect_json "stream --sim-usb" 'd["frames"] > 0 and d["dropped"] == 0 and d["saved"] == d["frames"] // 5 and d["saved"] > 0' \
+        "${sim[@]}" --sim-usb --seconds 2 --json --save-every 5 --out "$tmp/frames"
     local saved
     saved=$(python3 -c 'import json, sys; print(json.load(sys.stdin)["saved"])' <"$tmp/out")
-    [ "$(find "$tmp/frames" -name 'frame-*.png' | wc -l)" -eq "$saved" ] && [ -f "$tmp/frames/frame-000020.png" ] ||
-        failed "stream --save-every 20: the files are not the $saved saved"
+    [ "$(find "$tmp/frames" -name 'frame-*.png' | wc -l)" -eq "$saved" ] && [ -f "$tmp/frames/frame-000005.png" ] ||
+        failed "stream --save-every 5: the files are not the $saved saved"
     local png
     for png in "$tmp"/frames/frame-*.png; do
         [ "$(png_size "$png")" = "1280 1024" ] || failed "stream: $png is not a 1280 x 1024 PNG image"

@@ -2,7 +2,8 @@
 # Runs the Windows test programs of a cross build under wine64, each in a private network
 # namespace of its own (the suites use the protocol's fixed ports), and prints how many
 # tests ran. Arguments: the Windows build folder, then optional program names.
-# The Wine prefix lives in the build folder and is made on the first run.
+# The Wine prefix lives in the build folder and is made on the first run. The C interface
+# program talks to a simulated head: ZT_SIM_TOOL names the Linux ztproxy that runs it.
 set -euo pipefail
 build=$(cd "$1" && pwd)
 shift
@@ -29,9 +30,13 @@ for name in "${programs[@]}"; do
     # A fresh Wine server per namespace: one from an earlier namespace would keep making
     # its sockets there. The watchdog ends a program that hangs.
     rc=0
-    unshare -rn bash -c 'ip link set lo up && timeout -k 5 300 "$1" "$2" --gtest_brief=1; rc=$?; "$3" -k 2>/dev/null; "$3" -w; exit $rc' \
-        run "$wine" "$exe" "$wineserver" >"$log" 2>&1 || rc=$?
-    ran=$(sed -n 's/^\[==========\] \([0-9]*\) tests\{0,1\} from .* ran\..*/\1/p' "$log" | tail -n 1)
+    beside=()
+    [ "$name" = capi_tests ] && beside=("$(dirname "$0")/../capi/with_sim_head.sh" "${ZT_SIM_TOOL:?ZT_SIM_TOOL names the Linux ztproxy}")
+    unshare -rn bash -c 'ip link set lo up && timeout -k 5 300 "${@:2}" --gtest_brief=1; rc=$?; "$1" -k 2>/dev/null; "$1" -w; exit $rc' \
+        run "$wineserver" "${beside[@]}" "$wine" "$exe" >"$log" 2>&1 || rc=$?
+    # GoogleTest programs say how many tests ran; the C program how many checks.
+    ran=$(sed -n -e 's/^\[==========\] \([0-9]*\) tests\{0,1\} from .* ran\..*/\1/p' \
+        -e 's/^\([0-9]*\) checks, [0-9]* failed$/\1/p' "$log" | tail -n 1)
     ran=${ran:-0}
     total=$((total + ran))
     if [ $rc -eq 0 ]; then
