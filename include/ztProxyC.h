@@ -11,6 +11,7 @@
 #ifndef ZT_PROXY_C_H
 #define ZT_PROXY_C_H
 
+#include "ztProxyConfig.h"
 #include "ztProxyExport.h"
 #include "ztProxyTypes.h"
 
@@ -18,14 +19,25 @@
 extern "C" {
 #endif
 
-/* A scanner head on the network link (ztEmbeddedModuleProxyServer). */
+/* A scanner head, on the network or the USB link. */
 typedef struct ztc_device ztc_device;
+
+/* On the network link (ztEmbeddedModuleProxyServer). */
 
 ZT_PROXY_API ztc_device* ztc_network_head_create(void);
 /* Connects to the head at remoteIP from localIP and brings it online: 0, 205 when it
  * cannot be reached, -1 on other failures. */
 ZT_PROXY_API int ztc_network_head_init(ztc_device* head, const char* localIP, const char* remoteIP,
                                        const char* deviceSN);
+
+#if ZT_PROXY_WITH_USB
+/* A scanner head on the USB link (ztUsbProxyServer), on a device the caller has opened
+ * with libusb and whose interface 0 it has claimed (a libusb_device_handle*). */
+ZT_PROXY_API ztc_device* ztc_usb_head_create(const _ZT_USB3_DEVICE_INFO_* info, void* libusbDeviceHandle);
+/* Starts the transfers and threads: 0, or -1. The head is online (284) once it answers
+ * its first heartbeat. */
+ZT_PROXY_API int ztc_usb_head_init(ztc_device* head);
+#endif
 
 /* For every device handle. */
 ZT_PROXY_API void ztc_device_destroy(ztc_device* device);

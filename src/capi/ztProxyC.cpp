@@ -3,6 +3,9 @@
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztModuleProxyClient.h"
 #include "ztModuleProxyServer.h"
+#if ZT_PROXY_WITH_USB
+#include "ztUsbProxyServer.h"
+#endif
 
 #include "platform/zt_log.h"
 
@@ -13,9 +16,23 @@
 #include <string>
 
 struct ztc_device {
-    // The link's object, and the command set every device link shares.
+    // The link's object (one of the two), and the command set both links share.
     std::unique_ptr<ztEmbeddedModuleProxyServer> network;
+#if ZT_PROXY_WITH_USB
+    std::unique_ptr<ztUsbProxyServer> usb;
+#endif
     ztDeviceCommandSet* commands = nullptr;
+
+    // Calls call with the link's object, whichever it is.
+    template <class Call>
+    auto onLink(Call&& call)
+    {
+#if ZT_PROXY_WITH_USB
+        if (usb)
+            return call(*usb);
+#endif
+        return call(*network);
+    }
 };
 
 struct ztc_module_host {
@@ -74,25 +91,56 @@ T* make(const char* name)
     return nullptr;
 }
 
+// A device handle around a link object that make() builds.
+template <class Make>
+ztc_device* makeDevice(const char* name, Make&& make)
+{
+    try {
+        auto d = std::make_unique<ztc_device>();
+        d->commands = make(*d);
+        return d.release();
+    } catch (const std::exception& e) {
+        ZTLOG_ERROR("%s: %s\n", name, e.what());
+    }
+    return nullptr;
+}
+
 } // namespace
 
 extern "C" {
 
 ztc_device* ztc_network_head_create(void)
 {
-    ztc_device* d = make<ztc_device>("ztc_network_head_create");
-    if (d == nullptr)
-        return nullptr;
-    try {
-        d->network = std::make_unique<ztEmbeddedModuleProxyServer>();
-    } catch (const std::exception& e) {
-        ZTLOG_ERROR("ztc_network_head_create: %s\n", e.what());
-        delete d;
+    return makeDevice("ztc_network_head_create", [](ztc_device& d) {
+        d.network = std::make_unique<ztEmbeddedModuleProxyServer>();
+        return d.network.get();
+    });
+}
+
+#if ZT_PROXY_WITH_USB
+ztc_device* ztc_usb_head_create(const _ZT_USB3_DEVICE_INFO_* info, void* libusbDeviceHandle)
+{
+    if (info == nullptr || libusbDeviceHandle == nullptr) {
+        ZTLOG_ERROR("ztc_usb_head_create: no device description or no device handle\n");
         return nullptr;
     }
-    d->commands = d->network.get();
-    return d;
+    return makeDevice("ztc_usb_head_create", [&](ztc_device& d) {
+        d.usb = std::make_unique<ztUsbProxyServer>(*info, static_cast<libusb_device_handle*>(libusbDeviceHandle));
+        return d.usb.get();
+    });
 }
+
+int ztc_usb_head_init(ztc_device* head)
+{
+    return guarded("ztc_usb_head_init", head, [](ztc_device& d) {
+        if (!d.usb) {
+            ZTLOG_ERROR("ztc_usb_head_init: not a USB head\n");
+            return -1;
+        }
+        return d.usb->init();
+    });
+}
+#endif
 
 int ztc_network_head_init(ztc_device* head, const char* localIP, const char* remoteIP, const char* deviceSN)
 {
@@ -112,18 +160,19 @@ void ztc_device_destroy(ztc_device* device)
 
 void ztc_device_deinit(ztc_device* device)
 {
-    guardedVoid("ztc_device_deinit", device, [](ztc_device& d) { d.network->deInit(); });
+    guardedVoid("ztc_device_deinit", device, [](ztc_device& d) { d.onLink([](auto& link) { link.deInit(); }); });
 }
 
 int ztc_device_is_connected(ztc_device* device)
 {
-    return guarded("ztc_device_is_connected", device, [](ztc_device& d) { return d.network->isConnected() ? 1 : 0; });
+    return guarded("ztc_device_is_connected", device,
+                   [](ztc_device& d) { return d.onLink([](auto& link) { return link.isConnected() ? 1 : 0; }); });
 }
 
 void ztc_device_set_callback(ztc_device* device, ZT_DATA_CALLBACK cb, void* user)
 {
     guardedVoid("ztc_device_set_callback", device,
-                [&](ztc_device& d) { d.network->registerModuleServerDataCB(cb, user); });
+                [&](ztc_device& d) { d.onLink([&](auto& link) { link.registerModuleServerDataCB(cb, user); }); });
 }
 
 int ztc_device_send_data(ztc_device* device, const char* data, int length)
@@ -134,7 +183,7 @@ int ztc_device_send_data(ztc_device* device, const char* data, int length)
             return -1;
         }
         std::string bytes(data, static_cast<std::size_t>(length));
-        return d.network->sendData(bytes);
+        return d.onLink([&](auto& link) { return link.sendData(bytes); });
     });
 }
 
