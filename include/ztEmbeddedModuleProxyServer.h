@@ -151,6 +151,9 @@ private:
     std::thread m_hHeartBeatThread;
     std::thread m_hLPThread;
     std::vector<std::thread> m_forgottenThreads;
+    // Workers that stopped the server from their own callback, joined by the next init or
+    // the destructor.
+    std::vector<std::thread> m_leftThreads;
     std::atomic<bool> m_bStop{false};
     std::atomic<bool> m_bHeartBeatStop{false};
     int m_dataPort = 0;

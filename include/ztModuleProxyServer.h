@@ -189,6 +189,9 @@ private:
     std::thread m_hConnectThread;
     std::thread m_hDataRecvThread;
     std::thread m_hProcessThread;
+    // Workers that stopped the host from their own callback, joined by the next init or the
+    // destructor.
+    std::vector<std::thread> m_leftThreads;
     std::atomic<bool> m_bStop{false};
     std::mutex m_cmdMutex;
     std::mutex m_dataMutex;

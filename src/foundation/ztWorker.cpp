@@ -34,4 +34,26 @@ void joinWorker(std::thread& thread, const char* name)
     thread.join();
 }
 
+void joinWorker(std::thread& thread, const char* name, std::vector<std::thread>& leftBehind)
+{
+    if (thread.joinable() && thread.get_id() == std::this_thread::get_id()) {
+        ZTLOG_ERROR("%s: stopped from its own thread; the thread ends by itself\n", name);
+        leftBehind.push_back(std::move(thread));
+        return;
+    }
+    joinWorker(thread, name);
+}
+
+void joinLeftBehind(std::vector<std::thread>& leftBehind, const char* name)
+{
+    for (auto it = leftBehind.begin(); it != leftBehind.end();) {
+        if (it->get_id() == std::this_thread::get_id()) {
+            ++it;
+            continue;
+        }
+        joinWorker(*it, name);
+        it = leftBehind.erase(it);
+    }
+}
+
 } // namespace zt

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <thread>
+#include <vector>
 
 namespace zt {
 
@@ -23,6 +24,13 @@ int startWorker(std::thread& thread, WorkerEntry entry, void* object, const char
 // Waits without limit for the worker to end and clears its handle. A worker that asks to
 // join itself (a stop requested from its own callback) is detached instead.
 void joinWorker(std::thread& thread, const char* name);
+// The same, but a worker that asks to join itself moves to leftBehind instead, for its
+// owner to join from another thread before the object it works on goes away.
+void joinWorker(std::thread& thread, const char* name, std::vector<std::thread>& leftBehind);
+// Joins the workers left behind that way, except the calling thread's own, and forgets
+// them. Called before a restart (the stop flag they end on is about to be cleared) and by
+// the destructor.
+void joinLeftBehind(std::vector<std::thread>& leftBehind, const char* name);
 
 // The loop of a worker: sleep periodMs, run one round, end when stop is set. A round that
 // returns false ends the loop at once.

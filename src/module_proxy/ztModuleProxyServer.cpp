@@ -52,6 +52,9 @@ ztModuleProxyServer::ztModuleProxyServer()
 ztModuleProxyServer::~ztModuleProxyServer()
 {
     deInit();
+    // Threads that stopped the host from their own callback end by themselves: they are
+    // joined here so that none outlives the object it works on.
+    zt::joinLeftBehind(m_leftThreads, "ztModuleProxyServer");
 }
 
 int ztModuleProxyServer::init(const std::string& address)
@@ -68,6 +71,9 @@ int ztModuleProxyServer::init(const std::string& address)
         std::scoped_lock lock(m_cmdMutex, m_dataMutex);
         m_address = address;
     }
+    // A worker that stopped the host from its own callback ends on the stop flag: it is
+    // joined before the flag is cleared for the new workers.
+    zt::joinLeftBehind(m_leftThreads, "ztModuleProxyServer");
     m_bStop = false;
     if (zt::startWorker(m_hProcessThread, &ztModuleProxyServer::onProcessThread, this, "ztModuleProxyServer") != 0 ||
         zt::startWorker(m_hDataRecvThread, &ztModuleProxyServer::onDataChannelRecvThread, this,
@@ -81,14 +87,14 @@ int ztModuleProxyServer::init(const std::string& address)
 void ztModuleProxyServer::deInit()
 {
     m_bStop = true;
-    zt::joinWorker(m_hProcessThread, "ztModuleProxyServer");
-    zt::joinWorker(m_hConnectThread, "ztModuleProxyServer");
+    zt::joinWorker(m_hProcessThread, "ztModuleProxyServer", m_leftThreads);
+    zt::joinWorker(m_hConnectThread, "ztModuleProxyServer", m_leftThreads);
     // The data channel's receive waits for the module's next bytes without a time-out; a
     // module that is up but silent would hold teardown for ever. Shutting the socket down
     // (the connect thread, which could make a new one, has ended) wakes the receive.
     if (const auto s = m_dataSocket->get())
         s->shutdown();
-    zt::joinWorker(m_hDataRecvThread, "ztModuleProxyServer");
+    zt::joinWorker(m_hDataRecvThread, "ztModuleProxyServer", m_leftThreads);
     // A request still in flight on another thread holds the command mutex while it
     // receives into the reply buffer: it ends with its reply before the sockets go.
     std::lock_guard<std::mutex> lock(m_cmdMutex);
@@ -256,15 +262,25 @@ unsigned int ztModuleProxyServer::onProcessThread(void* self)
 
 unsigned int ztModuleProxyServer::onProcessThreadFunc()
 {
-    zt::workerLoop(m_bStop, kProcessPeriodMs, [this] {
-        std::lock_guard<std::mutex> lock(m_recvQueueMutex);
+    // Each message is copied out of the queue and handled with the queue's lock released:
+    // the data callback runs under no library lock, so it may call requests or deInit,
+    // which waits for the receive thread that appends to the queue.
+    std::vector<char> held;
+    zt::workerLoop(m_bStop, kProcessPeriodMs, [this, &held] {
         // Every whole message waiting is handled in this round, in order, rather than one
         // per millisecond: a burst of notifications does not pile up.
-        while (const _ZT_PROXY_MSG_* msg = m_recvQueue->front(SIZE_MAX)) {
-            processMsg(const_cast<_ZT_PROXY_MSG_*>(msg));
-            m_recvQueue->pop();
+        for (;;) {
+            {
+                std::lock_guard<std::mutex> lock(m_recvQueueMutex);
+                const _ZT_PROXY_MSG_* msg = m_recvQueue->front(SIZE_MAX);
+                if (msg == nullptr)
+                    return true;
+                const auto* bytes = reinterpret_cast<const char*>(msg);
+                held.assign(bytes, bytes + m_recvQueue->frontSize());
+                m_recvQueue->pop();
+            }
+            processMsg(reinterpret_cast<_ZT_PROXY_MSG_*>(held.data()));
         }
-        return true;
     });
     return 0;
 }

@@ -57,6 +57,7 @@ ztEmbeddedModuleProxyServer::~ztEmbeddedModuleProxyServer()
     zt::joinWorker(m_hLPThread, kName);
     for (auto& t : m_forgottenThreads)
         zt::joinWorker(t, kName);
+    zt::joinLeftBehind(m_leftThreads, kName);
 }
 
 int ztEmbeddedModuleProxyServer::init(const std::string& localIP, const std::string& remoteIP,
@@ -73,8 +74,10 @@ int ztEmbeddedModuleProxyServer::init(const std::string& localIP, const std::str
     // receivers again, so the stop flag deInit left set is cleared first. After a mere
     // release the receivers' handles stay set, nothing is restarted and the flag stays.
     if (!m_hProcessThread.joinable() && !m_hDataRecvThread.joinable() && !m_hCmdProcessThread.joinable() &&
-        !m_hCmdDataRecvThread.joinable())
+        !m_hCmdDataRecvThread.joinable()) {
+        zt::joinLeftBehind(m_leftThreads, kName);
         m_bStop = false;
+    }
     if (zt::startWorker(m_hProcessThread, &onProcessThread, this, kName) != 0 ||
         zt::startWorker(m_hDataRecvThread, &onDataChannelRecvThread, this, kName) != 0 ||
         zt::startWorker(m_hCmdProcessThread, &onCMDProcessThread, this, kName) != 0 ||
@@ -159,10 +162,12 @@ void ztEmbeddedModuleProxyServer::deInit()
     m_bStop = true;
     m_bConnected = false;
     m_bReleaseRequest = false;
-    zt::joinWorker(m_hProcessThread, kName);
-    zt::joinWorker(m_hDataRecvThread, kName);
-    zt::joinWorker(m_hCmdDataRecvThread, kName);
-    zt::joinWorker(m_hCmdProcessThread, kName);
+    // A worker that stops the server from its own callback is joined later, by the next
+    // init or the destructor.
+    zt::joinWorker(m_hProcessThread, kName, m_leftThreads);
+    zt::joinWorker(m_hDataRecvThread, kName, m_leftThreads);
+    zt::joinWorker(m_hCmdDataRecvThread, kName, m_leftThreads);
+    zt::joinWorker(m_hCmdProcessThread, kName, m_leftThreads);
     releaseClient();
     // A command still in flight holds the command mutex while it uses the buffers.
     std::lock_guard<std::mutex> lock(m_cmdMutex);

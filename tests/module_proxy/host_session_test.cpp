@@ -89,6 +89,50 @@ TEST(HostSession, ModuleRestartIsRecoveredThroughAFailingHeartbeat)
     s->host.deInit();
 }
 
+// A host whose data callback calls back into it on its processing thread: a request on
+// one notification, deInit on the next; then a new init registers again.
+struct HostCallingBack {
+    ModuleSession s;
+    std::atomic<int> requestResult{99};
+    std::atomic<bool> stopped{false};
+    std::string version;
+    static void cb(int code, char*, int, void* user)
+    {
+        auto* self = static_cast<HostCallingBack*>(user);
+        if (code != 0x40000)
+            return;
+        if (self->requestResult == 99)
+            self->requestResult = self->s.host.getFirmwareVersion(self->version);
+        else if (!self->stopped) {
+            self->s.host.deInit();
+            self->stopped = true;
+        }
+    }
+};
+
+TEST(HostSession, CallbacksMayRequestAndStopTheHost)
+{
+    LogCapture log;
+    HostCallingBack c;
+    c.s.host.registerModuleServerDataCB(&HostCallingBack::cb, &c);
+    ASSERT_TRUE(c.s.start());
+    ASSERT_EQ(c.s.module.client().sendDeviceStatChanged(1, 2), 0);
+    for (int i = 0; i < 300 && c.requestResult == 99; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(c.requestResult, 0);
+    EXPECT_EQ(c.version, "ZT-MOD 2.4.1");
+
+    ASSERT_EQ(c.s.module.client().sendDeviceStatChanged(1, 3), 0);
+    for (int i = 0; i < 300 && !c.stopped; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_TRUE(c.stopped);
+    EXPECT_FALSE(c.s.host.isRegistered());
+    EXPECT_EQ(log.count("ztModuleProxyServer: stopped from its own thread; the thread ends by itself\n"), 1);
+
+    ASSERT_EQ(c.s.host.init("127.0.0.1"), 0);
+    EXPECT_TRUE(c.s.host.waitRegistered(5000));
+}
+
 TEST(HostSession, StaleReplyFailsTheNextRequestOnce)
 {
     ModuleSession s;

@@ -153,6 +153,58 @@ TEST(EmbeddedServer, OfflineCallbackMayDestroyTheServer)
     EXPECT_TRUE(o.waitGone(10000));
 }
 
+// A host that calls back into its server from the data callback: a command when the head
+// comes online (init's own thread) and on a command-data message (the command processing
+// thread), then deInit on the next message, from that thread; then a fresh init.
+struct CallingBack {
+    ztEmbeddedModuleProxyServer server;
+    std::atomic<int> onlineCommand{99}, messageCommand{99};
+    std::atomic<bool> stopped{false};
+    static void cb(int type, char*, int, void* user)
+    {
+        auto* self = static_cast<CallingBack*>(user);
+        short width = 0, height = 0;
+        float exposure = 0;
+        if (type == ZT_CODE_DEVICE_ONLINE && self->onlineCommand == 99)
+            self->onlineCommand = self->server.getImageSize(&width, &height);
+        else if (type == 300)
+            self->messageCommand = self->server.getCameraExposure(&exposure);
+        else if (type == 301) {
+            self->server.deInit();
+            self->stopped = true;
+        }
+    }
+};
+
+TEST(EmbeddedServer, CallbacksMayCommandAndStopTheirServer)
+{
+    Head head;
+    ASSERT_EQ(head.start(), 0);
+    LogCapture log;
+    CallingBack c;
+    c.server.registerModuleServerDataCB(&CallingBack::cb, &c);
+    ASSERT_EQ(c.server.init(kIP, kIP, "SN"), 0);
+    EXPECT_EQ(c.onlineCommand, 0);
+    ASSERT_GT(head.sendMessage(Head::CommandData, 300, "a", 1), 0);
+    for (int i = 0; i < 200 && c.messageCommand == 99; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(c.messageCommand, 0);
+
+    ASSERT_GT(head.sendMessage(Head::CommandData, 301, "b", 1), 0);
+    for (int i = 0; i < 300 && !c.stopped; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_TRUE(c.stopped);
+    EXPECT_FALSE(c.server.isConnected());
+    EXPECT_EQ(log.count("ztEmbeddedModuleProxyServer: stopped from its own thread; the thread ends by itself\n"), 1);
+    EXPECT_EQ(c.server.sendTrigger(), -1);
+
+    // A new init brings the head online again, with new threads.
+    c.onlineCommand = 99;
+    ASSERT_EQ(c.server.init(kIP, kIP, "SN"), 0);
+    EXPECT_EQ(c.onlineCommand, 0);
+    EXPECT_EQ(c.server.sendTrigger(), 0);
+}
+
 TEST(EmbeddedServer, CommandExchangeReplyRules)
 {
     LogCapture log;
