@@ -2,7 +2,7 @@
  * and a simulated network head that the caller has started on 127.0.0.1:42001 (the Linux
  * tool's "ztproxy sim head", on Linux and under Wine alike). Prints the number of checks
  * and exits with the number that failed. */
-#include "ztProxyC.h"
+#include "capi_check.h"
 
 #include <stdatomic.h>
 #include <stdio.h>
@@ -22,16 +22,6 @@ static void sleepMs(unsigned ms)
     nanosleep(&t, NULL);
 }
 #endif
-
-static int checks, failures;
-#define CHECK(cond)                                                                 \
-    do {                                                                            \
-        ++checks;                                                                   \
-        if (!(cond)) {                                                              \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                                             \
-        }                                                                           \
-    } while (0)
 
 /* Waits up to timeoutMs for *value to reach at least want. */
 static int waitFor(atomic_int* value, int want, unsigned timeoutMs)
@@ -104,16 +94,6 @@ static void moduleProxySession(void)
     CHECK(atomic_load(&requests) >= 4);
 }
 
-static atomic_int online;
-static void onDevice(int code, char* data, int length, void* user)
-{
-    (void)data;
-    (void)length;
-    (void)user;
-    if (code == ZT_CODE_DEVICE_ONLINE)
-        atomic_fetch_add(&online, 1);
-}
-
 static void networkHead(void)
 {
     /* Nothing listens on 127.0.0.3: the head cannot be reached. */
@@ -143,6 +123,5 @@ int main(void)
 {
     moduleProxySession();
     networkHead();
-    printf("%d checks, %d failed\n", checks, failures);
-    return failures;
+    return report();
 }

@@ -1,7 +1,7 @@
 /* The C interface's USB head from a C program, against the emulated head (run with the
  * umockdev preload). Prints the number of checks and exits with the number that failed,
  * or 77 when the emulation is missing and ZT_REQUIRE_USB_EMULATION is not set. */
-#include "ztProxyC.h"
+#include "capi_check.h"
 
 #include <libusb.h>
 
@@ -12,26 +12,6 @@
 
 int zt_test_start_usb_head(void);
 void zt_test_stop_usb_head(void);
-
-static int checks, failures;
-#define CHECK(cond)                                                                 \
-    do {                                                                            \
-        ++checks;                                                                   \
-        if (!(cond)) {                                                              \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                                             \
-        }                                                                           \
-    } while (0)
-
-static atomic_int online;
-static void onDevice(int code, char* data, int length, void* user)
-{
-    (void)data;
-    (void)length;
-    (void)user;
-    if (code == ZT_CODE_DEVICE_ONLINE)
-        atomic_fetch_add(&online, 1);
-}
 
 int main(void)
 {
@@ -82,6 +62,5 @@ int main(void)
     }
     libusb_exit(NULL);
     zt_test_stop_usb_head();
-    printf("%d checks, %d failed\n", checks, failures);
-    return failures;
+    return report();
 }
