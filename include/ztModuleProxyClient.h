@@ -172,6 +172,9 @@ private:
     ztScanVentoServer* m_pDataServer = nullptr;
     ztScanVentoServer* m_pCmdServer = nullptr;
     std::thread m_hCmdRecvThread;
+    // A receive thread that stopped the module from its own callback, joined by the next
+    // init or the destructor.
+    std::vector<std::thread> m_leftThreads;
     std::atomic<bool> m_bStop{false};
     std::mutex m_dataMutex;
     std::mutex m_cmdMutex;

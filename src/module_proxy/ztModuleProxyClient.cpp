@@ -40,6 +40,7 @@ ztModuleProxyClient::ztModuleProxyClient() : m_dataCB(std::make_unique<zt::DataC
 ztModuleProxyClient::~ztModuleProxyClient()
 {
     deInit();
+    zt::joinLeftBehind(m_leftThreads, "ztModuleProxyClient");
 }
 
 int ztModuleProxyClient::init()
@@ -70,6 +71,9 @@ int ztModuleProxyClient::init()
         return -1;
     if (m_pCmdServer->port() == 0 && m_pCmdServer->startThread(ZT_MODULE_CMD_PORT) != 0)
         return -1;
+    // A receive thread that stopped the module from its own callback ends on the stop flag:
+    // it is joined before the flag is cleared for the new one.
+    zt::joinLeftBehind(m_leftThreads, "ztModuleProxyClient");
     m_bStop = false;
     if (zt::startWorker(m_hCmdRecvThread, &ztModuleProxyClient::onCMDChannelRecvThread, this,
                         "ztModuleProxyClient") != 0)
@@ -88,7 +92,7 @@ void ztModuleProxyClient::deInit()
     for (ztScanVentoServer* server : {m_pDataServer, m_pCmdServer})
         if (server != nullptr)
             server->stop();
-    zt::joinWorker(m_hCmdRecvThread, "ztModuleProxyClient");
+    zt::joinWorker(m_hCmdRecvThread, "ztModuleProxyClient", m_leftThreads);
     {
         std::lock_guard<std::mutex> lock(m_dataMutex);
         delete m_pDataServer;

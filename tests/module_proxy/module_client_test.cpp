@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -54,6 +55,9 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_seen.size();
     }
+    // A request of this sub type makes the callback stop the module (deInit) before it is
+    // recorded.
+    std::atomic<int> stopOn{-1};
 
 private:
     static void onRequest(int code, char* data, int length, void* user)
@@ -61,6 +65,8 @@ private:
         auto* self = static_cast<Module*>(user);
         if (code == 1)
             self->client.sendRegisterRep(true);
+        if (code == self->stopOn)
+            self->client.deInit();
         std::lock_guard<std::mutex> lock(self->m_mutex);
         self->m_seen.push_back({code, std::string(data, data + length), length, Clock::now()});
         self->m_cv.notify_all();
@@ -90,6 +96,27 @@ void connectHost(Module& module, RawConnection& cmd, RawConnection& data)
 std::vector<unsigned char> bytes(const std::vector<char>& v)
 {
     return std::vector<unsigned char>(v.begin(), v.end());
+}
+
+TEST(ModuleProxyClient, CallbackMayStopTheModuleAndInitStartsAgain)
+{
+    Module module;
+    module.stopOn = 0x10013;
+    module.listen();
+    RawConnection cmd, data;
+    connectHost(module, cmd, data);
+    ASSERT_TRUE(cmd.sendBytes(proxyMessage(3, 0x10013, nullptr, 0)));
+    Seen seen;
+    ASSERT_TRUE(module.next(seen, 3000));
+    EXPECT_EQ(seen.code, 0x10013);
+    // Stopped from its own receive thread: the host's connections are closed, the ports
+    // free, and a new init serves a new host.
+    EXPECT_TRUE(cmd.peerClosed(1000));
+    EXPECT_TRUE(data.peerClosed(1000));
+    module.stopOn = -1;
+    module.listen();
+    RawConnection cmd2, data2;
+    connectHost(module, cmd2, data2);
 }
 
 TEST(ModuleProxyClient, OnlyRequestsReachTheCallback)
