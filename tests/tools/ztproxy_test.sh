@@ -245,7 +245,7 @@ s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
 s.bind(("127.0.0.1", 42001))
 s.listen(0)
 print("listening", flush=True)
-time.sleep(20)' >"$tmp/stuck" &
+time.sleep(120)' >"$tmp/stuck" &
     local stuck=$!
     for _ in $(seq 50); do grep -q listening "$tmp/stuck" && break; sleep 0.1; done
     run "${host[@]}" sendTrigger
