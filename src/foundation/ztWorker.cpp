@@ -2,6 +2,7 @@
 
 #include "platform/zt_log.h"
 
+#include <cstdlib>
 #include <system_error>
 
 namespace zt {
@@ -54,6 +55,20 @@ void joinLeftBehind(std::vector<std::thread>& leftBehind, const char* name)
         joinWorker(*it, name);
         it = leftBehind.erase(it);
     }
+}
+
+bool onLeftBehindThread(const std::vector<std::thread>& leftBehind)
+{
+    for (const auto& t : leftBehind)
+        if (t.get_id() == std::this_thread::get_id())
+            return true;
+    return false;
+}
+
+void destroyedFromOwnThread(const char* name)
+{
+    ZTLOG_ERROR("%s destroyed from its own data callback: not supported\n", name);
+    std::abort();
 }
 
 } // namespace zt

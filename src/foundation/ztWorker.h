@@ -31,6 +31,12 @@ void joinWorker(std::thread& thread, const char* name, std::vector<std::thread>&
 // them. Called before a restart (the stop flag they end on is about to be cleared) and by
 // the destructor.
 void joinLeftBehind(std::vector<std::thread>& leftBehind, const char* name);
+// True when the calling thread is one of those left behind: an object destroyed there
+// would be freed under the thread that still has to return through it.
+bool onLeftBehindThread(const std::vector<std::thread>& leftBehind);
+// Reports that an object is being destroyed from its own worker's callback, and aborts:
+// nothing safe is left to do.
+[[noreturn]] void destroyedFromOwnThread(const char* name);
 
 // The loop of a worker: sleep periodMs, run one round, end when stop is set. A round that
 // returns false ends the loop at once.

@@ -40,6 +40,8 @@ ztModuleProxyClient::ztModuleProxyClient() : m_dataCB(std::make_unique<zt::DataC
 ztModuleProxyClient::~ztModuleProxyClient()
 {
     deInit();
+    if (zt::onLeftBehindThread(m_leftThreads))
+        zt::destroyedFromOwnThread("ztModuleProxyClient");
     zt::joinLeftBehind(m_leftThreads, "ztModuleProxyClient");
 }
 

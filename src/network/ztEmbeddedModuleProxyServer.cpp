@@ -48,6 +48,8 @@ ztEmbeddedModuleProxyServer::ztEmbeddedModuleProxyServer()
 ztEmbeddedModuleProxyServer::~ztEmbeddedModuleProxyServer()
 {
     deInit();
+    if (zt::onLeftBehindThread(m_leftThreads))
+        zt::destroyedFromOwnThread(kName);
     // The heartbeat and light-pen threads, and threads whose handles were given up, end by
     // themselves once the stop flags are set; they are joined here so that none outlives
     // the object it works on.

@@ -205,6 +205,32 @@ TEST(EmbeddedServer, CallbacksMayCommandAndStopTheirServer)
     EXPECT_EQ(c.server.sendTrigger(), 0);
 }
 
+// Destroying the server from a data callback on one of its own workers cannot be made
+// safe (the worker returns through the freed object): it is reported and stops the
+// program, as on the USB link.
+TEST(EmbeddedServerDeathTest, DestroyedFromItsOwnWorkerAborts)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            Head head;
+            head.start();
+            struct Owner {
+                std::unique_ptr<ztEmbeddedModuleProxyServer> server = std::make_unique<ztEmbeddedModuleProxyServer>();
+                static void cb(int type, char*, int, void* user)
+                {
+                    if (type == 300)
+                        static_cast<Owner*>(user)->server.reset();
+                }
+            } owner;
+            owner.server->registerModuleServerDataCB(&Owner::cb, &owner);
+            owner.server->init(kIP, kIP, "SN");
+            head.sendMessage(Head::CommandData, 300, "a", 1);
+            std::this_thread::sleep_for(std::chrono::seconds(3));
+        },
+        "ztEmbeddedModuleProxyServer destroyed from its own data callback: not supported");
+}
+
 TEST(EmbeddedServer, CommandExchangeReplyRules)
 {
     LogCapture log;
