@@ -16,12 +16,11 @@
 #include <string>
 
 struct ztc_device {
-    // The link's object (one of the two), and the command set both links share.
+    // The link's object: one of the two.
     std::unique_ptr<ztEmbeddedModuleProxyServer> network;
 #if ZT_PROXY_WITH_USB
     std::unique_ptr<ztUsbProxyServer> usb;
 #endif
-    ztDeviceCommandSet* commands = nullptr;
 
     // Calls call with the link's object, whichever it is.
     template <class Call>
@@ -32,6 +31,11 @@ struct ztc_device {
             return call(*usb);
 #endif
         return call(*network);
+    }
+    // The command set both links share.
+    ztDeviceCommandSet& commands()
+    {
+        return onLink([](ztDeviceCommandSet& link) -> ztDeviceCommandSet& { return link; });
     }
 };
 
@@ -80,29 +84,25 @@ std::string text(const char* s)
     return s != nullptr ? std::string(s) : std::string();
 }
 
-template <class T>
-T* make(const char* name)
+// A new handle, filled by fill (the device handles make their link's object there): null
+// with a log line when that fails.
+template <class T, class Fill>
+T* make(const char* name, Fill&& fill)
 {
     try {
-        return new T();
+        auto handle = std::make_unique<T>();
+        fill(*handle);
+        return handle.release();
     } catch (const std::exception& e) {
         ZTLOG_ERROR("%s: %s\n", name, e.what());
     }
     return nullptr;
 }
 
-// A device handle around a link object that make() builds.
-template <class Make>
-ztc_device* makeDevice(const char* name, Make&& make)
+template <class T>
+T* make(const char* name)
 {
-    try {
-        auto d = std::make_unique<ztc_device>();
-        d->commands = make(*d);
-        return d.release();
-    } catch (const std::exception& e) {
-        ZTLOG_ERROR("%s: %s\n", name, e.what());
-    }
-    return nullptr;
+    return make<T>(name, [](T&) {});
 }
 
 } // namespace
@@ -111,10 +111,8 @@ extern "C" {
 
 ztc_device* ztc_network_head_create(void)
 {
-    return makeDevice("ztc_network_head_create", [](ztc_device& d) {
-        d.network = std::make_unique<ztEmbeddedModuleProxyServer>();
-        return d.network.get();
-    });
+    return make<ztc_device>("ztc_network_head_create",
+                            [](ztc_device& d) { d.network = std::make_unique<ztEmbeddedModuleProxyServer>(); });
 }
 
 #if ZT_PROXY_WITH_USB
@@ -124,9 +122,8 @@ ztc_device* ztc_usb_head_create(const _ZT_USB3_DEVICE_INFO_* info, void* libusbD
         ZTLOG_ERROR("ztc_usb_head_create: no device description or no device handle\n");
         return nullptr;
     }
-    return makeDevice("ztc_usb_head_create", [&](ztc_device& d) {
+    return make<ztc_device>("ztc_usb_head_create", [&](ztc_device& d) {
         d.usb = std::make_unique<ztUsbProxyServer>(*info, static_cast<libusb_device_handle*>(libusbDeviceHandle));
-        return d.usb.get();
     });
 }
 
@@ -189,61 +186,61 @@ int ztc_device_send_data(ztc_device* device, const char* data, int length)
 
 int ztc_device_send_trigger(ztc_device* device)
 {
-    return guarded("ztc_device_send_trigger", device, [](ztc_device& d) { return d.commands->sendTrigger(); });
+    return guarded("ztc_device_send_trigger", device, [](ztc_device& d) { return d.commands().sendTrigger(); });
 }
 
 int ztc_device_send_stop_trigger(ztc_device* device)
 {
     return guarded("ztc_device_send_stop_trigger", device,
-                   [](ztc_device& d) { return d.commands->sendStopTrigger(); });
+                   [](ztc_device& d) { return d.commands().sendStopTrigger(); });
 }
 
 int ztc_device_set_camera_exposure(ztc_device* device, float exposure)
 {
     return guarded("ztc_device_set_camera_exposure", device,
-                   [=](ztc_device& d) { return d.commands->setCameraExposure(exposure); });
+                   [=](ztc_device& d) { return d.commands().setCameraExposure(exposure); });
 }
 
 int ztc_device_get_camera_exposure(ztc_device* device, float* exposure)
 {
     return guarded("ztc_device_get_camera_exposure", device,
-                   [=](ztc_device& d) { return d.commands->getCameraExposure(exposure); });
+                   [=](ztc_device& d) { return d.commands().getCameraExposure(exposure); });
 }
 
 int ztc_device_set_camera_gain(ztc_device* device, float gain)
 {
     return guarded("ztc_device_set_camera_gain", device,
-                   [=](ztc_device& d) { return d.commands->setCameraGain(gain); });
+                   [=](ztc_device& d) { return d.commands().setCameraGain(gain); });
 }
 
 int ztc_device_get_camera_gain(ztc_device* device, float* gain)
 {
     return guarded("ztc_device_get_camera_gain", device,
-                   [=](ztc_device& d) { return d.commands->getCameraGain(gain); });
+                   [=](ztc_device& d) { return d.commands().getCameraGain(gain); });
 }
 
 int ztc_device_set_camera_frame_rate(ztc_device* device, int fps)
 {
     return guarded("ztc_device_set_camera_frame_rate", device,
-                   [=](ztc_device& d) { return d.commands->setCameraFrameRate(fps); });
+                   [=](ztc_device& d) { return d.commands().setCameraFrameRate(fps); });
 }
 
 int ztc_device_get_camera_frame_rate(ztc_device* device, int* fps)
 {
     return guarded("ztc_device_get_camera_frame_rate", device,
-                   [=](ztc_device& d) { return d.commands->getCameraFrameRate(fps); });
+                   [=](ztc_device& d) { return d.commands().getCameraFrameRate(fps); });
 }
 
 int ztc_device_get_image_size(ztc_device* device, short* width, short* height)
 {
     return guarded("ztc_device_get_image_size", device,
-                   [=](ztc_device& d) { return d.commands->getImageSize(width, height); });
+                   [=](ztc_device& d) { return d.commands().getImageSize(width, height); });
 }
 
 int ztc_device_get_program_version(ztc_device* device, int* major, int* minor, int* revision, int* build)
 {
     return guarded("ztc_device_get_program_version", device,
-                   [=](ztc_device& d) { return d.commands->getRKProgramVersion(major, minor, revision, build); });
+                   [=](ztc_device& d) { return d.commands().getRKProgramVersion(major, minor, revision, build); });
 }
 
 ztc_module_host* ztc_module_host_create(void)

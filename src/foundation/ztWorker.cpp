@@ -57,18 +57,15 @@ void joinLeftBehind(std::vector<std::thread>& leftBehind, const char* name)
     }
 }
 
-bool onLeftBehindThread(const std::vector<std::thread>& leftBehind)
+void joinLeftBehindAtDestruction(std::vector<std::thread>& leftBehind, const char* name)
 {
-    for (const auto& t : leftBehind)
-        if (t.get_id() == std::this_thread::get_id())
-            return true;
-    return false;
-}
-
-void destroyedFromOwnThread(const char* name)
-{
-    ZTLOG_ERROR("%s destroyed from its own data callback: not supported\n", name);
-    std::abort();
+    for (const auto& t : leftBehind) {
+        if (t.get_id() == std::this_thread::get_id()) {
+            ZTLOG_ERROR("%s destroyed from its own data callback: not supported\n", name);
+            std::abort();
+        }
+    }
+    joinLeftBehind(leftBehind, name);
 }
 
 } // namespace zt

@@ -28,15 +28,12 @@ void joinWorker(std::thread& thread, const char* name);
 // owner to join from another thread before the object it works on goes away.
 void joinWorker(std::thread& thread, const char* name, std::vector<std::thread>& leftBehind);
 // Joins the workers left behind that way, except the calling thread's own, and forgets
-// them. Called before a restart (the stop flag they end on is about to be cleared) and by
-// the destructor.
+// them. Called before a restart, since the stop flag they end on is about to be cleared.
 void joinLeftBehind(std::vector<std::thread>& leftBehind, const char* name);
-// True when the calling thread is one of those left behind: an object destroyed there
-// would be freed under the thread that still has to return through it.
-bool onLeftBehindThread(const std::vector<std::thread>& leftBehind);
-// Reports that an object is being destroyed from its own worker's callback, and aborts:
-// nothing safe is left to do.
-[[noreturn]] void destroyedFromOwnThread(const char* name);
+// The same for the owner's destructor. Called on one of those workers (the object
+// destroyed from its own data callback), it reports that and aborts: the worker would go
+// on through the freed object, and nothing safe is left to do.
+void joinLeftBehindAtDestruction(std::vector<std::thread>& leftBehind, const char* name);
 
 // The loop of a worker: sleep periodMs, run one round, end when stop is set. A round that
 // returns false ends the loop at once.

@@ -40,9 +40,7 @@ ztModuleProxyClient::ztModuleProxyClient() : m_dataCB(std::make_unique<zt::DataC
 ztModuleProxyClient::~ztModuleProxyClient()
 {
     deInit();
-    if (zt::onLeftBehindThread(m_leftThreads))
-        zt::destroyedFromOwnThread("ztModuleProxyClient");
-    zt::joinLeftBehind(m_leftThreads, "ztModuleProxyClient");
+    zt::joinLeftBehindAtDestruction(m_leftThreads, "ztModuleProxyClient");
 }
 
 int ztModuleProxyClient::init()

@@ -52,11 +52,9 @@ ztModuleProxyServer::ztModuleProxyServer()
 ztModuleProxyServer::~ztModuleProxyServer()
 {
     deInit();
-    if (zt::onLeftBehindThread(m_leftThreads))
-        zt::destroyedFromOwnThread("ztModuleProxyServer");
     // Threads that stopped the host from their own callback end by themselves: they are
     // joined here so that none outlives the object it works on.
-    zt::joinLeftBehind(m_leftThreads, "ztModuleProxyServer");
+    zt::joinLeftBehindAtDestruction(m_leftThreads, "ztModuleProxyServer");
 }
 
 int ztModuleProxyServer::init(const std::string& address)

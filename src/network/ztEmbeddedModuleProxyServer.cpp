@@ -48,8 +48,7 @@ ztEmbeddedModuleProxyServer::ztEmbeddedModuleProxyServer()
 ztEmbeddedModuleProxyServer::~ztEmbeddedModuleProxyServer()
 {
     deInit();
-    if (zt::onLeftBehindThread(m_leftThreads))
-        zt::destroyedFromOwnThread(kName);
+    zt::joinLeftBehindAtDestruction(m_leftThreads, kName);
     // The heartbeat and light-pen threads, and threads whose handles were given up, end by
     // themselves once the stop flags are set; they are joined here so that none outlives
     // the object it works on.
@@ -59,7 +58,6 @@ ztEmbeddedModuleProxyServer::~ztEmbeddedModuleProxyServer()
     zt::joinWorker(m_hLPThread, kName);
     for (auto& t : m_forgottenThreads)
         zt::joinWorker(t, kName);
-    zt::joinLeftBehind(m_leftThreads, kName);
 }
 
 int ztEmbeddedModuleProxyServer::init(const std::string& localIP, const std::string& remoteIP,

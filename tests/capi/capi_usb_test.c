@@ -10,12 +10,13 @@
 #include <stdlib.h>
 #include <time.h>
 
-int zt_test_start_usb_head(void);
+int zt_test_start_usb_head(_ZT_USB3_DEVICE_INFO_* info);
 void zt_test_stop_usb_head(void);
 
 int main(void)
 {
-    const int started = zt_test_start_usb_head();
+    _ZT_USB3_DEVICE_INFO_ info = {0};
+    const int started = zt_test_start_usb_head(&info);
     if (started == 77) {
         const char* required = getenv("ZT_REQUIRE_USB_EMULATION");
         fprintf(stderr, "the umockdev preload is not active\n");
@@ -26,15 +27,6 @@ int main(void)
     libusb_device_handle* handle = libusb_open_device_with_vid_pid(NULL, 0x1d6b, 0x5a01);
     CHECK(handle != NULL && libusb_claim_interface(handle, 0) == 0);
 
-    _ZT_USB3_DEVICE_INFO_ info = {0};
-    info.streamInEndpoint = 0x81;
-    info.ctrlInEndpoint = 0x82;
-    info.eventInEndpoint = 0x83;
-    info.ctrlOutEndpoint = 0x01;
-    info.heartbeatOutEndpoint = 0x02;
-    info.streamMaxPacket = 16384;
-    info.ctrlMaxPacket = 16384;
-    info.eventMaxPacket = 1024;
     CHECK(ztc_usb_head_create(&info, NULL) == NULL);
     ztc_device* head = ztc_usb_head_create(&info, handle);
     CHECK(head != NULL);
