@@ -24,7 +24,7 @@ struct ztc_device {
 
     // Calls call with the link's object, whichever it is.
     template <class Call>
-    auto onLink(Call&& call)
+    decltype(auto) onLink(Call&& call)
     {
 #if ZT_PROXY_WITH_USB
         if (usb)
