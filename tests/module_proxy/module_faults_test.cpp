@@ -93,8 +93,15 @@ public:
     bool send(char c) { return writeByte(m_out, c); }
     bool receive(char& c, int timeoutMs) { return readByte(m_in, c, timeoutMs); }
     int input() const { return m_in; }
-    // SIGSTOP: the child holds its connections but does nothing.
-    void freeze() { ::kill(m_pid, SIGSTOP); }
+    // SIGSTOP: the child holds its connections but does nothing. Returns once every
+    // thread of the child has stopped: a stop only asked for may still let a running
+    // thread answer.
+    void freeze()
+    {
+        ::kill(m_pid, SIGSTOP);
+        int status = 0;
+        ::waitpid(m_pid, &status, WUNTRACED);
+    }
     // SIGKILL, then reaped.
     void kill()
     {
