@@ -14,6 +14,7 @@
 #include "ztProxyTypes.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -113,6 +114,7 @@ private:
     std::mutex m_cmdMutex;
     std::mutex m_recvMutex;
     std::unique_ptr<zt::ByteQueue> m_ctrlRecv;
+    std::condition_variable m_ctrlArrived; // bytes were added to m_ctrlRecv
     std::unique_ptr<zt::ByteQueue> m_eventRecv;
     std::unique_ptr<ztCamera::ztBufferPool> m_streamPool;
     std::unique_ptr<ztCamera::ztBufferPool> m_eventPool;

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 namespace zt {
@@ -35,17 +36,28 @@ void joinLeftBehind(std::vector<std::thread>& leftBehind, const char* name);
 // on through the freed object, and nothing safe is left to do.
 void joinLeftBehindAtDestruction(std::vector<std::thread>& leftBehind, const char* name);
 
+// What one round of a worker's loop did: Stop ends the loop, Idle pauses the period before
+// the next round, Busy (it handled work, more may be waiting) goes on at once.
+enum class Round { Stop, Idle, Busy };
+
 // The loop of a worker: sleep periodMs, run one round, end when stop is set. A round that
-// returns false ends the loop at once.
-template <class Round>
-void workerLoop(const std::atomic<bool>& stop, unsigned int periodMs, Round&& round)
+// returns false (or Round::Stop) ends the loop at once; one that returns Round::Busy is
+// followed by the next without the pause.
+template <class RoundFn>
+void workerLoop(const std::atomic<bool>& stop, unsigned int periodMs, RoundFn&& round)
 {
+    bool pause = true;
     for (;;) {
-        SPR_Sleep(periodMs);
-        if (!round())
+        if (pause)
+            SPR_Sleep(periodMs);
+        Round result;
+        if constexpr (std::is_same_v<decltype(round()), bool>)
+            result = round() ? Round::Idle : Round::Stop;
+        else
+            result = round();
+        if (result == Round::Stop || stop.load(std::memory_order_relaxed))
             return;
-        if (stop.load(std::memory_order_relaxed))
-            return;
+        pause = result != Round::Busy;
     }
 }
 

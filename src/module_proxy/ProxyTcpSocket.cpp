@@ -112,15 +112,22 @@ int ProxyTcpSocket::sendn(const void* request, int requestLength, char* reply, i
         ZTLOG_ERROR("ProxyTcpSocket::sendn no reply buffer\n");
         return -1;
     }
+    // Bytes already waiting are a stale reply. Then the first read comes after the 15 ms
+    // pause, so that it takes the stale reply with whatever has come behind it and drops
+    // the rest, as the exchange always has; otherwise the reply is read as soon as it is there.
+    const bool stale = sock::waitReadable(m_socket, 0) == 1;
     const std::uint64_t sendStart = tickMs();
     sock::setSendTimeout(m_socket, kRequestSendTimeoutMs);
     if (!sendWhole(request, requestLength)) {
         ZTLOG_ERROR("sendn: time = %d\r\n", static_cast<int>(tickMs() - sendStart));
         return -1;
     }
+    // Each receive waits for the reply's bytes itself; the 15 ms pause follows only a
+    // receive that brought nothing (its time-out, or an ended connection).
     ProxyFramer held;
     const std::uint64_t start = tickMs();
-    SPR_Sleep(kPollMs);
+    if (stale)
+        SPR_Sleep(kPollMs);
     while (tickMs() - start < kReplyWindowMs) {
         sock::setRecvTimeout(m_socket, kReplyRecvTimeoutMs);
         const int n = sock::recvOnce(m_socket, reply, replyCapacity);
@@ -131,7 +138,8 @@ int ProxyTcpSocket::sendn(const void* request, int requestLength, char* reply, i
             std::memcpy(reply, msg, static_cast<std::size_t>(held.frontSize()));
             return 0;
         }
-        SPR_Sleep(kPollMs);
+        if (n <= 0)
+            SPR_Sleep(kPollMs);
     }
     return -1;
 }

@@ -140,18 +140,20 @@ unsigned int ztModuleProxyClient::onCMDChannelRecvThreadFunc()
         return static_cast<unsigned int>(-1);
     }
     std::size_t used = 0; // bytes of the buffer written by the last message
+    // The receive waits for a request itself; the 5 ms pause follows only a round that
+    // received nothing, so that a request behind another is served at once.
     zt::workerLoop(m_bStop, kCmdRecvPeriodMs, [&] {
         // Only the part the last message wrote needs clearing.
         std::memset(buffer, 0, used);
         used = 0;
         if (m_pCmdServer == nullptr)
-            return false;
-        if (m_pCmdServer->recv(buffer, kCmdCapacity, kCmdRecvTimeoutMs) == 0) {
-            auto* msg = reinterpret_cast<_ZT_PROXY_MSG_*>(buffer);
-            used = static_cast<std::size_t>(zt_msg_get_full_size(msg));
-            processMsg(msg);
-        }
-        return true;
+            return zt::Round::Stop;
+        if (m_pCmdServer->recv(buffer, kCmdCapacity, kCmdRecvTimeoutMs) != 0)
+            return zt::Round::Idle;
+        auto* msg = reinterpret_cast<_ZT_PROXY_MSG_*>(buffer);
+        used = static_cast<std::size_t>(zt_msg_get_full_size(msg));
+        processMsg(msg);
+        return zt::Round::Busy;
     });
     std::free(buffer);
     return 0;

@@ -162,6 +162,10 @@ int EmbeddedTcpSocket::exchange(const void* request, int requestLength, void* re
     if (badBuffer(request, requestLength, "sendn") || badBuffer(reply, replyCapacity, "sendn"))
         return -1;
 
+    // Bytes already waiting are a stale reply. Then the first read comes after the 5 ms
+    // pause, so that it takes the stale reply with whatever has come behind it and drops
+    // the rest, as the exchange always has; otherwise the reply is read as soon as it is there.
+    const bool stale = sock::waitReadable(s, 0) == 1;
     const std::uint32_t sendStart = tickCount();
     if (sock::sendOnce(s, request, requestLength) <= 0) {
         m_connected.store(0, std::memory_order_relaxed);
@@ -169,10 +173,15 @@ int EmbeddedTcpSocket::exchange(const void* request, int requestLength, void* re
         return -1;
     }
 
+    // A socket that has ended or fails is looked at again every 5 ms until the window closes.
     const std::uint32_t replyStart = tickCount();
-    SPR_Sleep(kPollMs);
+    if (stale)
+        SPR_Sleep(kPollMs);
     EmbeddedFramer framer(EmbeddedFramer::kMinHeldRequestReply, static_cast<std::size_t>(replyCapacity));
-    while (tickDistance(tickCount(), replyStart) <= limitMs) {
+    for (;;) {
+        const std::uint32_t elapsed = tickDistance(tickCount(), replyStart);
+        if (elapsed > limitMs)
+            break;
         const int n = sock::recvOnce(s, reply, replyCapacity);
         if (n > 0)
             framer.append(reply, static_cast<std::size_t>(n));
@@ -180,9 +189,11 @@ int EmbeddedTcpSocket::exchange(const void* request, int requestLength, void* re
             std::memcpy(reply, msg, framer.frontSize());
             return 0;
         }
-        // While bytes keep coming the next receive follows at once; the 5 ms pause is for
-        // an idle socket.
-        if (n <= 0)
+        if (n > 0)
+            continue;
+        if (n < 0 && sock::isWouldBlock(sock::lastError()))
+            sock::waitReadable(s, static_cast<int>(limitMs - elapsed) + 1);
+        else
             SPR_Sleep(kPollMs);
     }
     return -1;

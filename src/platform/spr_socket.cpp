@@ -56,6 +56,11 @@ bool isConnectPending(int error)
     return error == WSAEWOULDBLOCK;
 }
 
+bool isWouldBlock(int error)
+{
+    return error == WSAEWOULDBLOCK;
+}
+
 static int setTimeout(zt_socket_t s, int option, unsigned int ms)
 {
     DWORD value = ms;
@@ -119,6 +124,11 @@ int lastError()
 bool isConnectPending(int error)
 {
     return error == EINPROGRESS;
+}
+
+bool isWouldBlock(int error)
+{
+    return error == EAGAIN || error == EWOULDBLOCK;
 }
 
 static int setTimeout(zt_socket_t s, int option, unsigned int ms)

@@ -38,6 +38,8 @@ int startup();
 int lastError();
 // True for the code that a non-blocking connect gives while it goes on in the background.
 bool isConnectPending(int error);
+// True for the code a non-blocking receive gives when no byte is there yet.
+bool isWouldBlock(int error);
 std::string errorText(int error);
 
 int setSendTimeout(zt_socket_t s, unsigned int ms);

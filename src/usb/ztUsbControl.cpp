@@ -10,13 +10,13 @@
 #include <libusb.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
 namespace {
 constexpr unsigned int kTransferTimeoutMs = 1500;
-constexpr unsigned int kPollMs = 10;
 constexpr int kCtrlReplyLimit = 0xA00000;
 constexpr std::size_t kClearedReplyBytes = 1024;
 constexpr int kReplyTimeoutMs = 3000;
@@ -66,14 +66,16 @@ int ztUsbProxyServer::exchange(const char* name, char* cmd, int cmdLength, char*
         const auto d = static_cast<std::int32_t>(zt::tickCount() - t0);
         return d < 0 ? -static_cast<std::int64_t>(d) : static_cast<std::int64_t>(d);
     };
-    // Both variants test the time-out after each 10 ms sleep, before looking at the buffer.
+    // The exchange wakes as soon as the control transfer adds bytes. As before, the
+    // time-out is tested on every wake-up before the buffer is looked at.
+    std::unique_lock<std::mutex> lock(m_recvMutex);
     for (;;) {
-        SPR_Sleep(kPollMs);
-        if (elapsed() > timeoutMs) {
+        const std::int64_t waited = elapsed();
+        if (waited > timeoutMs) {
+            lock.unlock();
             ZTLOG_ERROR("ztUsbProxyServer::%s timeout", name);
             return -1;
         }
-        std::lock_guard<std::mutex> lock(m_recvMutex);
         if (m_ctrlRecv->size() > 7) {
             const auto full = static_cast<std::uint32_t>(zt_embedded_msg_get_full_size(m_ctrlRecv->data()));
             if (full <= m_ctrlRecv->size() && full < static_cast<std::uint32_t>(replyLimit)) {
@@ -82,6 +84,7 @@ int ztUsbProxyServer::exchange(const char* name, char* cmd, int cmdLength, char*
                 return 0;
             }
         }
+        m_ctrlArrived.wait_for(lock, std::chrono::milliseconds(timeoutMs - waited + 1));
     }
 }
 

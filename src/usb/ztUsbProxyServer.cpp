@@ -363,8 +363,11 @@ void ztUsbProxyServer::xfer_callback_ctrl(libusb_transfer* transfer)
         const int n = transfer->actual_length;
         // Short reads are noise, except a lone tail byte that completes a split reply.
         if (n >= 7 || (n == 1 && transfer->buffer[0] == 0xBB)) {
-            std::lock_guard<std::mutex> lock(self->m_recvMutex);
-            self->m_ctrlRecv->append(transfer->buffer, static_cast<std::size_t>(n));
+            {
+                std::lock_guard<std::mutex> lock(self->m_recvMutex);
+                self->m_ctrlRecv->append(transfer->buffer, static_cast<std::size_t>(n));
+            }
+            self->m_ctrlArrived.notify_all();
         }
     }
     self->resubmit(transfer, Control);
