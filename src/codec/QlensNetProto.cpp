@@ -210,6 +210,13 @@ std::shared_ptr<QlensNetCmd> QlensNetProto::bodyStep(const unsigned char*& data,
     }
     std::memcpy(cmd.buffer + m_index, data, n);
     take(data, remaining, n);
+    return advanceBody(n);
+}
+
+std::shared_ptr<QlensNetCmd> QlensNetProto::advanceBody(std::uint64_t n)
+{
+    QlensNetCmd& cmd = *m_cmd;
+    const std::uint64_t length = readU32(cmd.buffer + 1);
     m_index += n;
     if (m_index != length)
         return {};
@@ -224,6 +231,23 @@ std::shared_ptr<QlensNetCmd> QlensNetProto::bodyStep(const unsigned char*& data,
     ZTLOG_ERROR("Packet tail hex dump: %d, msgID: %d, packLen: %llu", last, readU16(cmd.buffer + 5), length);
     m_cmd.reset();
     return {};
+}
+
+std::uint64_t QlensNetProto::bodyRoom(unsigned char*& next) const
+{
+    if (m_state != 2 || m_cmd == nullptr)
+        return 0;
+    const std::uint64_t length = readU32(m_cmd->buffer + 1);
+    // A body that would not fit its buffer is left to decode, which logs and drops it.
+    if (length > m_cmd->bufSize || m_index >= length)
+        return 0;
+    next = m_cmd->buffer + m_index;
+    return length - m_index;
+}
+
+std::shared_ptr<QlensNetCmd> QlensNetProto::bodyWritten(std::uint64_t n)
+{
+    return advanceBody(n);
 }
 
 std::shared_ptr<QlensNetCmd> QlensNetProto::decode(const unsigned char*& data, std::uint64_t& remaining)

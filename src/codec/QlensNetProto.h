@@ -139,6 +139,14 @@ public:
     // back to its lender). For a lender about to free its storage.
     void discardPacket();
 
+    // While a packet's body is being read: where its next bytes go (next) and how many it
+    // still lacks; 0 at any other time. A stream path may receive straight into that place
+    // and hand the count to bodyWritten, saving the copy decode would make.
+    std::uint64_t bodyRoom(unsigned char*& next) const;
+    // Takes n bytes (at most what bodyRoom said) already written where bodyRoom pointed, as
+    // decode would have taken them from its input; returns the packet they finished.
+    std::shared_ptr<QlensNetCmd> bodyWritten(std::uint64_t n);
+
     // Packets are written into storage's blocks where it lends one (null: every packet
     // has its own buffer). The storage must outlive the packets it lends to.
     void setPacketStorage(PacketStorage* storage) { m_storage = storage; }
@@ -171,6 +179,8 @@ private:
     void extendedHeaderStep(const unsigned char*& data, std::uint64_t& remaining);
     int plainHeaderStep(const unsigned char*& data, std::uint64_t& remaining, Texts texts);
     std::shared_ptr<QlensNetCmd> bodyStep(const unsigned char*& data, std::uint64_t& remaining);
+    // Counts n more body bytes as read; hands the packet out once it is whole.
+    std::shared_ptr<QlensNetCmd> advanceBody(std::uint64_t n);
     void startPacket(std::uint32_t length, const unsigned char* header, std::uint64_t headerSize);
     bool nullInput(const unsigned char* data, std::uint64_t remaining, const char* method);
 

@@ -138,15 +138,18 @@ unsigned int ztEmbeddedModuleProxyServer::onDataChannelRecvThreadFunc()
         }
         return any;
     };
-    // A receive that fills its whole block means more is waiting: the next one follows at
-    // once instead of after the round's sleep.
-    bool full = false;
+    // The receiver goes on at once after bytes came; without bytes it waits until some
+    // arrive (or a moment passes, for the stop flag) rather than looking again every period.
+    // Only without a connection, or when a socket said it was readable and then gave
+    // nothing (it has ended or fails), does the round's period pass before the next look.
+    bool pause = true;
+    bool wokeForNothing = false;
     for (;;) {
-        if (!full)
+        if (pause)
             SPR_Sleep(raw ? kRawPeriodMs : kPacketPeriodMs);
+        pause = true;
         if (m_bStop)
             break;
-        full = false;
         if (!raw && rawMode()) {
             block = allocate(kRawBlock);
             if (!block)
@@ -157,22 +160,44 @@ unsigned int ztEmbeddedModuleProxyServer::onDataChannelRecvThreadFunc()
         if (!s)
             continue;
         const int limit = raw ? kRawBlock : kPacketBlock;
-        const int n = s->receive(block.get(), limit);
+        // Deep inside a packet's body the bytes go straight into the packet. The receive
+        // takes no more than into the block, so receive sizes stay what they would be.
+        unsigned char* body = nullptr;
+        if (!raw) {
+            std::lock_guard<std::mutex> decoders(m_decoderMutex);
+            if (m_decoder1->bodyRoom(body) < static_cast<std::uint64_t>(limit))
+                body = nullptr;
+        }
+        const int n = body != nullptr ? s->receive(body, limit) : s->receive(block.get(), limit);
         if (n < 1) {
-            // Idle: sleep until bytes arrive (or a moment passes, for the stop flag)
-            // rather than looking again every millisecond.
-            s->waitReadable(kIdleWaitMs);
+            wokeForNothing = !wokeForNothing && s->waitReadable(kIdleWaitMs);
+            pause = !wokeForNothing;
             continue;
         }
-        full = n == limit;
+        wokeForNothing = false;
+        pause = false;
         if (raw) {
             std::lock_guard<std::mutex> lock(m_dataVec->mutex);
             m_dataVec->stream.append(block.get(), static_cast<std::size_t>(n));
             m_dataVec->arrived.notify_one();
             continue;
         }
-        const auto* bytes = reinterpret_cast<const unsigned char*>(block.get());
         std::lock_guard<std::mutex> decoders(m_decoderMutex);
+        if (body != nullptr) {
+            unsigned char* stillThere = nullptr;
+            // Received in place and still where the packet expects them (the decoder was
+            // not reset meanwhile), and not of a size the second decoder looks at: taken
+            // as they are. Otherwise they are copied out and go the usual way.
+            if (n != 100 && n != 160 && m_decoder1->bodyRoom(stillThere) != 0 && stillThere == body) {
+                if (const auto packet = m_decoder1->bodyWritten(static_cast<std::uint64_t>(n))) {
+                    std::lock_guard<std::mutex> lock(m_dataVec->mutex);
+                    processMsg(reinterpret_cast<char*>(packet->buffer));
+                }
+                continue;
+            }
+            std::memcpy(block.get(), body, static_cast<std::size_t>(n));
+        }
+        const auto* bytes = reinterpret_cast<const unsigned char*>(block.get());
         if ((n == 100 || n == 160) && feed(*m_decoder2, bytes, static_cast<std::uint64_t>(n)))
             continue;
         feed(*m_decoder1, bytes, static_cast<std::uint64_t>(n));
