@@ -8,10 +8,18 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "ztLog.h"
+
 #include <sys/resource.h>
 #include <unistd.h>
 
 namespace zt::bench {
+
+// Benchmarks print figures only: the library's own log lines stay off.
+inline void quietLibrary()
+{
+    ztLogSetLevel(ZTLOG_LEVEL_OFF);
+}
 
 // CPU seconds of this process (user and system) so far.
 inline double cpuSeconds()

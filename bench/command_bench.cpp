@@ -229,6 +229,7 @@ int usb(char** argv, Figures& f)
 
 int main(int argc, char** argv)
 {
+    zt::bench::quietLibrary();
     const std::string link = argc > 1 ? argv[1] : "";
     Figures f;
     int rc = 1;

@@ -10,7 +10,6 @@
 #include "bench_support.h"
 #include "netns.h"
 #include "ztEmbeddedModuleProxyServer.h"
-#include "ztLog.h"
 #include "ztSimNetworkHead.h"
 
 #include <sys/resource.h>
@@ -132,7 +131,7 @@ int main()
         return 1;
     }
     // Figures only: the library's lines (a head going quiet at the end, say) stay out.
-    ztLogSetLevel(ZTLOG_LEVEL_OFF);
+    zt::bench::quietLibrary();
     const std::string payload(kPayload, 'd');
     const std::vector<char> unit = ztSimNetworkHead::extendedPacket(1280, 1, payload.data(), payload.size());
 

@@ -137,6 +137,7 @@ Figure endToEnd(const std::vector<char>& unit, bool raw)
 
 int main()
 {
+    zt::bench::quietLibrary();
     if (!zt::test::enterPrivateNetwork()) {
         std::perror("network_path_bench: private network namespace");
         return 1;
