@@ -64,6 +64,10 @@ public:
     // While silent, requests are recorded but not answered.
     void setSilent(bool silent);
 
+    // The host's name of a request code (heartbeat, setPeriod, ...), or null for a code
+    // that is no request.
+    static const char* requestName(int code);
+
     // The next request received, waiting up to timeoutMs; false on time-out.
     bool nextRequest(Request& out, int timeoutMs);
     std::size_t pendingRequests();

@@ -213,9 +213,7 @@ int main(int programArgc, char** programArgv)
 #endif
         if (end != "module")
             return fail("unknown simulated end '" + end + "' (see ztproxy sim --help)");
-        if (i < argc)
-            return fail(std::string("sim module takes no argument '") + argv[i] + "'");
-        return zt::tools::runSimModule();
+        return zt::tools::runSimModule(argc - i, argv + i);
     }
     if (command == "net")
         return zt::tools::runNetCommand(argc - i, argv + i);

@@ -60,7 +60,7 @@ basics() {
     [ "$out" = "$(printf 'result: 0\nversion: ZT-MOD 2.4.1')" ] || { echo "FAIL: ztproxy module: $out"; fail=1; }
     kill -TERM $sim
     wait $sim || { echo "FAIL: sim module did not stop cleanly"; fail=1; }
-    grep -q "request 0x00001" /tmp/ztproxy_sim.$$ || { echo "FAIL: sim module did not report the request"; fail=1; }
+    grep -q "request sendRegister (0x00001)" /tmp/ztproxy_sim.$$ || { echo "FAIL: sim module did not report the request"; fail=1; }
     rm -f /tmp/ztproxy_test.$$ /tmp/ztproxy_sim.$$
 }
 
