@@ -191,10 +191,23 @@ struct Schedule {
 
 enum class Offline { Must, MustNot, May };
 
-class LinkDriver {
+// One kind of fault: how it begins and ends, how long it lasts in all, what the offline
+// callback must do meanwhile, and one attempt of the way back afterwards (a new server,
+// say), repeated until it works. reconnect is false when the link never lost its
+// connection.
+struct Fault {
+    std::string kind;
+    Offline offline;
+    int loMs, hiMs;
+    std::function<void()> begin, end;
+    std::function<bool()> back;
+    bool reconnect = true;
+};
+
+class Link {
 public:
-    LinkDriver(const char* name, const Schedule& s, std::uint64_t seed) : m_name(name), m_schedule(s), m_rng(seed) {}
-    virtual ~LinkDriver() = default;
+    Link(const char* name, const Schedule& s, std::uint64_t seed) : m_name(name), m_schedule(s), m_rng(seed) {}
+    virtual ~Link() = default;
     const char* name() const { return m_name; }
     Counters& counters() { return m_c; }
 
@@ -202,35 +215,50 @@ public:
     virtual bool up() = 0;
     virtual void down() = 0;
 
+    // Traffic, and now and then a fault and the way back, until the end of the run.
     void run()
     {
-        // The bring-up is not a recovery.
-        m_c.reconnects = 0;
+        m_c.reconnects = 0; // the bring-up is not a recovery
         m_c.worstRecoveryS = 0;
         auto nextFault = Clock::now() + gap();
         while (!m_schedule.over()) {
-            if (Clock::now() >= nextFault && m_schedule.roomForFault()) {
-                ++m_c.faults;
-                injectFault();
-                nextFault = Clock::now() + gap();
-            } else {
+            if (Clock::now() < nextFault || !m_schedule.roomForFault()) {
                 traffic();
+                continue;
             }
+            ++m_c.faults;
+            const std::vector<Fault> kinds = faults();
+            const Fault& f = kinds[static_cast<std::size_t>(pick(static_cast<int>(kinds.size())))];
+            m_c.faultKinds.push_back(f.kind);
+            const int before = m_c.offlineEvents;
+            const auto start = Clock::now();
+            f.begin();
+            const bool offline = f.offline == Offline::Must && waitFor(kOfflineWithinMs, [&] { return m_c.offlineEvents > before; });
+            hold(between(f.loMs, f.hiMs) - static_cast<int>(secondsSince(start) * 1000));
+            f.end();
+            if (f.offline == Offline::Must && !offline)
+                problem(f.kind + ": not declared offline");
+            else if (f.offline != Offline::May && m_c.offlineEvents != before + (offline ? 1 : 0))
+                problem(f.kind + ": offline raised " + std::to_string(m_c.offlineEvents - before) + " times");
+            m_c.offlineSeen += m_c.offlineEvents > before ? 1 : 0;
+            recover(Clock::now(), f.back, f.reconnect);
+            nextFault = Clock::now() + gap();
         }
     }
 
 protected:
     // A server's init takes up to about 10 s (four connects of up to 3 s and four replies
-    // of up to 5 s on the network link); twice that for a loaded machine and the
-    // sanitizer builds. Five missed heartbeats of 500 ms raise the offline callback after
-    // 2.5 s; four times that.
+    // of up to 5 s on the network link): twice that for a loaded machine and the sanitizer
+    // builds. Five missed heartbeats of 500 ms raise the offline callback after 2.5 s:
+    // four times that.
     static constexpr int kOnlineWithinMs = 20000;
     static constexpr int kOfflineWithinMs = 10000;
 
     // One round of traffic: a command or two, and whatever keeps frames coming.
     virtual void traffic() = 0;
-    // One fault of a kind drawn from the RNG, and the recovery from it.
-    virtual void injectFault() = 0;
+    virtual std::vector<Fault> faults() = 0;
+    // How the link spends a fault's time.
+    virtual void hold(int ms) { sleepMs(ms); }
 
     int pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(m_rng); }
     int between(int loMs, int hiMs) { return std::uniform_int_distribution<int>(loMs, hiMs)(m_rng); }
@@ -245,34 +273,12 @@ protected:
         m_c.commandsFailed += ok ? 0 : 1;
         m_c.failedOutsideFaults += ok || duringFault ? 0 : 1;
     }
-
-    // One fault: begin, watch for the offline callback as expected, let the fault last
-    // holdMs in all (spent in `during`), end. The time of its end.
-    Clock::time_point fault(const std::string& kind, Offline expect, int holdMs, const std::function<void()>& begin,
-                            const std::function<void()>& end, const std::function<void(int)>& during = sleepMs)
-    {
-        m_c.faultKinds.push_back(kind);
-        const int before = m_c.offlineEvents;
-        const auto start = Clock::now();
-        begin();
-        const bool offline = expect == Offline::Must && waitFor(kOfflineWithinMs, [&] { return m_c.offlineEvents > before; });
-        during(holdMs - static_cast<int>(secondsSince(start) * 1000));
-        end();
-        if (expect == Offline::Must && !offline)
-            problem(kind + ": not declared offline");
-        else if (expect != Offline::May && m_c.offlineEvents != before + (offline ? 1 : 0))
-            problem(kind + ": offline raised " + std::to_string(m_c.offlineEvents - before) + " times");
-        m_c.offlineSeen += m_c.offlineEvents > before ? 1 : 0;
-        return Clock::now();
-    }
-
-    // The one way back for every link: attempt until it succeeds or the time is up.
-    // reconnect is false when the link never lost its connection.
+    // The one way back for every link: attempt until it works or the time is up.
     bool recover(Clock::time_point since, const std::function<bool()>& attempt, bool reconnect = true)
     {
         m_c.recovering = true;
         m_c.online = false;
-        const bool ok = waitFor(kOnlineWithinMs - static_cast<int>(secondsSince(since) * 1000), attempt);
+        const bool ok = waitFor(kOnlineWithinMs, attempt);
         if (!ok)
             problem("not working " + std::to_string(secondsSince(since)) + " s after the fault");
         m_c.worstRecoveryS = ok ? std::max(m_c.worstRecoveryS, secondsSince(since)) : m_c.worstRecoveryS;
@@ -297,13 +303,15 @@ private:
 };
 
 // A device server (network or USB) with a stream of frames of type 1280 from its head.
+// There is no reconnect inside these classes: a server that went offline is destroyed and
+// a new one is brought up with init.
 template <class Server>
-class DeviceLink : public LinkDriver {
+class DeviceLink : public Link {
 public:
-    using LinkDriver::LinkDriver;
+    using Link::Link;
 
 protected:
-    // Commands in turn, one each round; the first argument is the round.
+    // Commands in turn, one each round; each is given the round.
     void commands(const std::vector<std::function<bool(unsigned)>>& list)
     {
         if (!m_server || !m_server->isConnected()) {
@@ -314,19 +322,19 @@ protected:
         command(list[round % list.size()](round));
         sleepMs(50);
     }
-    void countStreamed(std::size_t bytes) { m_c.framesSent += static_cast<long long>(bytes / m_unitBytes); }
-    // There is no reconnect inside these classes: a server that went offline is destroyed.
     void dropServer()
     {
         if (m_server)
             m_server->deInit();
         m_server.reset();
     }
-    std::unique_ptr<Server> newServer(std::unique_ptr<Server> s)
+    void newServer(std::unique_ptr<Server> s)
     {
         s->registerModuleServerDataCB(&deviceCallback, &m_c);
-        return s;
+        m_server = std::move(s);
     }
+    // Frames handed out by the head: whole units of its stream.
+    void countStreamed(std::size_t bytes) { m_c.framesSent += static_cast<long long>(bytes / m_unitBytes); }
 
     std::unique_ptr<Server> m_server;
     std::size_t m_unitBytes = 1;
@@ -340,7 +348,6 @@ public:
         : DeviceLink(name, s, seed), m_head(head)
     {
     }
-
     bool up() override
     {
         if (m_head.start() != 0) {
@@ -348,11 +355,12 @@ public:
             return false;
         }
         startStream();
-        return reconnect(Clock::now());
+        return recover(Clock::now(), [&] { return reinit(); });
     }
     void down() override
     {
-        stopStream();
+        m_head.stopStream();
+        countStreamed(m_head.streamedBytes());
         dropServer();
         m_head.stop();
         m_c.online = false;
@@ -372,37 +380,37 @@ protected:
                       return m_server->getCameraExposure(&exposure) == 0;
                   }});
     }
-
-    void injectFault() override
+    std::vector<Fault> faults() override
     {
-        Clock::time_point end;
-        const int kind = pick(3);
-        if (kind == 0) {
-            // No heartbeat answers: offline once.
-            end = fault("silence", Offline::Must, between(3000, 4000), [&] { m_head.setSilent(true); },
-                        [&] { m_head.setSilent(false); });
-        } else if (kind == 1) {
-            // Only the command-data connection carries the heartbeat answers; a host that
-            // loses another one stays online, and the application rebuilds.
-            static const char* const kNames[] = {"command", "data", "command-data", "light-pen"};
-            const auto c = static_cast<ztSimNetworkHead::Channel>(pick(4));
-            const bool beats = c == ztSimNetworkHead::CommandData;
-            end = fault(std::string("closed ") + kNames[c] + " connection", beats ? Offline::Must : Offline::May,
-                        beats ? 0 : 3000, [&] { m_head.closeChannel(c); }, [] {});
-        } else {
-            // The head process restarts: every connection drops, the port is closed a while.
-            end = fault("restart", Offline::Must, between(500, 2500),
-                        [&] {
-                            stopStream();
-                            m_head.stop();
-                        },
-                        [&] {
-                            if (!waitFor(5000, [&] { return m_head.start() == 0; }))
-                                problem("the simulated head cannot listen again");
-                            startStream();
-                        });
-        }
-        reconnect(end);
+        // Only the command-data connection carries the heartbeat answers: a host that
+        // loses another one stays online, and the application rebuilds.
+        static const char* const kNames[] = {"command", "data", "command-data", "light-pen"};
+        const auto c = static_cast<ztSimNetworkHead::Channel>(pick(4));
+        const bool beats = c == ztSimNetworkHead::CommandData;
+        auto back = [&] { return reinit(); };
+        auto drop = [&] { dropServer(); };
+        return {{"silence", Offline::Must, 3000, 4000, [&] { m_head.setSilent(true); },
+                 [&] {
+                     m_head.setSilent(false);
+                     dropServer();
+                 },
+                 back},
+                {std::string("closed ") + kNames[c] + " connection", beats ? Offline::Must : Offline::May,
+                 beats ? 0 : 3000, beats ? 0 : 3000, [&, c] { m_head.closeChannel(c); }, drop, back},
+                // The head process restarts: every connection drops, the port is closed a while.
+                {"restart", Offline::Must, 500, 2500,
+                 [&] {
+                     m_head.stopStream();
+                     countStreamed(m_head.streamedBytes());
+                     m_head.stop();
+                 },
+                 [&] {
+                     if (!waitFor(5000, [&] { return m_head.start() == 0; }))
+                         problem("the simulated head cannot listen again");
+                     startStream();
+                     dropServer();
+                 },
+                 back}};
     }
 
 private:
@@ -413,26 +421,20 @@ private:
         m_unitBytes = unit.size();
         m_head.startStream(ztSimNetworkHead::Data, unit, 0, 4e6);
     }
-    void stopStream()
-    {
-        m_head.stopStream();
-        countStreamed(m_head.streamedBytes());
-    }
-    // The head tells the four connections apart by their order, so the new set must not
+    // The head tells the four connections apart by their order, so a new server must not
     // meet a channel that the head still holds for the old one; init is repeated (it
     // connects only what is missing) until the head is online.
-    bool reconnect(Clock::time_point since)
+    bool reinit()
     {
-        dropServer();
-        for (int c = 0; c < 4; ++c)
-            m_head.waitDisconnected(static_cast<ztSimNetworkHead::Channel>(c), 2000);
-        m_server = newServer(std::make_unique<ztEmbeddedModuleProxyServer>());
-        return recover(since, [&] {
-            if (m_server->init("127.0.0.1", "127.0.0.1", "SOAK-NET") == 0 && m_server->isConnected())
-                return true;
-            sleepMs(500);
-            return false;
-        });
+        if (!m_server) {
+            for (int c = 0; c < 4; ++c)
+                m_head.waitDisconnected(static_cast<ztSimNetworkHead::Channel>(c), 2000);
+            newServer(std::make_unique<ztEmbeddedModuleProxyServer>());
+        }
+        if (m_server->init("127.0.0.1", "127.0.0.1", "SOAK-NET") == 0 && m_server->isConnected())
+            return true;
+        sleepMs(500);
+        return false;
     }
 
     ztSimNetworkHead& m_head;
@@ -446,21 +448,16 @@ public:
         : DeviceLink(name, s, seed), m_head(head)
     {
     }
-
     bool up() override
     {
         // libusb's default context (the one the server handles events on) finds the
         // devices present when it starts, so the head comes first.
-        if (libusb_init(nullptr) != 0) {
-            problem("libusb cannot start");
-            return false;
-        }
-        m_contextUp = true;
+        m_contextUp = libusb_init(nullptr) == 0;
         const std::vector<char> payload(256 * 1024, '\x5a');
         const auto unit = ztSimUsbHead::extendedPacket(1280, 1, payload.data(), payload.size());
         m_unitBytes = unit.size();
         m_head.startStream(unit, 0, 8e6);
-        return reconnect(Clock::now(), false);
+        return m_contextUp && recover(Clock::now(), [&] { return restart(); });
     }
     void down() override
     {
@@ -479,44 +476,49 @@ protected:
     {
         m_head.clearCommands();
         commands({[&](unsigned r) { return m_server->setCameraExposure(static_cast<float>(2000 + r % 100)) == 0; },
-                  [&](unsigned) {
-                      float exposure = 0;
-                      return m_server->getCameraExposure(&exposure) == 0;
-                  },
+                  [&](unsigned) { return answers(); },
                   [&](unsigned) {
                       short w = 0, h = 0;
                       return m_server->getImageSize(&w, &h) == 0 && w > 0 && h > 0;
                   }});
     }
-
-    void injectFault() override
+    std::vector<Fault> faults() override
     {
-        const int kind = pick(3);
-        if (kind == 0) {
-            // Every IN transfer fails: the event endpoint no longer keeps the head alive.
-            const int error = pick(2) == 0 ? EPROTO : EPIPE;
-            reconnect(fault(error == EPROTO ? "transfer errors" : "stalls", Offline::Must, between(3000, 4000),
-                            [&] { m_head.failTransfers(true, error); }, [&] { m_head.failTransfers(false); }),
-                      false);
-        } else if (kind == 1) {
-            reconnect(fault("unplug", Offline::Must, between(500, 2000), [&] { m_head.unplug(); },
-                            [&] { m_head.replug(); }),
-                      true);
-        } else {
-            // Commands go unanswered, but event transfers still end at their time-out,
-            // which keeps the head alive: it stays online and answers again afterwards.
-            const auto end = fault("silence", Offline::MustNot, between(2000, 4000), [&] { m_head.setSilent(true); },
-                                   [&] { m_head.setSilent(false); });
-            recover(end, [&] {
-                float exposure = 0;
-                const bool ok = m_server->getCameraExposure(&exposure) == 0;
-                command(ok, true);
-                return ok;
-            }, false);
-        }
+        const int error = pick(2) == 0 ? EPROTO : EPIPE;
+        auto back = [&] { return restart(); };
+        // Every IN transfer fails: the event endpoint no longer keeps the head alive.
+        return {{error == EPROTO ? "transfer errors" : "stalls", Offline::Must, 3000, 4000,
+                 [&, error] { m_head.failTransfers(true, error); },
+                 [&] {
+                     m_head.failTransfers(false);
+                     dropServer();
+                 },
+                 back},
+                // Unplugged: the device is opened again once it is back.
+                {"unplug", Offline::Must, 500, 2000, [&] { m_head.unplug(); },
+                 [&] {
+                     m_head.replug();
+                     dropServer();
+                     closeHandle();
+                 },
+                 back},
+                // Commands go unanswered, but event transfers still end at their time-out,
+                // which keeps the head alive: it stays online and answers again afterwards.
+                {"silence", Offline::MustNot, 2000, 4000, [&] { m_head.setSilent(true); }, [&] { m_head.setSilent(false); },
+                 [&] {
+                     const bool ok = answers();
+                     command(ok, true);
+                     return ok;
+                 },
+                 false}};
     }
 
 private:
+    bool answers()
+    {
+        float exposure = 0;
+        return m_server->getCameraExposure(&exposure) == 0;
+    }
     void closeHandle()
     {
         if (m_handle != nullptr) {
@@ -525,25 +527,19 @@ private:
         }
         m_handle = nullptr;
     }
-    // A new server brought online; after an unplug the device is opened again.
-    bool reconnect(Clock::time_point since, bool reopen)
+    bool restart()
     {
+        if (m_handle == nullptr) {
+            m_handle = libusb_open_device_with_vid_pid(nullptr, ztSimUsbHead::kVendor, ztSimUsbHead::kProduct);
+            if (m_handle != nullptr && libusb_claim_interface(m_handle, ztSimUsbHead::kInterface) != 0)
+                closeHandle();
+        }
+        newServer(std::make_unique<ztUsbProxyServer>(ztSimUsbHead::deviceInfo(), m_handle));
+        if (m_handle != nullptr && m_server->init() == 0 && waitFor(3000, [&] { return m_server->isConnected(); }))
+            return true;
         dropServer();
-        if (reopen)
-            closeHandle();
-        return recover(since, [&] {
-            if (m_handle == nullptr) {
-                m_handle = libusb_open_device_with_vid_pid(nullptr, ztSimUsbHead::kVendor, ztSimUsbHead::kProduct);
-                if (m_handle == nullptr || libusb_claim_interface(m_handle, ztSimUsbHead::kInterface) != 0)
-                    closeHandle();
-            }
-            m_server = newServer(std::make_unique<ztUsbProxyServer>(ztSimUsbHead::deviceInfo(), m_handle));
-            if (m_handle != nullptr && m_server->init() == 0 && waitFor(3000, [&] { return m_server->isConnected(); }))
-                return true;
-            dropServer();
-            sleepMs(300);
-            return false;
-        });
+        sleepMs(300);
+        return false;
     }
 
     ztSimUsbHead& m_head;
@@ -551,22 +547,19 @@ private:
     libusb_device_handle* m_handle = nullptr;
 };
 
-class ModuleLink : public LinkDriver {
+// The module proxy host rebuilds its session by itself after a failed heartbeat.
+class ModuleLink : public Link {
 public:
-    using LinkDriver::LinkDriver;
+    using Link::Link;
 
     bool up() override
     {
-        if (m_module.start() != 0) {
-            problem("the simulated module cannot listen on its ports");
-            return false;
-        }
         m_host.registerModuleServerDataCB(&moduleCallback, &m_c);
-        if (m_host.init("127.0.0.1") != 0) {
-            problem("host init failed");
+        if (m_module.start() != 0 || m_host.init("127.0.0.1") != 0) {
+            problem("the simulated module or the host does not start");
             return false;
         }
-        return waitOnline(Clock::now());
+        return recover(Clock::now(), [&] { return registered(); });
     }
     void down() override
     {
@@ -580,9 +573,9 @@ protected:
     void traffic() override
     {
         m_module.clearRequests();
+        _ZT_HEARTBEAT_INFO_ info{};
         if (!m_c.online) {
-            // The host recovers by itself; a heartbeat tells when it has.
-            _ZT_HEARTBEAT_INFO_ info{};
+            // A heartbeat tells when the host has recovered by itself.
             if (m_host.heartbeat(&info) == 0) {
                 m_c.online = true;
                 ++m_c.reconnects;
@@ -592,17 +585,12 @@ protected:
         }
         for (int i = 0; i < 4; ++i)
             m_c.framesSent += m_module.client().sendDeviceData(m_frame++, 1, m_payload.data(), kFrameBytes, 2) == 0 ? 1 : 0;
-        bool ok = false;
         int a = 0, b = 0, c = 0;
-        _ZT_HEARTBEAT_INFO_ info{};
         const auto t = Clock::now();
         const unsigned round = m_round++ % 3;
-        if (round == 0)
-            ok = m_host.heartbeat(&info) == 0;
-        else if (round == 1)
-            ok = m_host.getVentoInfo(&a) == 0 && a == 7;
-        else
-            ok = m_host.getFirmwareVersion2(&a, &b, &c) == 0 && a == 2 && b == 4 && c == 1;
+        const bool ok = round == 0   ? m_host.heartbeat(&info) == 0
+                        : round == 1 ? m_host.getVentoInfo(&a) == 0 && a == 7
+                                     : m_host.getFirmwareVersion2(&a, &b, &c) == 0 && a == 2 && b == 4 && c == 1;
         command(ok);
         if (!ok) {
             // The failed request has made the host release the session; traffic waits for
@@ -613,40 +601,44 @@ protected:
         }
         sleepMs(40);
     }
-
-    void injectFault() override
+    // Down from the fault's first moment (memory is measured only while every link is up,
+    // and a stopped module has given its buffers back); the application's heartbeat goes
+    // on, and a failed one makes the host release its session.
+    std::vector<Fault> faults() override
     {
-        // Down from the fault's first moment: memory is measured only while every link is
-        // up, and a stopped module has given its buffers back. The application's
-        // heartbeat goes on meanwhile: a failed one makes the host release its session.
-        m_c.online = false;
-        auto heartbeats = [&](int ms) {
-            const auto end = Clock::now() + std::chrono::milliseconds(ms);
-            while (Clock::now() < end) {
-                _ZT_HEARTBEAT_INFO_ info{};
-                command(m_host.heartbeat(&info) == 0, true);
-                sleepMs(500);
-            }
+        auto down = [&] {
+            m_c.online = false;
+            ++m_c.offlineSeen;
         };
-        Clock::time_point end;
-        if (pick(2) == 0) {
-            end = fault("stop/start", Offline::May, between(1000, 3000), [&] { m_module.stop(); },
-                        [&] {
-                            m_module.clearRequests();
-                            if (!waitFor(5000, [&] { return m_module.start() == 0; }))
-                                problem("the simulated module cannot listen again");
-                        },
-                        heartbeats);
-        } else {
-            end = fault("silence", Offline::May, between(2000, 5000), [&] { m_module.setSilent(true); },
-                        [&] {
-                            m_module.setSilent(false);
-                            m_module.clearRequests();
-                        },
-                        heartbeats);
+        auto back = [&] { return registered(); };
+        return {{"stop/start", Offline::May, 1000, 3000,
+                 [&, down] {
+                     down();
+                     m_module.stop();
+                 },
+                 [&] {
+                     m_module.clearRequests();
+                     if (!waitFor(5000, [&] { return m_module.start() == 0; }))
+                         problem("the simulated module cannot listen again");
+                 },
+                 back},
+                {"silence", Offline::May, 2000, 5000,
+                 [&, down] {
+                     down();
+                     m_module.setSilent(true);
+                 },
+                 [&] {
+                     m_module.setSilent(false);
+                     m_module.clearRequests();
+                 },
+                 back}};
+    }
+    void hold(int ms) override
+    {
+        for (const auto end = Clock::now() + std::chrono::milliseconds(ms); Clock::now() < end; sleepMs(500)) {
+            _ZT_HEARTBEAT_INFO_ info{};
+            command(m_host.heartbeat(&info) == 0, true);
         }
-        ++m_c.offlineSeen;
-        waitOnline(end);
     }
 
 private:
@@ -656,19 +648,18 @@ private:
     // connection but outside the command lock, so a request sent before the register
     // reply has been taken could meet it: traffic starts once the module has seen the
     // register request, the host has taken its reply, and a heartbeat is answered.
-    bool waitOnline(Clock::time_point since)
+    bool registered()
     {
-        bool registered = false;
-        return recover(since, [&] {
-            ztSimModule::Request r;
-            while (!registered && m_module.nextRequest(r, 0))
-                registered = r.code == 1;
-            _ZT_HEARTBEAT_INFO_ info{};
-            if (registered && m_host.waitRegistered(2000) && m_host.heartbeat(&info) == 0)
-                return true;
-            sleepMs(200);
-            return false;
-        });
+        ztSimModule::Request r;
+        while (!m_registerSeen && m_module.nextRequest(r, 0))
+            m_registerSeen = r.code == 1;
+        _ZT_HEARTBEAT_INFO_ info{};
+        if (m_registerSeen && m_host.waitRegistered(2000) && m_host.heartbeat(&info) == 0) {
+            m_registerSeen = false;
+            return true;
+        }
+        sleepMs(200);
+        return false;
     }
 
     ztSimModule m_module;
@@ -676,9 +667,10 @@ private:
     std::vector<unsigned char> m_payload = std::vector<unsigned char>(kFrameBytes, 0xa5);
     unsigned long long m_frame = 0;
     unsigned m_round = 0;
+    bool m_registerSeen = false;
 };
 
-using Links = std::vector<std::unique_ptr<LinkDriver>>;
+using Links = std::vector<std::unique_ptr<Link>>;
 
 Links makeLinks(const Schedule& s, std::mt19937_64& seeder, ztSimNetworkHead& net, ztSimUsbHead& usb)
 {
