@@ -13,13 +13,12 @@
 #include <string>
 #include <vector>
 
+using zt::test::Clock;
 using zt::test::LogCapture;
 using zt::test::msSince;
 using Head = ztSimUsbHead;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 std::string payloadOf(const std::vector<char>& message)
 {
