@@ -59,6 +59,7 @@ TEST(UsbServer, ComesOnlineStopsAndStartsAgain)
     EXPECT_EQ(log.count("ztUsbProxyServer::[getSETFile] receive data error"), 5);
     EXPECT_EQ(requestsOf(o.head, 264), 5);
     EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 0u);
+    EXPECT_GE(o.head.heartbeatsReceived(), 8); // one every 500 ms meanwhile
     o.server->deInit();
     o.head.setAnswerHeartbeats(true);
 
