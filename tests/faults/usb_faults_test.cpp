@@ -71,7 +71,7 @@ TEST(UsbFaults, StreamAndCommandsThroughTransferErrorBursts)
     o.head.startStream(unit, 0, 2e6);
     ASSERT_TRUE(o.startServer());
     Exchange x;
-    for (int i = 0; i < 2000 && (i < 30 || o.calls.count(1280) < 30); ++i) {
+    for (int i = 0; i < 2000 && (i < 10 || o.calls.count(1280) < 10); ++i) {
         o.head.setStatusReply(13, i);
         ASSERT_EQ(x.run(*o.server, 13, 3000), 0);
         ASSERT_EQ(x.status(), Head::statusMessage(i));
