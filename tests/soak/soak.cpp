@@ -232,6 +232,10 @@ public:
             m_c.faultKinds.push_back(f.kind);
             const int before = m_c.offlineEvents;
             const auto start = Clock::now();
+            // Not online while the fault lasts: the memory figures are taken only while
+            // every link works, and a server whose connections dropped has let go of
+            // their buffers.
+            m_c.online = false;
             f.begin();
             const bool offline = f.offline == Offline::Must && waitFor(kOfflineWithinMs, [&] { return m_c.offlineEvents > before; });
             hold(between(f.loMs, f.hiMs) - static_cast<int>(secondsSince(start) * 1000));
@@ -601,19 +605,14 @@ protected:
         }
         sleepMs(40);
     }
-    // Down from the fault's first moment (memory is measured only while every link is up,
-    // and a stopped module has given its buffers back); the application's heartbeat goes
-    // on, and a failed one makes the host release its session.
+    // The host has no offline callback: every fault counts as offline. The application's
+    // heartbeat goes on meanwhile, and a failed one makes the host release its session.
     std::vector<Fault> faults() override
     {
-        auto down = [&] {
-            m_c.online = false;
-            ++m_c.offlineSeen;
-        };
         auto back = [&] { return registered(); };
         return {{"stop/start", Offline::May, 1000, 3000,
-                 [&, down] {
-                     down();
+                 [&] {
+                     ++m_c.offlineSeen;
                      m_module.stop();
                  },
                  [&] {
@@ -623,8 +622,8 @@ protected:
                  },
                  back},
                 {"silence", Offline::May, 2000, 5000,
-                 [&, down] {
-                     down();
+                 [&] {
+                     ++m_c.offlineSeen;
                      m_module.setSilent(true);
                  },
                  [&] {
