@@ -210,8 +210,13 @@ TEST(UsbServer, StreamPacketsArriveWholeAndInOrderPastNoiseAndBadHeaders)
     const std::uint32_t huge = 0x1E00001;
     std::memcpy(tooLong.data() + 1, &huge, 4);
     stream.insert(stream.end(), tooLong.begin(), tooLong.end());
-    // Then packets larger than a transfer, cut so that each crosses transfers.
-    std::vector<std::string> expected;
+    // Then the smallest packet (160 bytes) and packets larger than a transfer, cut so that
+    // each crosses transfers.
+    const std::string least(160 - 77, 'm');
+    const auto first = Head::extendedPacket(1280, 99, least.data(), least.size());
+    ASSERT_EQ(first.size(), 160u);
+    stream.insert(stream.end(), first.begin(), first.end());
+    std::vector<std::string> expected{payloadOf(first)};
     for (int i = 0; i < 12; ++i) {
         std::string body(300000 + 12345 * i, static_cast<char>('A' + i));
         const auto p = Head::extendedPacket(1280, static_cast<unsigned long long>(i), body.data(), body.size());
@@ -221,7 +226,7 @@ TEST(UsbServer, StreamPacketsArriveWholeAndInOrderPastNoiseAndBadHeaders)
     for (std::size_t at = 0; at < stream.size(); at += 777777)
         o.head.pushStream(std::vector<char>(stream.begin() + static_cast<std::ptrdiff_t>(at),
                                             stream.begin() + static_cast<std::ptrdiff_t>(std::min(stream.size(), at + 777777))));
-    EXPECT_EQ(o.calls.of(1280, 12, 10000), expected);
+    EXPECT_EQ(o.calls.of(1280, 13, 10000), expected);
 }
 
 TEST(UsbServer, ControlExchange)
