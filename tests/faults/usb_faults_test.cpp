@@ -1,124 +1,34 @@
 // Faults of the USB head while the link is busy: transfers completing with errors, the
 // device vanishing and coming back, replies that arrive after their command gave up, and a
 // stream consumer that falls behind. Real libusb against the emulated head.
-#include "support/data_calls.h"
+#include "support/destroy_on_offline.h"
 #include "support/log_capture.h"
-#include "ztSimUsbHead.h"
-#include "ztUsbProxyServer.h"
+#include "support/usb_online.h"
 
 #include <gtest/gtest.h>
-#include <libusb.h>
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <functional>
-#include <memory>
-#include <mutex>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
+using zt::test::Clock;
+using zt::test::DataCalls;
 using zt::test::LogCapture;
+using zt::test::msSince;
+using zt::test::UsbOnline;
 using Head = ztSimUsbHead;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
 // Allowance on top of a nominal duration for a loaded machine (parallel tests,
-// sanitizers); bounds then still tell a time-out from a wedge.
-constexpr long long kSlackMs = 3000;
+// sanitizers); bounds then still tell a period or a time-out from the next one.
+constexpr long long kSlackMs = 2000;
 // The offline declaration: five silent 500 ms heartbeat periods, then the release pause.
 constexpr long long kOfflineMs = 3000;
-
-long long msSince(Clock::time_point t0)
-{
-    return std::chrono::duration_cast<milliseconds>(Clock::now() - t0).count();
-}
-
-using Calls = zt::test::DataCalls;
-
-// The emulated head, opened on libusb's default context (the one the server drives), with a
-// server online on it.
-struct Online {
-    Head head;
-    Calls calls;
-    libusb_device_handle* handle = nullptr;
-    std::unique_ptr<ztUsbProxyServer> server;
-    bool libusbUp = false;
-
-    void open()
-    {
-        ASSERT_EQ(head.start(), 0);
-        ASSERT_EQ(libusb_init(nullptr), 0);
-        libusbUp = true;
-        handle = libusb_open_device_with_vid_pid(nullptr, Head::kVendor, Head::kProduct);
-        ASSERT_NE(handle, nullptr);
-        ASSERT_EQ(libusb_claim_interface(handle, Head::kInterface), 0);
-    }
-    void start()
-    {
-        open();
-        if (testing::Test::HasFatalFailure())
-            return;
-        server = std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), handle);
-        server->registerModuleServerDataCB(&Calls::cb, &calls);
-        ASSERT_EQ(server->init(), 0);
-    }
-    // Ends the server and closes the handle (a handle of an unplugged device included).
-    void close()
-    {
-        if (server)
-            server->deInit();
-        server.reset();
-        if (handle != nullptr) {
-            libusb_release_interface(handle, Head::kInterface);
-            libusb_close(handle);
-            handle = nullptr;
-        }
-    }
-    bool waitConnected(int timeoutMs)
-    {
-        const auto t0 = Clock::now();
-        while (!server->isConnected() && msSince(t0) < timeoutMs)
-            std::this_thread::sleep_for(milliseconds(20));
-        return server->isConnected();
-    }
-    ~Online()
-    {
-        calls.release();
-        close();
-        if (libusbUp)
-            libusb_exit(nullptr);
-        head.stop();
-    }
-};
-
-// A command run on its own thread, with its result and how long it took.
-struct InFlight {
-    std::atomic<int> result{1};
-    std::atomic<long long> tookMs{-1};
-    Clock::time_point endedAt; // read after join
-    std::thread thread;
-    explicit InFlight(std::function<int()> command)
-        : thread([this, command] {
-              const auto t0 = Clock::now();
-              result = command();
-              endedAt = Clock::now();
-              tookMs = std::chrono::duration_cast<milliseconds>(endedAt - t0).count();
-          })
-    {
-    }
-    ~InFlight()
-    {
-        if (thread.joinable())
-            thread.join();
-    }
-    void join() { thread.join(); }
-};
 
 // A raw exchange through the server's control path with its own reply buffer.
 struct Exchange {
@@ -132,115 +42,72 @@ struct Exchange {
     std::vector<char> status() const { return std::vector<char>(reply.begin(), reply.begin() + 12); }
 };
 
-std::vector<char> streamPacket(std::size_t bodySize, unsigned long long stamp = 1)
+std::vector<char> streamPacket(std::size_t bodySize)
 {
     const std::string body(bodySize, 'u');
-    return Head::extendedPacket(1280, stamp, body.data(), body.size());
+    return Head::extendedPacket(1280, 1, body.data(), body.size());
 }
 
-std::string payloadOf(const std::vector<char>& message)
+// Every frame delivered is the unit; how many there are.
+std::size_t unitsDelivered(UsbOnline& o, const std::vector<char>& unit)
 {
-    return std::string(message.begin() + 7, message.end() - 1);
-}
-
-// A getImageSize reply payload: status word, then width and height as 16-bit values.
-std::vector<char> imageSize(short width, short height)
-{
-    std::vector<char> p(8, 0);
-    std::memcpy(&p[4], &width, 2);
-    std::memcpy(&p[6], &height, 2);
-    return p;
-}
-
-TEST(UsbFaults, TransferErrorBurstsWhileStreamingAndCommanding)
-{
-    LogCapture log;
-    Online o;
-    o.start();
-    ASSERT_TRUE(o.waitConnected(2000));
-    const auto unit = streamPacket(100000);
-    const std::size_t total = 150;
-    o.head.startStream(unit, total, 2e6);
-    ASSERT_GE(o.calls.waitCount(1280, 5, 5000), 5u);
-
-    Exchange x;
-    const int errors[2] = {EPROTO, EPIPE};
-    for (int i = 0; i < 2; ++i) {
-        // The head answers this command nothing, so that no late reply can pass for the
-        // next command's (what a late reply does is its own scenario below).
-        o.head.setNoReply(13);
-        o.head.failTransfers(true, errors[i]);
-        std::this_thread::sleep_for(milliseconds(100));
-        // An error completion carries nothing: no stream bytes, no control reply, no
-        // event are taken while the errors last.
-        const std::size_t handed = o.head.streamedBytes();
-        const auto t0 = Clock::now();
-        EXPECT_EQ(x.run(*o.server, 13, 400), -1);
-        EXPECT_GE(msSince(t0), 400);
-        EXPECT_EQ(log.count("ztUsbProxyServer::sendCtrlCmd timeout"), i + 1);
-        const auto event = Head::message(static_cast<unsigned short>(730 + i), "ev", 2);
-        o.head.pushEvent(event);
-        std::this_thread::sleep_for(milliseconds(100));
-        EXPECT_EQ(o.head.streamedBytes(), handed);
-        EXPECT_EQ(o.calls.count(730 + i), 0u);
-
-        // Every transfer was resubmitted: once the errors stop, what waited arrives.
-        o.head.failTransfers(false);
-        EXPECT_EQ(o.calls.waitCount(730 + i, 1, 3000), 1u);
-        const auto t1 = Clock::now();
-        while (o.head.streamedBytes() == handed && msSince(t1) < 3000)
-            std::this_thread::sleep_for(milliseconds(10));
-        EXPECT_GT(o.head.streamedBytes(), handed);
-        o.head.setStatusReply(13, 40 + i);
-        ASSERT_EQ(x.run(*o.server, 13, 3000), 0);
-        EXPECT_EQ(x.status(), Head::statusMessage(40 + i));
-    }
-
-    // Data that waited is not lost or doubled: the stream arrives whole, in its count.
-    ASSERT_TRUE(o.head.waitStreamDone(20000));
-    EXPECT_EQ(o.calls.waitCount(1280, total, 5000), total);
-    std::this_thread::sleep_for(milliseconds(200));
     const auto got = o.calls.payloads(1280);
-    EXPECT_EQ(got.size(), total);
     for (const auto& p : got)
-        ASSERT_EQ(p, payloadOf(unit));
-    // Short bursts never reach the five silent heartbeat periods.
-    EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 0u);
-    EXPECT_TRUE(o.server->isConnected());
+        EXPECT_EQ(p, std::string(unit.begin() + 7, unit.end() - 1));
+    return got.size();
 }
 
 // libusb hands completions to whichever thread handles events: a command's or the
 // heartbeat's synchronous transfer runs stream completions, even while the receive thread
-// is still submitting and counting transfers (stream data already waits when init starts
-// and asks its first query). No packet is lost or doubled, and deInit still finds every
-// transfer back.
-TEST(UsbFaults, StreamCompletionsOnCommandThreads)
+// is still submitting its transfers (the stream already runs when init asks its first
+// query). Bursts of failing transfers carry nothing and are resubmitted at once.
+TEST(UsbFaults, StreamAndCommandsThroughTransferErrorBursts)
 {
-    Online o;
-    o.open();
-    ASSERT_FALSE(HasFatalFailure());
-    const auto unit = streamPacket(20000);
-    const std::size_t total = 600;
-    o.head.startStream(unit, total, 4e6);
-    o.server = std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle);
-    o.server->registerModuleServerDataCB(&Calls::cb, &o.calls);
-    ASSERT_EQ(o.server->init(), 0);
+    LogCapture log;
+    UsbOnline o;
+    ASSERT_TRUE(o.open());
+    // Slow enough that what waits during a burst fits in the 64 stream frames.
+    const auto unit = streamPacket(50000);
+    o.head.startStream(unit, 0, 2e6);
+    ASSERT_TRUE(o.startServer());
     Exchange x;
-    int ok = 0;
-    for (int i = 0; i < 2000 && (i < 30 || !o.head.waitStreamDone(0)); ++i) {
+    for (int i = 0; i < 2000 && (i < 10 || o.calls.count(1280) < 10); ++i) {
         o.head.setStatusReply(13, i);
         ASSERT_EQ(x.run(*o.server, 13, 3000), 0);
         ASSERT_EQ(x.status(), Head::statusMessage(i));
-        ++ok;
     }
-    EXPECT_GT(ok, 0);
-    ASSERT_TRUE(o.head.waitStreamDone(10000));
-    EXPECT_EQ(o.calls.waitCount(1280, total, 5000), total);
-    std::this_thread::sleep_for(milliseconds(100));
-    EXPECT_EQ(o.calls.count(1280), total);
-    // Back-to-back commands may keep the heartbeat waiting for the command lock, but the
-    // head is never given up.
+    ASSERT_GE(o.calls.waitCount(1280, 5, 5000), 5u);
+
+    const int errors[2] = {EPROTO, EPIPE};
+    for (int i = 0; i < 2; ++i) {
+        // No reply is set, so that none can come late for the next command.
+        o.head.setNoReply(13);
+        o.head.failTransfers(true, errors[i]);
+        const std::size_t handed = o.head.streamedBytes();
+        o.head.pushEvent(Head::message(static_cast<unsigned short>(730 + i), "ev", 2));
+        const auto t0 = Clock::now();
+        EXPECT_EQ(x.run(*o.server, 13, 400), -1);
+        EXPECT_GE(msSince(t0), 400);
+        EXPECT_EQ(log.count("ztUsbProxyServer::sendCtrlCmd timeout"), i + 1);
+        // No stream bytes, control reply or event were taken while the errors lasted.
+        EXPECT_EQ(o.head.streamedBytes(), handed);
+        EXPECT_EQ(o.calls.count(730 + i), 0u);
+        // Every transfer was resubmitted: once the errors stop, what waited arrives.
+        o.head.failTransfers(false);
+        EXPECT_EQ(o.calls.waitCount(730 + i, 1, 3000), 1u);
+        EXPECT_TRUE(zt::test::waitUntil(3000, [&] { return o.head.streamedBytes() > handed; }));
+        o.head.setStatusReply(13, 40 + i);
+        ASSERT_EQ(x.run(*o.server, 13, 3000), 0);
+        EXPECT_EQ(x.status(), Head::statusMessage(40 + i));
+    }
+    // Nothing lost or doubled: the whole units the head handed out, once each.
+    o.head.stopStream();
+    const std::size_t units = o.head.streamedBytes() / unit.size();
+    EXPECT_EQ(o.calls.waitCount(1280, units, 5000), units);
+    EXPECT_EQ(unitsDelivered(o, unit), units);
+    // Short bursts never reach the five silent heartbeat periods.
     EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 0u);
+    EXPECT_TRUE(o.server->isConnected());
     // The release pause, then the receive thread notices the stop flags when its event
     // wait (at most 1 s) returns, and drains.
     const auto t0 = Clock::now();
@@ -248,65 +115,65 @@ TEST(UsbFaults, StreamCompletionsOnCommandThreads)
     EXPECT_LT(msSince(t0), 1500 + kSlackMs);
 }
 
-TEST(UsbFaults, LastingTransferErrorsTakeTheHeadOffline)
+// Lasting errors while a command waits for its reply: the command times out, the heartbeat
+// (waiting for the command lock meanwhile) then counts five silent periods, and the owner
+// destroys the server in the offline callback.
+TEST(UsbFaults, LastingTransferErrorsTakeTheHeadOfflineAfterFiveSilentBeats)
 {
     LogCapture log(ZTLOG_LEVEL_INFO);
-    Online o;
-    o.start();
-    ASSERT_TRUE(o.waitConnected(2000));
+    UsbOnline o;
+    ASSERT_TRUE(o.open());
+    zt::test::DestroyOnOffline<ztUsbProxyServer> owner(std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle));
+    struct Both {
+        DataCalls* calls;
+        zt::test::DestroyOnOffline<ztUsbProxyServer>* owner;
+    } both{&o.calls, &owner};
+    owner.server->registerModuleServerDataCB(
+        [](int type, char* data, int length, void* user) {
+            auto* b = static_cast<Both*>(user);
+            DataCalls::cb(type, data, length, b->calls);
+            zt::test::DestroyOnOffline<ztUsbProxyServer>::cb(type, data, length, b->owner);
+        },
+        &both);
+    ASSERT_EQ(owner.server->init(), 0);
     o.head.startStream(streamPacket(50000), 0, 4e6);
     ASSERT_GE(o.calls.waitCount(1280, 5, 5000), 5u);
-    o.head.setNoReply(13);
-    o.head.clearCommands();
-    InFlight trigger([&] { return o.server->sendTrigger(); });
-    Head::Request r;
-    ASSERT_TRUE(o.head.nextCommand(r, 10000));
-    EXPECT_EQ(r.type, 13);
 
+    // The errors begin just after a heartbeat answer arrived: its period counts as alive,
+    // every later one is silent.
+    const std::size_t answers = o.calls.count(Head::kHeartbeatType); // raised as events
+    ASSERT_GT(o.calls.waitCount(Head::kHeartbeatType, answers + 1, 3000), answers);
     o.head.failTransfers(true, EPROTO);
-    // The command in flight ends by its time-out. It holds the command lock all along, and
-    // the heartbeat waits for that lock to send its beat: the silent periods are counted
-    // from the command's end.
-    trigger.join();
-    EXPECT_EQ(trigger.result, -1);
-    EXPECT_GE(trigger.tookMs, 2900);
-    EXPECT_LT(trigger.tookMs, 3000 + 1500 + kSlackMs); // its send may take up to 1500 ms too
+    const int beats = o.head.heartbeatsReceived();
+    auto t0 = Clock::now();
+    EXPECT_EQ(owner.server->sendTrigger(), -1);
+    EXPECT_GE(msSince(t0), 2990);
+    EXPECT_LT(msSince(t0), 3000 + kSlackMs);
     EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 0u);
-    ASSERT_EQ(o.calls.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 10000), 1u);
-    // The first period after the command may still count as alive (events completed
-    // before the errors began); then five silent periods and the release pause.
-    const auto offlineAfter = std::chrono::duration_cast<milliseconds>(Clock::now() - trigger.endedAt).count();
-    EXPECT_GE(offlineAfter, 2400);
-    EXPECT_LT(offlineAfter, 500 + kOfflineMs + kSlackMs);
-    EXPECT_FALSE(o.server->isConnected());
+    // Counted in beats: failing transfers resubmitted at once keep libusb's event
+    // handling busy, which stretches each period on a loaded machine.
+    t0 = Clock::now();
+    ASSERT_TRUE(owner.waitGone(15000));
+    EXPECT_GE(msSince(t0), kOfflineMs - 100);
+    EXPECT_EQ(o.head.heartbeatsReceived() - beats, 5);
+    EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 1u);
     EXPECT_TRUE(log.waitFor("ztUsbProxyServer::heartbeat timeout, usbdevice sn : ZTSIM0001", 1000));
     EXPECT_EQ(log.count("ztUsbProxyServer::sendCtrlCmd timeout"), 1);
     EXPECT_EQ(log.count("ztUsbProxyServer::[sendTrigger] send cmd failed"), 1);
-    // No transfer is resubmitted any more: the event loop drains and ends.
-    EXPECT_TRUE(log.waitFor("usb event receive loop stop", 3000));
-    EXPECT_EQ(log.count("usb stream receive loop stop"), 1);
-    EXPECT_EQ(log.count("usb control receive loop stop"), 1);
-    const std::size_t delivered = o.calls.count(1280);
-    o.head.failTransfers(false);
-    std::this_thread::sleep_for(milliseconds(1000));
-    EXPECT_EQ(o.calls.count(1280), delivered);
-    EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 1u);
+    // No transfer is resubmitted any more: every loop drains and ends.
+    for (const char* stop : {"usb event receive loop stop", "usb stream receive loop stop", "usb control receive loop stop"})
+        EXPECT_EQ(log.count(stop), 1) << stop;
+    for (unsigned char ep : {Head::kStreamIn, Head::kCtrlIn, Head::kEventIn})
+        EXPECT_EQ(o.head.pendingTransfers(ep), 0) << int(ep);
     EXPECT_EQ(log.count("ztUsbProxyServer::heartbeat timeout, usbdevice sn : ZTSIM0001"), 1);
-
-    auto t1 = Clock::now();
-    o.server->deInit();
-    EXPECT_LT(msSince(t1), 500 + kSlackMs);
-    t1 = Clock::now();
-    o.server->deInit();
-    EXPECT_LT(msSince(t1), 500 + kSlackMs);
 }
 
 TEST(UsbFaults, DeviceVanishesWhileStreamingAndCommandingThenANewServerOnTheReplug)
 {
     LogCapture log(ZTLOG_LEVEL_INFO);
-    Online o;
-    o.start();
-    ASSERT_TRUE(o.waitConnected(2000));
+    UsbOnline o;
+    ASSERT_TRUE(o.start());
+    ASSERT_TRUE(o.waitConnected());
     const auto unit = streamPacket(50000);
     o.head.startStream(unit, 0, 4e6);
     ASSERT_GE(o.calls.waitCount(1280, 5, 5000), 5u);
@@ -315,21 +182,17 @@ TEST(UsbFaults, DeviceVanishesWhileStreamingAndCommandingThenANewServerOnTheRepl
     std::thread commands([&] {
         while (!stop) {
             (o.server->sendTrigger() == 0 ? ok : failed)++;
-            std::this_thread::sleep_for(milliseconds(10));
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     });
-    // Up to 10 s for the first success: a slow (sanitizer) build on a loaded machine may
-    // see a command or two time out before one gets through.
-    for (int i = 0; i < 1000 && ok == 0; ++i)
-        std::this_thread::sleep_for(milliseconds(10));
-    EXPECT_GT(ok, 0);
+    // A slow (sanitizer) build on a loaded machine may see a command time out first.
+    EXPECT_TRUE(zt::test::waitUntil(10000, [&] { return ok > 0; }));
 
     const auto t0 = Clock::now();
     o.head.unplug();
     ASSERT_EQ(o.calls.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 10000), 1u);
-    const long long offlineAfter = msSince(t0);
-    EXPECT_GE(offlineAfter, 2400);
-    EXPECT_LT(offlineAfter, kOfflineMs + kSlackMs);
+    EXPECT_GE(msSince(t0), kOfflineMs - 600); // the first period may end at once
+    EXPECT_LT(msSince(t0), kOfflineMs + kSlackMs);
     stop = true;
     commands.join();
     EXPECT_GT(failed, 0);
@@ -341,34 +204,25 @@ TEST(UsbFaults, DeviceVanishesWhileStreamingAndCommandingThenANewServerOnTheRepl
     EXPECT_TRUE(log.waitFor("usb event receive loop stop", 3000));
     EXPECT_EQ(log.count("usb stream receive loop stop"), 1);
     EXPECT_EQ(log.count("usb control receive loop stop"), 1);
-
+    for (int i = 0; i < 2; ++i) { // twice is harmless
+        const auto t1 = Clock::now();
+        o.server->deInit();
+        EXPECT_LT(msSince(t1), 500 + kSlackMs);
+    }
     const std::size_t delivered = o.calls.count(1280);
-    std::this_thread::sleep_for(milliseconds(1000));
     EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 1u);
-    EXPECT_EQ(o.calls.count(1280), delivered);
-    auto t1 = Clock::now();
-    o.server->deInit();
-    EXPECT_LT(msSince(t1), 500 + kSlackMs);
-    t1 = Clock::now();
-    o.server->deInit();
-    EXPECT_LT(msSince(t1), 500 + kSlackMs);
 
     // There is no reconnect inside a server: the owner opens the device again and builds
     // a new one, which comes online and streams.
     o.close();
     o.head.replug();
-    o.handle = libusb_open_device_with_vid_pid(nullptr, Head::kVendor, Head::kProduct);
-    ASSERT_NE(o.handle, nullptr);
-    ASSERT_EQ(libusb_claim_interface(o.handle, Head::kInterface), 0);
-    o.server = std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle);
-    o.server->registerModuleServerDataCB(&Calls::cb, &o.calls);
-    ASSERT_EQ(o.server->init(), 0);
+    ASSERT_TRUE(o.openHandle());
+    ASSERT_TRUE(o.startServer());
     EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_ONLINE), 2u);
     EXPECT_GE(o.calls.waitCount(1280, delivered + 10, 5000), delivered + 10);
     EXPECT_EQ(o.server->sendTrigger(), 0);
-    EXPECT_TRUE(o.waitConnected(2000));
-    for (const auto& p : o.calls.payloads(1280))
-        ASSERT_EQ(p, payloadOf(unit));
+    EXPECT_TRUE(o.waitConnected());
+    EXPECT_GE(unitsDelivered(o, unit), delivered + 10);
 }
 
 // A reply that arrives after its command gave up is the first whole message the next
@@ -376,19 +230,19 @@ TEST(UsbFaults, DeviceVanishesWhileStreamingAndCommandingThenANewServerOnTheRepl
 TEST(UsbFaults, StaleRepliesAndTheNextCommand)
 {
     LogCapture log;
-    Online o;
-    o.start();
-    ASSERT_TRUE(o.waitConnected(2000));
+    UsbOnline o;
+    ASSERT_TRUE(o.start());
+    ASSERT_TRUE(o.waitConnected());
     o.head.startStream(streamPacket(20000), 0, 2e6);
     Exchange x;
     short w = 0, h = 0;
+    auto getSize = [&] { return o.server->getImageSize(&w, &h); };
     // A command's reply may reach the host after the command returned (it took an
-    // earlier one): let control IN hand out whatever is queued before the next phase.
+    // earlier one): control IN hands out whatever is queued before the next phase.
     auto settle = [&] {
-        std::this_thread::sleep_for(milliseconds(200));
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
         EXPECT_TRUE(o.head.waitPending(Head::kCtrlIn, 1, 2000));
     };
-    auto getSize = [&] { return o.server->getImageSize(&w, &h); };
     // A command times out while control IN fails, so its reply waits in the head; the
     // next command's reply is set, and control IN delivers again once that command's
     // request is out.
@@ -396,22 +250,22 @@ TEST(UsbFaults, StaleRepliesAndTheNextCommand)
         settle();
         o.head.failTransfers(true, EPROTO);
         EXPECT_EQ(x.run(*o.server, staleType, 300), -1);
-        o.head.setEchoReply(4, imageSize(1024, 768));
+        o.head.setEchoReply(4, {0, 0, 0, 0, 0, 4, 0, 3}); // 1024 x 768
         o.head.clearCommands();
-        auto query = std::make_unique<InFlight>(getSize);
+        const auto t0 = Clock::now();
+        auto query = std::async(std::launch::async, getSize);
         Head::Request r;
         EXPECT_TRUE(o.head.nextCommand(r, 10000));
         EXPECT_EQ(r.type, 4);
         o.head.failTransfers(false);
-        query->join();
-        return query;
+        const int result = query.get();
+        EXPECT_LT(msSince(t0), 3000 + kSlackMs);
+        return result;
     };
 
     // A late reply of the expected type passes for the next command's own.
-    o.head.setEchoReply(4, imageSize(640, 480));
-    auto query = nextWhileHeld(4);
-    EXPECT_EQ(query->result, 0);
-    EXPECT_LT(query->tookMs, 3000 + 1500 + kSlackMs);
+    o.head.setEchoReply(4, {0, 0, 0, 0, '\x80', 2, '\xE0', 1}); // 640 x 480
+    EXPECT_EQ(nextWhileHeld(4), 0);
     EXPECT_EQ(w, 640);
     EXPECT_EQ(h, 480);
     // Its own reply came after it and is emptied by the command after.
@@ -422,9 +276,7 @@ TEST(UsbFaults, StaleRepliesAndTheNextCommand)
 
     // A late status reply fails a query: wrong type.
     w = h = 0;
-    query = nextWhileHeld(13);
-    EXPECT_EQ(query->result, -1);
-    EXPECT_LT(query->tookMs, 3000 + 1500 + kSlackMs);
+    EXPECT_EQ(nextWhileHeld(13), -1);
     EXPECT_EQ(log.count("ztUsbProxyServer::[getImageSize] receive data error"), 1);
     EXPECT_EQ(w, 0);
     settle();
@@ -435,41 +287,44 @@ TEST(UsbFaults, StaleRepliesAndTheNextCommand)
     EXPECT_TRUE(o.server->isConnected());
 }
 
+// The stream consumer is held in its callback for longer than the heartbeat allows a
+// silent device; commands, events and the heartbeat go on meanwhile. The 64 stream
+// frames fill and the rest is dropped without a word.
 TEST(UsbFaults, FullStreamPoolStallsNeitherCommandsNorEventsNorTheHeartbeat)
 {
     LogCapture log;
-    Online o;
-    o.start();
-    ASSERT_TRUE(o.waitConnected(2000));
+    UsbOnline o;
+    ASSERT_TRUE(o.start());
+    ASSERT_TRUE(o.waitConnected());
     o.calls.holdOn(1280);
     const auto packet = streamPacket(1000);
     for (int i = 0; i < 100; ++i)
         o.head.pushStream(packet);
 
-    // The stream consumer is held in its callback for longer than the heartbeat allows
-    // a silent device; commands, events and the heartbeat go on meanwhile.
     Exchange x;
     const auto t0 = Clock::now();
-    for (int i = 0; msSince(t0) < 3000; ++i) {
+    for (int i = 0; msSince(t0) < kOfflineMs; ++i) {
         o.head.setStatusReply(13, 50 + i);
         ASSERT_EQ(x.run(*o.server, 13, 3000), 0);
         EXPECT_EQ(x.status(), Head::statusMessage(50 + i));
         o.head.pushEvent(Head::message(static_cast<unsigned short>(740 + i), "e", 1));
         EXPECT_EQ(o.calls.waitCount(740 + i, 1, 2000), 1u);
-        std::this_thread::sleep_for(milliseconds(200));
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
     EXPECT_TRUE(o.server->isConnected());
     EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 0u);
     EXPECT_EQ(o.head.queuedStreamBytes(), 0u);
+    // Every transfer back in flight: all completions with the packets have been handled.
     ASSERT_TRUE(o.head.waitPending(Head::kStreamIn, 32, 5000));
 
     o.calls.release();
-    // The frame in the callback and the 63 queued behind it; the rest were dropped.
+    // The frame in the callback and the 63 queued behind it.
     EXPECT_EQ(o.calls.waitCount(1280, 64, 3000), 64u);
-    std::this_thread::sleep_for(milliseconds(200));
-    EXPECT_EQ(o.calls.count(1280), 64u);
     o.head.pushStream(packet);
     EXPECT_EQ(o.calls.waitCount(1280, 65, 3000), 65u);
+    EXPECT_EQ(unitsDelivered(o, packet), 65u);
+    for (const auto& line : log.lines())
+        EXPECT_EQ(line.text.find("xfer_callback_stream"), std::string::npos) << line.text;
 }
 
 } // namespace

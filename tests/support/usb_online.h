@@ -1,0 +1,90 @@
+// The emulated USB head opened on libusb's default context (the one ztUsbProxyServer
+// handles its events on), with a server on it whose data callback is recorded. For test
+// programs that run with the umockdev preload (usb_emulation_main.cpp).
+#pragma once
+
+#include "support/data_calls.h"
+#include "ztSimUsbHead.h"
+#include "ztUsbProxyServer.h"
+
+#include <libusb.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+
+namespace zt::test {
+
+using Clock = std::chrono::steady_clock;
+
+inline long long msSince(Clock::time_point t0)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
+}
+
+// Polls pred every 10 ms until it holds or timeoutMs have passed; its last answer.
+inline bool waitUntil(int timeoutMs, const std::function<bool()>& pred)
+{
+    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!pred() && Clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return pred();
+}
+
+struct UsbOnline {
+    ztSimUsbHead head;
+    DataCalls calls;
+    libusb_device_handle* handle = nullptr;
+    std::unique_ptr<ztUsbProxyServer> server;
+    bool contextUp = false;
+
+    // The head, libusb's default context (it finds the devices present when it starts, so
+    // the head comes first) and a handle with the interface claimed.
+    bool open()
+    {
+        if (head.start() != 0 || libusb_init(nullptr) != 0)
+            return false;
+        contextUp = true;
+        return openHandle();
+    }
+    bool openHandle()
+    {
+        handle = libusb_open_device_with_vid_pid(nullptr, ztSimUsbHead::kVendor, ztSimUsbHead::kProduct);
+        return handle != nullptr && libusb_claim_interface(handle, ztSimUsbHead::kInterface) == 0;
+    }
+    // A new server on the handle, its callback recorded in calls; true when init succeeds.
+    bool startServer()
+    {
+        server = std::make_unique<ztUsbProxyServer>(ztSimUsbHead::deviceInfo(), handle);
+        server->registerModuleServerDataCB(&DataCalls::cb, &calls);
+        return server->init() == 0;
+    }
+    bool start() { return open() && startServer(); }
+    bool waitConnected(int timeoutMs = 3000)
+    {
+        return waitUntil(timeoutMs, [&] { return server->isConnected(); });
+    }
+    // Ends the server and closes the handle (a handle of an unplugged device included).
+    void close()
+    {
+        calls.release();
+        if (server)
+            server->deInit();
+        server.reset();
+        if (handle != nullptr) {
+            libusb_release_interface(handle, ztSimUsbHead::kInterface);
+            libusb_close(handle);
+            handle = nullptr;
+        }
+    }
+    ~UsbOnline()
+    {
+        close();
+        if (contextUp)
+            libusb_exit(nullptr);
+        head.stop();
+    }
+};
+
+} // namespace zt::test
