@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <mutex>
 
 using namespace zt::test;
@@ -48,9 +49,10 @@ TEST(HostSession, WithoutAModuleRequestsFailAndConnectingGoesOnEvery200ms)
 
 // Records the notifications the host's callback receives; on device state 7 the callback
 // makes a request, on state 8 it stops the host, both from the host's own thread.
+using Seen = std::vector<std::pair<int, std::vector<char>>>;
 struct Notes {
     std::mutex mutex;
-    std::vector<std::pair<int, std::vector<char>>> seen;
+    Seen seen;
     ztModuleProxyServer* host = nullptr;
     std::atomic<int> requestResult{99};
     std::string version;
@@ -68,14 +70,15 @@ struct Notes {
         std::lock_guard<std::mutex> lock(self->mutex);
         self->seen.emplace_back(code, std::vector<char>(data, data + length));
     }
-    std::size_t count()
+    // What was seen once there are n notifications (or the time is up).
+    Seen get(std::size_t n, int ms = 5000)
     {
+        waitUntil(ms, [&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return seen.size() >= n;
+        });
         std::lock_guard<std::mutex> lock(mutex);
-        return seen.size();
-    }
-    bool waitFor(std::size_t n, int ms)
-    {
-        return waitUntil(ms, [&] { return count() >= n; });
+        return seen;
     }
 };
 
@@ -100,48 +103,37 @@ TEST(HostSession, NotificationsInOrderStaleRepliesAndCallbacksThatCallBack)
     EXPECT_EQ(s.host.sendStopDevice(), -1);
     EXPECT_EQ(s.host.sendStopDevice(), 0);
 
+    // Every notification the module sends, in order: its code and payload as the host's
+    // callback receives them. Device state 7 makes the callback request.
     ztModuleProxyClient& m = s.module.client();
-    m.registerModule("scanner-A");
-    m.sendDeviceOn("head", {3, 4});
-    m.sendDeviceOff(std::string(300, 'n'));
-    m.sendDeviceStatChanged(2, 7);
-    const unsigned char frame[] = {1, 2, 3, 4};
-    EXPECT_EQ(m.sendDeviceData(0x0102030405060708ull, 9, frame, 4, -1), 0);
-    m.sendDeviceButton('a', 'b');
-    m.sendScanEventRsp(1, 2, {'x', 'y'});
-    m.sendLPPairingInfo("pair", 6);
+    unsigned char frame[] = {1, 2, 3, 4}, cal[] = {7, 7};
     lp::_ZT_LP_CONNECT_INFO_ pen{};
     std::strcpy(pen.serial, "LP-1");
-    m.sendLPRequestList({pen, pen});
     lp::_LIGHTPEN_WARN_INFO_ warn{};
     warn.reason = 3;
-    m.sendLPOfflineWarn(warn);
-    unsigned char cal[] = {7, 7};
-    m.sendBarCalibFile("bar", "/b", cal, 2);
-    m.sendLPCalibFile("lp", "/l", cal, 2);
-    m.sendDeviceOpenFailRet(-5);
-    m.unregisterModule();
-    const std::vector<std::pair<int, std::vector<char>>> expected = {
-        {0x10000, Bytes().text("scanner-A").chars()},
-        {0x30000, Bytes().u32(4).text("head").u32(2).i32(3).i32(4).chars()},
-        {0x30001, Bytes().u8(44).text(std::string(300, 'n')).chars()}, // 300 mod 256
-        {0x40000, Bytes().i32(2).i32(7).chars()},
-        {0x40001, Bytes().u64(0x0102030405060708ull).i32(9).i32(-1).u32(4).raw(frame, 4).chars()},
-        {0x40002, Bytes().text("ab").chars()},
-        {0x40004, Bytes().i32(1).i32(2).i32(2).text("xy").chars()},
-        {0x40005, Bytes().i32(6).i32(4).text("pair").chars()},
-        {0x40006, Bytes().u32(2).u32(48).zeros(16).raw(&pen, 48).raw(&pen, 48).chars()},
-        {0x40007, Bytes().raw(&warn, 68).chars()},
-        {0x50000, Bytes().u32(3).text("bar").u32(2).text("/b").u32(2).raw(cal, 2).chars()},
-        {0x50001, Bytes().u32(2).text("lp").u32(2).text("/l").u32(2).raw(cal, 2).chars()},
-        {0x60001, Bytes().i32(-5).chars()},
-        {0x10001, {}},
+    const std::vector<std::tuple<std::function<int()>, int, std::vector<char>>> rows = {
+        {[&] { return m.registerModule("scanner-A"); }, 0x10000, Bytes().text("scanner-A").chars()},
+        {[&] { return m.sendDeviceOn("head", {3, 4}); }, 0x30000, Bytes().u32(4).text("head").u32(2).i32(3).i32(4).chars()},
+        {[&] { return m.sendDeviceOff(std::string(300, 'n')); }, 0x30001, Bytes().u8(44).text(std::string(300, 'n')).chars()},
+        {[&] { return m.sendDeviceStatChanged(2, 7); }, 0x40000, Bytes().i32(2).i32(7).chars()},
+        {[&] { return m.sendDeviceData(0x0102030405060708ull, 9, frame, 4, -1); }, 0x40001,
+         Bytes().u64(0x0102030405060708ull).i32(9).i32(-1).u32(4).raw(frame, 4).chars()},
+        {[&] { return m.sendDeviceButton('a', 'b'); }, 0x40002, Bytes().text("ab").chars()},
+        {[&] { return m.sendScanEventRsp(1, 2, {'x', 'y'}); }, 0x40004, Bytes().i32(1).i32(2).i32(2).text("xy").chars()},
+        {[&] { return m.sendLPPairingInfo("pair", 6); }, 0x40005, Bytes().i32(6).i32(4).text("pair").chars()},
+        {[&] { return m.sendLPRequestList({pen, pen}); }, 0x40006, Bytes().u32(2).u32(48).zeros(16).raw(&pen, 48).raw(&pen, 48).chars()},
+        {[&] { return m.sendLPOfflineWarn(warn); }, 0x40007, Bytes().raw(&warn, 68).chars()},
+        {[&] { return m.sendBarCalibFile("bar", "/b", cal, 2); }, 0x50000, Bytes().u32(3).text("bar").u32(2).text("/b").u32(2).raw(cal, 2).chars()},
+        {[&] { return m.sendLPCalibFile("lp", "/l", cal, 2); }, 0x50001, Bytes().u32(2).text("lp").u32(2).text("/l").u32(2).raw(cal, 2).chars()},
+        {[&] { return m.sendDeviceOpenFailRet(-5); }, 0x60001, Bytes().i32(-5).chars()},
+        {[&] { return m.unregisterModule(); }, 0x10001, {}},
     };
-    ASSERT_TRUE(notes.waitFor(expected.size(), 5000)) << notes.count();
-    {
-        std::lock_guard<std::mutex> lock(notes.mutex);
-        EXPECT_EQ(notes.seen, expected);
+    Seen expected;
+    for (const auto& [send, code, payload] : rows) {
+        EXPECT_EQ(send(), 0);
+        expected.emplace_back(code, payload);
     }
+    EXPECT_EQ(notes.get(expected.size()), expected);
     // The request the callback made on state 7 had its reply.
     EXPECT_EQ(notes.requestResult, 0);
     EXPECT_EQ(notes.version, "ZT-MOD 2.4.1");
@@ -236,28 +228,21 @@ TEST(HostSession, RepliesAreCheckedForMagicTypeSubTypeLengthAndStatus)
                              proxyMessage(1, 0x40001, "bb", 2), proxyMessage(1, 0x40002, nullptr, 0)})
         segment.insert(segment.end(), note.begin(), note.end());
     ASSERT_TRUE(m.data.sendBytes(segment));
-    ASSERT_TRUE(notes.waitFor(3, 2000));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // nothing more comes
-    {
-        std::lock_guard<std::mutex> lock(notes.mutex);
-        EXPECT_EQ(notes.seen, (std::vector<std::pair<int, std::vector<char>>>{{0x40000, {'a'}}, {0x40001, {'b', 'b'}}, {0x40002, {}}}));
-    }
+    EXPECT_EQ(notes.get(3), (Seen{{0x40000, {'a'}}, {0x40001, {'b', 'b'}}, {0x40002, {}}}));
 
     // Answers go out on the data channel with their sub types and payloads.
     EXPECT_EQ(host.sendSETFileSizeRep(1234), 0);
     EXPECT_EQ(host.sendEnumSETFileRep({"a.set", "bb.set"}), 0);
     EXPECT_EQ(host.sendDeviceOnlineRep(), 0);
-    ProxyMessage got;
-    ASSERT_TRUE(m.data.readMessage(got, 1000));
-    EXPECT_EQ(got.type, 2);
-    EXPECT_EQ(got.subType, 0x20002u);
-    EXPECT_EQ(got.payload, Bytes().u32(1234).chars());
-    ASSERT_TRUE(m.data.readMessage(got, 1000));
-    EXPECT_EQ(got.subType, 0x20000u);
-    EXPECT_EQ(got.payload, Bytes().i32(2).i32(5).i32(6).text("a.setbb.set").chars());
-    ASSERT_TRUE(m.data.readMessage(got, 1000));
-    EXPECT_EQ(got.subType, 0x30000u);
-    EXPECT_TRUE(got.payload.empty());
+    for (const auto& [sub, payload] : Seen{{0x20002, Bytes().u32(1234).chars()},
+                                           {0x20000, Bytes().i32(2).i32(5).i32(6).text("a.setbb.set").chars()},
+                                           {0x30000, {}}}) {
+        ProxyMessage got;
+        ASSERT_TRUE(m.data.readMessage(got, 1000));
+        EXPECT_EQ(got.type, 2);
+        EXPECT_EQ(got.subType, static_cast<std::uint32_t>(sub));
+        EXPECT_EQ(got.payload, payload);
+    }
 
     // The module's command end is gone: exchanges fail, and trigger and period log under
     // their names. (A pose, sent without a reply awaited, has the connection reset first.)
@@ -329,8 +314,7 @@ TEST(HostSession, CutOffAndOversizeNotificationsRefusedArgumentsAndAShortSend)
         ASSERT_TRUE(m.data.sendBytes(block.data(), std::min<std::size_t>(block.size(), static_cast<std::size_t>(left))));
     for (std::int32_t i = 0; i < 5; ++i)
         ASSERT_TRUE(m.data.sendBytes(proxyMessage(1, 0x40003, &i, 4)));
-    ASSERT_TRUE(notes.waitFor(5, 5000));
-    EXPECT_EQ(notes.count(), 5u);
+    EXPECT_EQ(notes.get(5).size(), 5u);
     EXPECT_EQ(m.log.count("proxy message of 209715217 bytes is larger than any this stream carries (209715216): dropped\n"), 1);
 
     // Arguments that cannot be sent: -1, a line naming the method, nothing on the wire.

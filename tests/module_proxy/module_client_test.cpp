@@ -11,7 +11,6 @@
 
 #include <condition_variable>
 #include <deque>
-#include <fstream>
 #include <functional>
 
 using namespace zt::test;
@@ -174,16 +173,6 @@ TEST(ModuleProxyClient, CoalescedAndSplitRequestsArriveOnceInOrder)
     EXPECT_FALSE(module.next(a, 100));
 }
 
-long residentKiB()
-{
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stol(line.substr(6));
-    return -1;
-}
-
 TEST(ModuleProxyClient, HostileBytesNeitherCrashNorGrowMemory)
 {
     Module module;
@@ -224,9 +213,11 @@ TEST(ModuleProxyClient, HostileBytesNeitherCrashNorGrowMemory)
     EXPECT_FALSE(module.next(seen, 100));
 }
 
-// Every reply on the command channel and every notification on the data channel: its
-// code and payload, and nothing on the other channel. The bytes of one in full.
-TEST(ModuleReplies, EveryReplyAndNotificationCarriesItsCodeAndPayload)
+// Replies on the command channel, notifications on the data channel: code and payload,
+// nothing on the other channel, and one message's bytes in full. The host catalogue's
+// table walks every reply the simulated module sends; these are the encodings it cannot
+// tell apart (a status of 0 or 1) and the replies whose codes differ from the request's.
+TEST(ModuleReplies, CodesAndPayloadsOnTheirChannels)
 {
     Module module;
     module.listen();
@@ -237,7 +228,6 @@ TEST(ModuleReplies, EveryReplyAndNotificationCarriesItsCodeAndPayload)
     EXPECT_EQ(std::vector<unsigned char>(head.begin(), head.end()),
               (std::vector<unsigned char>{0x24, 0x23, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 4, 0, 0, 0, 's', 'c', 'a', 'n'}));
     _ZT_HEARTBEAT_INFO_ hb{};
-    hb.deviceStatus = 2;
     hb.timestamp = 99;
     const auto yes = Bytes().i32(1).chars(), no = Bytes().i32(0).chars();
     struct Row {
@@ -264,74 +254,21 @@ TEST(ModuleReplies, EveryReplyAndNotificationCarriesItsCodeAndPayload)
     });
     check(module.cmd, module.data, 4, {
         {0x00001, no, [&] { return m.sendRegisterRep(false); }},
-        {0x00002, yes, [&] { return m.sendUnRegisterRep(true); }},
-        {0x10000, yes, [&] { return m.sendDeviceStartRep(true); }},
-        {0x10001, yes, [&] { return m.sendDeviceStopRep(true); }},
         {0x10002, Bytes().raw(&hb, 920).chars(), [&] { return m.sendHeartbeatRep(hb); }},
-        {0x10004, yes, [&] { return m.sendPreTriggerRep(true); }},
         {0x10005, yes, [&] { return m.sendTriggerRep(true); }},
-        {0x10006, yes, [&] { return m.sendSetPeriodRep(true); }},
-        {0x10007, no, [&] { return m.sendGetCanManualSyncRep(false); }},
-        {0x10008, yes, [&] { return m.sendGetCanWirelessSyncRep(true); }},
-        {0x10009, yes, [&] { return m.sendSetHardwareSyncModeRep(true); }},
-        {0x1000A, yes, [&] { return m.sendGetHardwareSyncModeRep(true); }},
-        {0x1000B, yes, [&] { return m.sendSetMasterRep(true); }},
         {0x1000C, Bytes().i32(-3).chars(), [&] { return m.sendGetIsMasterRep(-3); }},
-        {0x1000D, yes, [&] { return m.sendUpdateSyncRep(true); }},
-        {0x1000E, yes, [&] { return m.sendExecSyncRep(true); }},
-        {0x1000F, yes, [&] { return m.sendGetIsSyncRep(true); }},
-        {0x10010, yes, [&] { return m.sendGrabImageRep(true); }},
-        {0x10011, yes, [&] { return m.sendStartGrabbingImageRep(true); }},
-        {0x10012, yes, [&] { return m.sendStopGrabbingImageRep(true); }},
+        {0x1000F, no, [&] { return m.sendGetIsSyncRep(false); }},
         {0x10013, Bytes().text("1.2.3").chars(), [&] { return m.sendGetFirmwareVersionRep("1.2.3"); }},
-        {0x10014, Bytes().i32(1).i32(2).i32(3).chars(), [&] { return m.sendGetFirmwareVersion2Rep(1, 2, 3); }},
-        {0x10015, yes, [&] { return m.sendSetPlotEnableRep(true); }},
-        {0x10016, yes, [&] { return m.sendSetNeedUploadRep(true); }},
-        {0x10017, Bytes().i32(12).chars(), [&] { return m.sendVentoInfoRep(12); }},
         {0x10019, Bytes().u64(0xABCDEF0123456789ull).chars(), [&] { return m.sendGetSystemIdRep(0xABCDEF0123456789ull); }},
-        {0x1001A, yes, [&] { return m.sendSetScanHoleParamRep(true); }},
-        {0x1002E, yes, [&] { return m.sendSetSystemIdRep(true); }},
-        {0x20000, yes, [&] { return m.sendSetLedExposureRep(true); }},
         {0x20001, Bytes().f32(0.75f).chars(), [&] { return m.sendGetLedExposureRep(0.75f); }},
-        {0x20002, yes, [&] { return m.sendSetLZExposureRep(true); }},
-        {0x20003, Bytes().f32(1.25f).chars(), [&] { return m.sendGetLZExposureRep(1.25f); }},
-        // These carry codes other than the request's own; hosts expect them so.
+        // Codes other than the request's own; hosts expect them so.
         {0x20003, Bytes().i32(4).chars(), [&] { return m.sendGetLightTypeRep(4); }},
-        {0x20004, yes, [&] { return m.sendSetLightTypeRep(true); }},
         {0x20005, yes, [&] { return m.sendSetLZTypeRep(true); }},
-        {0x20007, Bytes().i32(5).chars(), [&] { return m.sendGetLZTypeRep(5); }},
-        {0x20008, yes, [&] { return m.sendSetScanHeadMinDistRep(true); }},
-        {0x20009, yes, [&] { return m.sendSetLZOpenRep(true); }},
-        {0x2000A, yes, [&] { return m.sendSetScanModeRep(true); }},
-        {0x2000B, yes, [&] { return m.sendGetIsBlackObjectRep(true); }},
-        {0x2000C, no, [&] { return m.sendGetIsHighLightRep(false); }},
         {0x2000C, yes, [&] { return m.sendSetDeepHoleRep(true); }},
-        {0x2000D, yes, [&] { return m.sendGetIsDeepHoleRep(true); }},
-        {0x20010, yes, [&] { return m.sendSetRangeLevelRep(true); }},
-        {0x20011, Bytes().i32(8).chars(), [&] { return m.sendGetLZSingleFrameMaxCountRep(8); }},
-        {0x20012, Bytes().i32(6).chars(), [&] { return m.sendGetSupportedLightRep(6); }},
-        {0x20014, yes, [&] { return m.sendSetEnableVoiceRep(true); }},
-        {0x20015, yes, [&] { return m.sendSetLightLevelRep(true); }},
-        {0x20016, yes, [&] { return m.sendSetScanDynamicStatRep(true); }},
-        {0x20017, yes, [&] { return m.sendSetLZExposureFullRep(true); }},
-        {0x20018, yes, [&] { return m.sendSetLedExposureFullRep(true); }},
-        {0x20019, yes, [&] { return m.sendSetScanRangeRep(true); }},
+        {0x2000D, no, [&] { return m.sendGetIsDeepHoleRep(false); }},
         {0x30000, yes, [&] { return m.sendAddObjectMPRep(true); }},
         {0x30001, yes, [&] { return m.sendResetScanMKRep(true); }},
-        {0x30002, yes, [&] { return m.sendSetScannerModel(true); }},
-        {0x30004, yes, [&] { return m.sendSetScanPosExposureRep(true); }},
-        {0x40000, yes, [&] { return m.sendScannerClbFileRep(true); }},
-        {0x50000, yes, [&] { return m.sendSetLPCalibParamRep(true); }},
-        {0x50001, yes, [&] { return m.sendDoLPNeedleWorkRep(true); }},
-        {0x50002, yes, [&] { return m.sendLPClbFileRep(true); }},
-        {0x50003, yes, [&] { return m.sendSetLPCanWorkRep(true); }},
-        {0x50004, yes, [&] { return m.sendSetLPWorkResultRep(true); }},
-        {0x50005, yes, [&] { return m.sendSetLPModelRep(true); }},
-        {0x60000, yes, [&] { return m.sendTrackerClbFileRep(true); }},
-        {0x70000, yes, [&] { return m.sendSetHoleCfgRep(true); }},
-        {0x70001, yes, [&] { return m.sendSetCurr2WorldPoseRep(true); }},
         {0x70002, yes, [&] { return m.sendSetTrackPose(true); }},
-        {0x70003, yes, [&] { return m.sendSetEdgeCfgRep(true); }},
     });
     // With no host connected the senders still return 0.
     module.cmd.close();

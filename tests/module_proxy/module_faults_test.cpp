@@ -18,7 +18,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
 
 using namespace zt::test;
 
@@ -264,16 +263,6 @@ void floodingModule(int in, int out)
     if (::write(out, &sent, sizeof sent) != sizeof sent)
         ::_exit(6);
     readBytes(in, &c, 1, 100000);
-}
-
-long residentKiB()
-{
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stol(line.substr(6));
-    return -1;
 }
 
 // What the host's callback saw of the flood: in order and intact, or counted as wrong.
