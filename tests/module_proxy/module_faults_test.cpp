@@ -23,6 +23,11 @@ using namespace zt::test;
 
 namespace {
 
+bool say(int fd, char c)
+{
+    return ::write(fd, &c, 1) == 1;
+}
+
 bool readBytes(int fd, void* p, std::size_t n, int timeoutMs)
 {
     pollfd pfd{fd, POLLIN, 0};
@@ -55,7 +60,7 @@ public:
         m_in = up[0];
         return m_pid > 0;
     }
-    bool send(char c) { return ::write(m_out, &c, 1) == 1; }
+    bool send(char c) { return say(m_out, c); }
     // The next byte from the child is want.
     bool expect(char want, int timeoutMs)
     {
@@ -110,12 +115,12 @@ void moduleProcess(int in, int out)
     ztSimModule module;
     if (!waitUntil(3000, [&] { return module.start() == 0; }))
         ::_exit(3);
-    ::write(out, "r", 1);
+    say(out, 'r');
     ztSimModule::Request r{};
     while (r.code != 1)
         if (!module.nextRequest(r, 10000))
             ::_exit(4);
-    ::write(out, "s", 1);
+    say(out, 's');
     readBytes(in, &c, 1, 100000);
 }
 
@@ -171,8 +176,8 @@ TEST(ModuleFaults, ModuleProcessKilledMidRequestAndStartedAgain)
 }
 
 // Child body: waits for 'g', runs a host against the module on loopback and reports 'r'
-// once it has registered and a request to it succeeded. With answer set, it answers SET file size queries with
-// 4242; without, it leaves every query unanswered.
+// once it has registered and a request to it succeeded. With answer set, it answers SET
+// file size queries with 4242; without, it leaves every query unanswered.
 void hostProcess(int in, int out, bool answer)
 {
     char c = 0;
@@ -189,7 +194,7 @@ void hostProcess(int in, int out, bool answer)
     _ZT_HEARTBEAT_INFO_ hb{};
     if (host.init("127.0.0.1") != 0 || !host.waitRegistered(8000) || host.heartbeat(&hb) != 0)
         ::_exit(3);
-    ::write(out, "r", 1);
+    say(out, 'r');
     readBytes(in, &c, 1, 100000);
 }
 
