@@ -315,10 +315,12 @@ TEST(ModuleFaults, NotificationFloodWhileRequestsAreAnswered)
     EXPECT_LT(sent, kFloodCap) << "the flood ended before the requests";
     ASSERT_TRUE(waitUntil(60000, [&] { return flood.next >= sent; }));
     EXPECT_EQ(flood.wrong, 0);
-    // Hundreds of MiB went through; what the host holds does not grow with them.
-    // (Sanitizer builds keep freed memory in quarantine.)
+    // Most of a GiB went through; what the host holds does not grow with it: its receive
+    // queue stops taking bytes at the largest message (200 MiB), and how much of that a
+    // loaded machine fills depends on how far the callback lags. (Sanitizer builds keep
+    // freed memory in quarantine.)
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    EXPECT_LT(residentKiB() - rssBefore, 64 * 1024);
+    EXPECT_LT(residentKiB() - rssBefore, 256 * 1024);
 #endif
     EXPECT_EQ(module.finish(5000), 0);
     EXPECT_EQ(flood.next, sent);
