@@ -298,7 +298,7 @@ TEST(ModuleFaults, NotificationFloodWhileRequestsAreAnswered)
     Flood flood;
     ztModuleProxyServer host;
     host.registerModuleServerDataCB(&Flood::cb, &flood);
-    const long rssBefore = residentKiB();
+    [[maybe_unused]] const long rssBefore = residentKiB();
     ASSERT_EQ(host.init("127.0.0.1"), 0);
     ASSERT_TRUE(host.waitRegistered(8000) && waitUntil(8000, [&] { return flood.next > 0; }));
 
