@@ -36,15 +36,17 @@ TEST(ScanVentoServer, ReceiveTakesOneMessagePerCallWithinItsTimeOut)
 TEST(ScanVentoServer, FullAccumulationPausesThePeerAndResumesWhenTaken)
 {
     // A listener that takes messages of up to 1 MiB holds about that much at most; the
-    // rest waits in the socket buffers and then at the peer.
+    // rest waits in the socket buffers and then at the peer. With messages of 700 KiB,
+    // taking one from a full accumulation leaves only part of the next: nothing more
+    // comes in unless that take resumes receiving.
     ztScanVentoServer server(1 << 20);
     ASSERT_EQ(server.startThread(0), 0);
     RawConnection peer;
     ASSERT_TRUE(peer.connect("127.0.0.1", server.port(), 2000));
-    constexpr int kCount = 64;
-    const std::string payload((512 << 10) - 16, 'm');
+    constexpr int kCount = 48;
+    const std::string payload((700 << 10) - 16, 'm');
     std::vector<char> stream;
-    for (int i = 0; i < kCount; ++i) { // 32 MiB in all
+    for (int i = 0; i < kCount; ++i) { // 33 MiB in all
         const auto m = proxyMessage(3, static_cast<unsigned>(i), payload.data(), static_cast<int>(payload.size()));
         stream.insert(stream.end(), m.begin(), m.end());
     }
