@@ -39,8 +39,9 @@ public:
         client.registerModuleClientDataCB(&Module::onRequest, this);
         ASSERT_EQ(client.init(), 0);
     }
-    // A raw host connects the data channel, then the command channel, and runs the
-    // register exchange, by the end of which the module has accepted both connections.
+    // A raw host connects both channels and runs the register exchange; the module has
+    // accepted the data connection once a notification reaches it (those sent before go
+    // nowhere).
     void connectHost()
     {
         ASSERT_TRUE(data.connect("127.0.0.1", 11300, 3000) && cmd.connect("127.0.0.1", 9479, 3000));
@@ -49,6 +50,8 @@ public:
         ASSERT_TRUE(next(seen, 3000) && seen.code == 1);
         ProxyMessage reply;
         ASSERT_TRUE(cmd.readMessage(reply, 3000) && reply.type == 4 && reply.subType == 1u);
+        ASSERT_TRUE(waitUntil(3000, [&] { return client.unregisterModule() == 0 && data.readMessage(reply, 200); }));
+        data.readFor(50);
     }
     bool next(Seen& out, int ms)
     {
