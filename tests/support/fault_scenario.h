@@ -19,6 +19,14 @@ namespace zt::test {
 
 using Clock = std::chrono::steady_clock;
 
+// What the sanitizers add to a time bound on a loaded machine: they slow every thread
+// several times over.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr long kSanitizerSlackMs = 30000;
+#else
+constexpr long kSanitizerSlackMs = 0;
+#endif
+
 inline long msSince(Clock::time_point t)
 {
     return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());

@@ -16,12 +16,8 @@
 namespace zt::test {
 
 // What a loaded machine adds to the time bounds of a teardown: the tests run in parallel
-// with others, and the sanitizers slow every thread several times over.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr long kAllowanceMs = 10000;
-#else
-constexpr long kAllowanceMs = 2000;
-#endif
+// with others.
+constexpr long kAllowanceMs = 2000 + kSanitizerSlackMs;
 
 struct Census {
     int threads = 0;
