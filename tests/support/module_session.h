@@ -5,11 +5,9 @@
 #include "ztModuleProxyServer.h"
 #include "ztSimModule.h"
 
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace zt::test {
@@ -56,16 +54,13 @@ struct ModuleSession {
         return waitRegistered();
     }
 
-    // The module sees the register request once the host has both channels; its reply
-    // reaches the host within a few polling periods. The register exchange runs outside
-    // the command mutex, so no request may be sent before the host has taken the reply.
+    // The module sees the register request once the host has both channels; the host is
+    // registered once it has taken the reply. The register exchange runs outside the
+    // command mutex, so no request may be sent before that.
     bool waitRegistered(int timeoutMs = 5000)
     {
         ztSimModule::Request r;
-        if (!module.nextRequest(r, timeoutMs) || r.code != 1)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        return true;
+        return module.nextRequest(r, timeoutMs) && r.code == 1 && host.waitRegistered(static_cast<unsigned int>(timeoutMs));
     }
 
     ~ModuleSession()
