@@ -115,7 +115,7 @@ TEST(Sockets, NonBlockingConnectAndReceive)
     char buf[4];
     const auto start = zt::tickMs();
     EXPECT_EQ(zt::sock::recvOnce(p.client, buf, sizeof buf), -1);
-    EXPECT_LT(zt::tickMs() - start, 50u);
+    EXPECT_LT(zt::tickMs() - start, 1000u); // not the blocking wait for data
     EXPECT_EQ(SPR_SetNonBlock(p.client, 0), 0);
     EXPECT_EQ(fcntl(p.client, F_GETFL) & O_NONBLOCK, 0);
 }
