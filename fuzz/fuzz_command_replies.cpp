@@ -1,11 +1,9 @@
 // Every reply parser of the device command catalogue, reached through the public command
-// methods: a device server whose command exchange returns the fuzz bytes as the head's
-// reply, cut out of the received bytes the way the link's receive loop cuts them.
+// methods of a device server whose exchange returns the fuzz bytes as the head's reply,
+// cut the way the link's receive loop cuts them and held in a buffer of exactly their size.
 //
 // Input: one byte picks the command, one the link's result policy (the network link's
 // 0/-1, or the USB link's status words and reply rule), the rest is what the head sends.
-// The reply is handed to the parser in a buffer of exactly its own size, so that a read
-// past the reply is seen by the address sanitizer.
 #include "commands/Catalogue.h"
 #include "fuzz_support.h"
 #include "network/EmbeddedFramer.h"

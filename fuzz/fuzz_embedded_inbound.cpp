@@ -1,12 +1,8 @@
-// What a network head sends unasked, through the device server's inbound parsing: the
-// data connection in packet mode (two packet decoders, the second tried first on
-// receives of exactly 100 or 160 bytes) and in raw mode (embedded messages cut from the
-// data stream), and the command-data connection (embedded messages, a 160-byte receive
-// emptying what is held), each message handed to processMsg or processMsg_Cmd as the
-// receive threads hand it. The data callback then runs every payload parser an
-// application may call on what it is given (alarm, sync, angle, temperature, light-pen
-// find list, marker record) on a copy of exactly the payload's length, whenever the
-// payload holds what that parser reads.
+// What a network head sends unasked, through the device server's inbound parsing: the data
+// connection in packet mode (the second decoder tried first on receives of exactly 100 or
+// 160 bytes) and in raw mode, and the command-data connection (a 160-byte receive empties
+// what is held). The data callback runs every payload parser an application may call on a
+// copy of exactly the payload, whenever the payload holds what that parser reads.
 //
 // Input: one byte picks the connection, the rest is split into receives of input-chosen
 // sizes.

@@ -1,14 +1,9 @@
-// The host's judgement of a module's reply to each request of its catalogue: the reply
-// sub type, length rule and result rule of the request's row, applied to the whole
-// message that the command channel's exchange cuts from what the module sends (more than
-// a bare header held, up to the 10 MiB reply capacity), held in a buffer of exactly its
-// size so that a read past the message shows.
-//
-// Checked: an accepted reply is exactly the reply a module would build for the row (the
-// same bytes from zt_msg_create, the reserved ones aside), its payload holds what the
-// host's own code then reads from it, and each rule is enforced: the same reply with
-// another message type, sub type or magic, a negative status on a Status row, or one
-// byte less declared on an exact-length row is refused.
+// The host's judgement of a module's reply to each request of its catalogue, applied to the
+// whole message the command channel's exchange cuts (more than a bare header, up to the
+// 10 MiB reply capacity), held in a buffer of exactly its size. An accepted reply must be
+// the one a module builds for the row, hold what the host then reads, and stop being
+// accepted with another message type, sub type or magic, a negative status on a Status
+// row, or one byte less declared on an exact-length row.
 //
 // Input: one byte picks the request, the rest is what the module sends.
 #include "foundation/ProxyFramer.h"

@@ -1,8 +1,7 @@
 // The module side's file queries and pre-trigger check against answers from an untrusted
-// host: a ztModuleProxyClient with a raw host peer connected over loopback, in a private
-// network namespace of this process (the module listens on its fixed ports). Each run the
-// host sends one whole answer message (type, sub type, magic and payload from the input),
-// then the module asks its query and parses what it got.
+// host: a ztModuleProxyClient and a raw host peer on loopback, in a private network
+// namespace of this process (the module listens on its fixed ports). Each run the host
+// sends one whole answer, then the module asks its query and parses what it got.
 //
 // Input: one byte picks the query, then the answer's header choices and the output
 // buffer's size; the rest is the answer's payload.

@@ -1,12 +1,9 @@
 // The packet decoder of the head's stream (ztCamera::QlensNetProto) in its three entries:
-// decode (extended-header and plain packets), decodePlain (plain packets only), and
-// decodePlainHeader with decodePlain reading each accepted packet's body (the
-// status-returning header).
+// decode, decodePlain, and decodePlainHeader with decodePlain reading each accepted body.
+// Decoded once in input-chosen pieces and once whole, the stream must give the same
+// packets, header statuses and log lines; every call consumes up to a packet's end or all.
 //
-// Input: one byte picks the entry, the rest is a stream split into pieces of input-chosen
-// sizes. The same stream is decoded once more in one piece; where the pieces end must not
-// change the packets that come out, the header statuses or the log lines. Every call must
-// consume its input up to the end of a packet or all of it.
+// Input: one byte picks the entry, the rest is the stream.
 #include "fuzz_support.h"
 #include "codec/QlensNetProto.h"
 

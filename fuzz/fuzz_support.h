@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
 namespace zt::fuzz {
@@ -47,6 +48,32 @@ inline std::vector<std::vector<unsigned char>> chunks(FuzzedDataProvider& in, st
             out.pop_back();
     }
     return out;
+}
+
+// Frames the rest of the input, split into receives of input-chosen sizes, once receive by
+// receive and once in one piece. drain(framer, seen) takes every whole message out, adds
+// what it saw to seen and tells whether the framer dropped what it held. Unless a drop made
+// the outcome depend on how much had arrived, where the receives end must not change the
+// messages or the bytes left.
+template <class Make, class Drain>
+void framingAgrees(FuzzedDataProvider& in, std::size_t maxChunk, Make make, Drain drain)
+{
+    auto chunked = make();
+    auto once = make();
+    std::string a, b;
+    bool dropped = false;
+    std::vector<unsigned char> whole;
+    for (const auto& p : chunks(in, maxChunk)) {
+        chunked.append(p.data(), p.size());
+        dropped = drain(chunked, a) || dropped;
+        whole.insert(whole.end(), p.begin(), p.end());
+    }
+    once.append(whole.data(), whole.size());
+    dropped = drain(once, b) || dropped;
+    if (!dropped) {
+        check(a == b, "the receives' boundaries changed the messages");
+        check(chunked.size() == once.size(), "the receives' boundaries changed what is left");
+    }
 }
 
 } // namespace zt::fuzz

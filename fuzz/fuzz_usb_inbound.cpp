@@ -1,17 +1,8 @@
-// What a USB head sends, through the USB server's three completion callbacks: stream
-// bytes cut into packets by the decoder and written into stream frames, control bytes
-// gathered for the command waiting on a reply, and event bytes cut into messages, one per
-// completion, into event frames. Completions come one per piece of input, some with error
-// or time-out statuses; now and then the processing threads' step runs on the ready
-// frames, whose messages go to the data callback, or the application resets the decoder.
-//
-// Checked: every frame queued holds one whole message within its pool frame (a stream
-// packet with its tags and its own size, an event message of 8 bytes up to the event
-// frame size); the callback is handed exactly that message's payload; control bytes are
-// kept only from the completions the control path keeps; a completed or timed-out event
-// transfer, even an empty one, marks the device alive and an error completion does not;
-// after each input every frame is back in its pool once the ready ones are processed and
-// a half-read packet is dropped.
+// What a USB head sends, through the USB server's three completion callbacks (stream bytes
+// cut into packets, control bytes gathered for the waiting command, event messages one per
+// completion), some completions with error or time-out statuses, now and then the
+// processing step on the ready frames or a decoder reset. After each input every pool
+// frame must be back once the ready ones are processed.
 //
 // Input: per completion one byte picks the action and status and one the piece's size.
 #include "fuzz_support.h"

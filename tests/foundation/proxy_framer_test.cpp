@@ -6,138 +6,85 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 using zt::ProxyFramer;
 using zt::tools::proxyMessage;
 
 namespace {
 
-std::string payloadOf(const _ZT_PROXY_MSG_* m)
+// Every whole message the framer holds, as "sub:payload" ("!" before a wrong magic).
+std::vector<std::string> drain(ProxyFramer& f, std::size_t capacity = 1 << 20)
 {
-    return std::string(reinterpret_cast<const char*>(m) + 16, static_cast<std::size_t>(m->dataLen));
-}
-
-TEST(ProxyFramer, CoalescedMessagesComeOutInOrder)
-{
-    ProxyFramer f;
-    auto a = proxyMessage(3, 0x10005, "abc", 3);
-    auto b = proxyMessage(3, 0x10006, "defgh", 5);
-    auto c = proxyMessage(3, 0x10007, nullptr, 0);
-    std::vector<char> all;
-    for (const auto* m : {&a, &b, &c})
-        all.insert(all.end(), m->begin(), m->end());
-    f.append(all.data(), all.size());
-
-    const _ZT_PROXY_MSG_* m = f.front(1 << 20);
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(zt_msg_get_sub_type(m), 0x10005u);
-    EXPECT_EQ(payloadOf(m), "abc");
-    f.pop();
-    m = f.front(1 << 20);
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(zt_msg_get_sub_type(m), 0x10006u);
-    EXPECT_EQ(payloadOf(m), "defgh");
-    f.pop();
-    m = f.front(1 << 20);
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(zt_msg_get_sub_type(m), 0x10007u);
-    f.pop();
-    EXPECT_EQ(f.size(), 0u);
-    EXPECT_EQ(f.front(1 << 20), nullptr);
-}
-
-TEST(ProxyFramer, SplitMessageIsWholeOnlyWithItsLastByte)
-{
-    ProxyFramer f;
-    const auto msg = proxyMessage(1, 0x40001, "0123456789", 10);
-    // Byte by byte: nothing until the last byte, then exactly one message.
-    for (std::size_t i = 0; i + 1 < msg.size(); ++i) {
-        f.append(&msg[i], 1);
-        ASSERT_EQ(f.front(1 << 20), nullptr) << "after byte " << i;
+    std::vector<std::string> out;
+    while (const _ZT_PROXY_MSG_* m = f.front(capacity)) {
+        out.push_back((zt_msg_is_avalible(m) == 0 ? "" : "!") + std::to_string(m->subType) + ":" +
+                      std::string(reinterpret_cast<const char*>(m) + 16, static_cast<std::size_t>(m->dataLen)));
+        f.pop();
     }
-    f.append(&msg.back(), 1);
-    const _ZT_PROXY_MSG_* m = f.front(1 << 20);
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(payloadOf(m), "0123456789");
-    f.pop();
-    EXPECT_EQ(f.front(1 << 20), nullptr);
-
-    // A message followed by the first half of the next: the first comes out, the second
-    // waits, and the rest of it completes it.
-    const auto next = proxyMessage(1, 0x40002, "xyz", 3);
-    std::vector<char> chunk(msg);
-    chunk.insert(chunk.end(), next.begin(), next.begin() + 9);
-    f.append(chunk.data(), chunk.size());
-    ASSERT_NE(f.front(1 << 20), nullptr);
-    f.pop();
-    EXPECT_EQ(f.front(1 << 20), nullptr);
-    EXPECT_EQ(f.size(), 9u);
-    f.append(next.data() + 9, next.size() - 9);
-    m = f.front(1 << 20);
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(payloadOf(m), "xyz");
+    return out;
 }
 
-TEST(ProxyFramer, WrongMagicIsCutOutByItsLengthNotResynchronised)
+// Coalesced messages in one stream, cut at every byte: each message comes out whole with
+// its last byte, in order. A wrong magic is cut out by its length, not resynchronised on
+// (its payload looks like a magic); a header with length -1 is dropped with a warning.
+TEST(ProxyFramer, MessagesComeOutWholeInOrderWhereverTheStreamIsCut)
 {
-    ProxyFramer f;
-    auto bad = proxyMessage(3, 0x10005, "\x24\x23\x24\x23", 4); // payload looks like a magic
+    std::vector<char> bad = proxyMessage(3, 5, "\x24\x23\x24\x23", 4);
     bad[0] = 0x00;
-    const auto good = proxyMessage(3, 0x10006, "ok", 2);
-    f.append(bad.data(), bad.size());
-    f.append(good.data(), good.size());
-    const _ZT_PROXY_MSG_* m = f.front(1 << 20);
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(zt_msg_is_avalible(m), -1);
-    EXPECT_EQ(zt_msg_get_sub_type(m), 0x10005u);
-    f.pop();
-    m = f.front(1 << 20);
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(zt_msg_is_avalible(m), 0);
-    EXPECT_EQ(payloadOf(m), "ok");
+    std::vector<char> stream;
+    for (const auto& m : {proxyMessage(3, 1, "abc", 3), proxyMessage(3, 2, nullptr, 0), bad, proxyMessage(3, 3, nullptr, -1),
+                          proxyMessage(1, 4, "0123456789", 10)})
+        stream.insert(stream.end(), m.begin(), m.end());
+    const std::vector<std::string> want = {"1:abc", "2:", "!5:\x24\x23\x24\x23", "4:0123456789"};
+    for (std::size_t cut = 0; cut <= stream.size(); ++cut) {
+        zt::test::LogCapture log;
+        ProxyFramer f;
+        f.append(stream.data(), cut);
+        std::vector<std::string> got = drain(f);
+        ASSERT_EQ(got, std::vector<std::string>(want.begin(), want.begin() + static_cast<std::ptrdiff_t>(got.size()))) << cut;
+        f.append(stream.data() + cut, stream.size() - cut);
+        for (const auto& m : drain(f))
+            got.push_back(m);
+        ASSERT_EQ(got, want) << "cut at " << cut;
+        EXPECT_EQ(f.size(), 0u);
+        EXPECT_EQ(log.count("proxy message with data length -1 dropped from the stream\n"), 1);
+    }
+    // Byte by byte: nothing until a message's last byte.
+    ProxyFramer f;
+    std::size_t whole = 0;
+    for (std::size_t i = 0; i < stream.size(); ++i) {
+        f.append(&stream[i], 1);
+        whole += drain(f).size();
+    }
+    EXPECT_EQ(whole, want.size());
 }
 
-TEST(ProxyFramer, MinimumHeldAndCapacity)
+TEST(ProxyFramer, MinimumHeldCapacityAndHugeLengths)
 {
     ProxyFramer f;
-    const auto bare = proxyMessage(4, 0x00001, nullptr, 0);
+    const auto bare = proxyMessage(4, 1, nullptr, 0);
     f.append(bare.data(), bare.size());
-    // A bare 16-byte header is whole for a receiver that needs 16 bytes...
+    // A bare 16-byte header is whole for a receiver that needs 16 bytes, but not for one
+    // that waits for more than 16 held; with another byte behind it, both take it.
     EXPECT_NE(f.front(1 << 20, 16), nullptr);
-    // ...but not for one that waits for more than 16 bytes held.
     EXPECT_EQ(f.front(1 << 20, 17), nullptr);
-    // With another byte behind it, the same header is taken by both.
     f.append("x", 1);
     EXPECT_NE(f.front(1 << 20, 17), nullptr);
     f.clear();
 
     // A message larger than the capacity is never taken and blocks what follows.
-    const auto big = proxyMessage(3, 0x10001, std::string(100, 'b').data(), 100);
-    const auto small = proxyMessage(3, 0x10002, "s", 1);
+    const auto big = proxyMessage(3, 1, std::string(100, 'b').data(), 100);
+    const auto small = proxyMessage(3, 2, "s", 1);
     f.append(big.data(), big.size());
     f.append(small.data(), small.size());
     EXPECT_EQ(f.front(115), nullptr);
     EXPECT_EQ(f.frontSize(), 116);
     EXPECT_NE(f.front(116), nullptr);
-    EXPECT_NE(f.front(SIZE_MAX), nullptr); // no limit at all
-}
-
-TEST(ProxyFramer, NegativeLengthHeaderIsDroppedWithAWarning)
-{
-    zt::test::LogCapture log;
-    ProxyFramer f;
-    const auto broken = proxyMessage(3, 0x10005, nullptr, -1);
-    const auto good = proxyMessage(3, 0x10006, "g", 1);
-    f.append(broken.data(), broken.size());
-    f.append(good.data(), good.size());
-    const _ZT_PROXY_MSG_* m = f.front(1 << 20);
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(zt_msg_get_sub_type(m), 0x10006u);
-    EXPECT_EQ(log.count("proxy message with data length -1 dropped from the stream\n"), 1);
+    EXPECT_EQ(drain(f, SIZE_MAX).size(), 2u);
 
     // A huge declared length is waited for, never read beyond what is held.
-    f.clear();
-    auto huge = proxyMessage(3, 0x10007, nullptr, 0);
+    auto huge = proxyMessage(3, 7, nullptr, 0);
     const std::int32_t length = 0x7FFFFFFF;
     std::memcpy(huge.data() + 12, &length, 4);
     f.append(huge.data(), huge.size());

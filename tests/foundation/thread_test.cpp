@@ -13,57 +13,39 @@
 
 namespace {
 
-class Counter : public TThreadC<void> {
+// Polls cond every millisecond for up to two seconds.
+template <class Cond>
+bool eventually(Cond cond)
+{
+    for (int i = 0; i < 2000 && !cond(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return cond();
+}
+
+// Counts its runs; may end itself with Exit, or wait for its own handle and join it.
+class Body : public TThreadC<void> {
 public:
     std::atomic<int> runs{0};
-    std::atomic<bool> afterExit{false};
     std::atomic<int> selfId{0};
+    std::atomic<bool> afterExit{false};
+    std::atomic<int> selfJoin{-1};
     bool exitEarly = false;
+    void* handle = nullptr;
+    std::atomic<bool> joinSelf{false};
     void Run() override
     {
         selfId = Self();
-        ++runs;
+        // A detached body may be gone once runs counts: nothing of it is touched after.
         if (exitEarly) {
+            ++runs;
             Exit();
             afterExit = true; // never reached
         }
+        ++runs;
+        if (eventually([this] { return joinSelf.load(); }))
+            selfJoin = Join(handle);
     }
 };
-
-TEST(TThreadC, CreateRunsTheBodyAndJoinClosesAnEndedThread)
-{
-    Counter c;
-    unsigned long id = 0;
-    void* handle = reinterpret_cast<void*>(0x1); // cleared by Create
-    void** out = &handle;
-    ASSERT_EQ(c.Create(id, out, false, 0, false, false), 0);
-    EXPECT_NE(handle, nullptr);
-    EXPECT_NE(id, 0ul);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // let it end first
-    EXPECT_EQ(TThreadC<void>::Join(handle), 0);
-    EXPECT_EQ(c.runs, 1);
-    // The id Create hands back is the one the thread sees as its own, as on Windows.
-    EXPECT_EQ(static_cast<unsigned long>(c.selfId.load()), id);
-    EXPECT_NE(c.selfId, TThreadC<void>::Self());
-
-    // Exit ends the body where it is called.
-    Counter early;
-    early.exitEarly = true;
-    void* h2 = nullptr;
-    void** out2 = &h2;
-    ASSERT_EQ(early.Create(out2, false, 64 * 1024, false, false), 0);
-    EXPECT_EQ(TThreadC<void>::Join(h2), 0);
-    EXPECT_EQ(early.runs, 1);
-    EXPECT_FALSE(early.afterExit);
-
-    // Without a place for the handle the thread still runs.
-    Counter anonymous;
-    void** none = nullptr;
-    ASSERT_EQ(anonymous.Create(none, true, 0, false, false), 0);
-    for (int i = 0; i < 200 && anonymous.runs == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_EQ(anonymous.runs, 1);
-}
 
 std::atomic<int> plainRuns{0};
 void plainFunction()
@@ -71,83 +53,62 @@ void plainFunction()
     ++plainRuns;
 }
 
-TEST(TThreadC, StaticCreateAndDetachedThreads)
+TEST(TThreadC, CreateJoinDetachExitAndTheirFailures)
 {
-    void* handle = nullptr;
-    void** out = &handle;
-    ASSERT_EQ(TThreadC<void>::Create(&plainFunction, out, false, 0, false, false), 0);
-    EXPECT_EQ(TThreadC<void>::Join(handle), 0);
-    EXPECT_EQ(plainRuns, 1);
-
-    // Detached: 0, the handle is stored, and the thread runs to its end by itself.
-    void* detached = nullptr;
-    void** dout = &detached;
-    ASSERT_EQ(TThreadC<void>::Create(&plainFunction, dout, true, 0, false, false), 0);
-    EXPECT_NE(detached, nullptr);
-    for (int i = 0; i < 200 && plainRuns < 2; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_EQ(plainRuns, 2);
-
-    // Detach of a running thread's handle.
-    Counter c;
-    void* h = nullptr;
-    void** hout = &h;
-    ASSERT_EQ(c.Create(hout, false, 0, false, false), 0);
-    EXPECT_EQ(TThreadC<void>::Detach(h), 0);
-    for (int i = 0; i < 200 && c.runs == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_EQ(c.runs, 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(5)); // let it leave Run before c goes
-}
-
-class SelfJoiner : public TThreadC<void> {
-public:
-    void* handle = nullptr;
-    std::atomic<bool> started{false};
-    std::atomic<int> selfJoin{-1};
-    void Run() override
-    {
-        while (!started)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        selfJoin = Join(handle);
-    }
-};
-
-class Sleeper : public TThreadC<void> {
-public:
-    std::atomic<bool> finished{false};
-    void Run() override
-    {
-        for (int i = 0; i < 1000; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10)); // a cancellation point
-        finished = true;
-    }
-};
-
-TEST(TThreadC, FailureCodes)
-{
-    // 22: no thread behind a null handle, and a thread that waits for itself.
+    // The id Create hands back is the one the thread sees as its own, as on Windows; a
+    // thread that joins itself gets 22 (as with a null handle), then it is joined.
+    Body a;
+    unsigned long id = 0;
+    a.handle = reinterpret_cast<void*>(0x1); // cleared by Create
+    void** out = &a.handle;
+    ASSERT_EQ(a.Create(id, out, false, 0, false, false), 0);
+    ASSERT_NE(a.handle, nullptr);
+    a.joinSelf = true;
+    EXPECT_EQ(TThreadC<void>::Join(a.handle), 0);
+    EXPECT_EQ(a.runs, 1);
+    EXPECT_EQ(a.selfJoin, 22);
+    EXPECT_EQ(static_cast<unsigned long>(a.selfId.load()), id);
+    EXPECT_NE(a.selfId, TThreadC<void>::Self());
     EXPECT_EQ(TThreadC<void>::Join(nullptr), 22);
     EXPECT_EQ(TThreadC<void>::Detach(nullptr), 22);
     EXPECT_EQ(TThreadC<void>::Kill(nullptr), 22);
 
-    SelfJoiner s;
-    void** out = &s.handle;
-    ASSERT_EQ(s.Create(out, false, 0, false, false), 0);
-    s.started = true;
-    EXPECT_EQ(TThreadC<void>::Join(s.handle), 0);
-    EXPECT_EQ(s.selfJoin, 22);
-
-    // Kill ends a running thread, which can then be joined.
-    Sleeper sleeper;
+    // Exit ends the body where it is called.
+    Body early;
+    early.exitEarly = true;
     void* h = nullptr;
     void** hout = &h;
-    ASSERT_EQ(sleeper.Create(hout, false, 0, false, false), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_EQ(early.Create(hout, false, 64 * 1024, false, false), 0);
+    EXPECT_EQ(TThreadC<void>::Join(h), 0);
+    EXPECT_FALSE(early.afterExit);
+
+    // A plain function, joined; then detached at creation: 0, the handle is stored, and the
+    // thread runs to its end by itself; then without a place for the handle at all.
+    ASSERT_EQ(TThreadC<void>::Create(&plainFunction, hout, false, 0, false, false), 0);
+    EXPECT_EQ(TThreadC<void>::Join(h), 0);
+    EXPECT_EQ(plainRuns, 1);
+    h = nullptr;
+    ASSERT_EQ(TThreadC<void>::Create(&plainFunction, hout, true, 0, false, false), 0);
+    EXPECT_NE(h, nullptr);
+    EXPECT_TRUE(eventually([] { return plainRuns == 2; }));
+    Body anonymous;
+    anonymous.exitEarly = true;
+    void** none = nullptr;
+    ASSERT_EQ(anonymous.Create(none, true, 0, false, false), 0);
+    EXPECT_TRUE(eventually([&] { return anonymous.runs == 1; }));
+
+    // Kill ends a running thread, which can then be joined; Detach lets one go.
+    Body waiting;
+    ASSERT_EQ(waiting.Create(hout, false, 0, false, false), 0);
+    ASSERT_TRUE(eventually([&] { return waiting.runs == 1; }));
     EXPECT_EQ(TThreadC<void>::Kill(h), 0);
     EXPECT_EQ(TThreadC<void>::Join(h), 0);
-    EXPECT_FALSE(sleeper.finished);
-
+    EXPECT_EQ(waiting.selfJoin, -1);
+    Body detached;
+    detached.exitEarly = true;
+    ASSERT_EQ(detached.Create(hout, false, 0, false, false), 0);
+    EXPECT_EQ(TThreadC<void>::Detach(h), 0);
+    EXPECT_TRUE(eventually([&] { return detached.runs == 1; }));
     TThreadC<void>::TestCancel(); // yields, nothing more
 }
 
@@ -166,7 +127,7 @@ TEST(TThreadCDeathTest, CreateReportsThePlatformErrorWhenNoThreadCanBeMade)
             getrlimit(RLIMIT_AS, &limit);
             limit.rlim_cur = 64ull << 20;
             setrlimit(RLIMIT_AS, &limit);
-            Counter c;
+            Body c;
             void* handle = reinterpret_cast<void*>(0x1);
             void** out = &handle;
             const int rc = c.Create(out, false, 512u << 20, false, false);
@@ -177,7 +138,9 @@ TEST(TThreadCDeathTest, CreateReportsThePlatformErrorWhenNoThreadCanBeMade)
 #endif
 
 // The worker convention: a static entry calling the member ...Func, a loop that sleeps,
-// works and tests the stop flag, and a join that clears the handle.
+// works and tests the stop flag, and a join that clears the handle. A running worker holds
+// the timer at 1 ms, so that its short sleeps are not stretched to a coarse system tick;
+// the last one to end gives it back.
 class Worker {
 public:
     std::atomic<bool> stop{false};
@@ -198,21 +161,14 @@ TEST(WorkerConvention, StartStopAndEarlyEnd)
     Worker w;
     ASSERT_EQ(zt::startWorker(w.thread, &Worker::onWorkThread, &w, "test"), 0);
     const auto first = w.thread.get_id();
-    // A worker that runs is not started again.
-    ASSERT_EQ(zt::startWorker(w.thread, &Worker::onWorkThread, &w, "test"), 0);
+    ASSERT_EQ(zt::startWorker(w.thread, &Worker::onWorkThread, &w, "test"), 0); // not started again
     EXPECT_EQ(w.thread.get_id(), first);
-    // A running worker holds the timer at 1 ms, so that its short sleeps are not stretched
-    // to a coarse system tick; the last one to end gives it back.
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    ASSERT_TRUE(eventually([&] { return w.rounds > 2; }));
     EXPECT_EQ(zt::FineTimer::holders(), 1);
     w.stop = true;
     zt::joinWorker(w.thread, "test");
     EXPECT_FALSE(w.thread.joinable());
     EXPECT_EQ(zt::FineTimer::holders(), 0);
-    const int seen = w.rounds;
-    EXPECT_GT(seen, 2);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(w.rounds, seen);
     zt::joinWorker(w.thread, "test"); // nothing left to join
 
     // A round may end the loop before the flag is set.

@@ -17,41 +17,27 @@ namespace {
 // The scaling rule written out one pixel at a time in double precision.
 int formula(int v)
 {
-    if (v < 144)
-        v = 144;
-    return static_cast<int>((v - 144.0) * 255.0 / 880.0);
+    return static_cast<int>((std::max(v, 144) - 144.0) * 255.0 / 880.0);
 }
 
-std::vector<unsigned short> noise(std::size_t n, unsigned seed)
+// Error lines that contain part.
+int logged(const zt::test::LogCapture& log, const std::string& part)
 {
-    std::vector<unsigned short> v(n);
-    for (auto& x : v) {
-        seed = seed * 1664525u + 1013904223u;
-        x = static_cast<unsigned short>(seed >> 16);
-    }
-    return v;
-}
-
-bool logged(const zt::test::LogCapture& log, const std::string& part)
-{
+    int n = 0;
     for (const auto& line : log.lines())
-        if (line.level == ZTLOG_LEVEL_ERROR && line.text.find(part) != std::string::npos)
-            return true;
-    return false;
+        n += line.level == ZTLOG_LEVEL_ERROR && line.text.find(part) != std::string::npos;
+    return n;
 }
 
-// Builds records byte by byte, little-endian, at an odd address so that nothing in them
-// is aligned.
+// A record built byte by byte, little-endian, at an odd address so that nothing in it is
+// aligned: 64 header bytes, timestamp, width, height, then 16-bit pixels or parts.
 class Record {
 public:
-    Record() : m_bytes(1, '\0') {}
-
-    Record& head(std::uint64_t timestamp, std::uint16_t width, std::uint16_t height)
+    Record(std::uint64_t timestamp, std::uint16_t width, std::uint16_t height) : m_bytes(1, '\0')
     {
         for (int i = 0; i < 64; ++i)
             m_bytes.push_back(static_cast<char>(0x40 + i));
         put(timestamp, 8).put(width, 2).put(height, 2);
-        return *this;
     }
     Record& u16(std::uint16_t v) { return put(v, 2); }
     Record& part(int x, int y, int w, int h, unsigned char first)
@@ -63,7 +49,6 @@ public:
         return *this;
     }
     char* data() { return m_bytes.data() + 1; }
-    // The 16-bit pixel at index i of a full frame.
     std::uint16_t pixel(int i) const
     {
         std::uint16_t v;
@@ -78,7 +63,6 @@ private:
             m_bytes.push_back(static_cast<char>(v >> (8 * i)));
         return *this;
     }
-
     std::vector<char> m_bytes;
 };
 
@@ -89,30 +73,19 @@ struct Outputs {
     unsigned long long timestamp = 7;
     char header[64] = {};
 };
-
-void expectHead(const Outputs& out, std::uint64_t timestamp, short width, short height)
+enum Kind { Full, Cutout };
+int convert(ztImageAssembler& a, Kind kind, Record& rec, Outputs& out)
 {
-    EXPECT_EQ(out.timestamp, timestamp);
-    EXPECT_EQ(out.width, width);
-    EXPECT_EQ(out.height, height);
-    for (int i = 0; i < 64; ++i)
-        ASSERT_EQ(out.header[i], static_cast<char>(0x40 + i)) << "header byte " << i;
+    return kind == Full ? a.getOriImageData(rec.data(), out.image, &out.width, &out.height, &out.timestamp, out.header)
+                        : a.getCutoutImageData(rec.data(), out.image, &out.width, &out.height, &out.timestamp, out.header);
 }
-
-// Every allocation fails, as when memory runs out.
-class FailingAllocator : public cv::MatAllocator {
-public:
-    cv::UMatData* allocate(int, const int*, int, void*, size_t*, cv::AccessFlag, cv::UMatUsageFlags) const override
-    {
-        CV_Error(cv::Error::StsNoMem, "no memory in this test");
-    }
-    bool allocate(cv::UMatData*, cv::AccessFlag, cv::UMatUsageFlags) const override { return false; }
-    void deallocate(cv::UMatData*) const override {}
-};
 
 } // namespace
 
-TEST(ImageAssembler, ScalesEveryValueExactlyAndRewritesTheSource)
+// Every 16-bit value against the formula (black below 144, 255 up to 1027, then the byte
+// wraps), in the image and rewritten into the source; only count pixels, around the
+// converter's 4096-pixel blocks, the rest of the image 0 and of the source untouched.
+TEST(ImageAssembler, ScalesExactlyTheCountedPixels)
 {
     std::vector<unsigned short> src(65536);
     for (int v = 0; v < 65536; ++v)
@@ -120,67 +93,40 @@ TEST(ImageAssembler, ScalesEveryValueExactlyAndRewritesTheSource)
     ztImageAssembler a;
     const cv::Mat image = a.imageFormat_16To8(src.data(), 65536, 256, 256);
     ASSERT_EQ(image.type(), CV_8UC1);
-    ASSERT_EQ(image.rows, 256);
-    ASSERT_EQ(image.cols, 256);
+    ASSERT_EQ(image.size(), cv::Size(256, 256));
     ASSERT_TRUE(image.isContinuous());
     for (int v = 0; v < 65536; ++v) {
-        ASSERT_EQ(src[v], formula(v)) << "source rewritten for " << v;
-        ASSERT_EQ(image.data[v], static_cast<unsigned char>(formula(v))) << "output byte for " << v;
+        ASSERT_EQ(src[v], formula(v)) << v;
+        ASSERT_EQ(image.data[v], static_cast<unsigned char>(formula(v))) << v;
     }
-    // Black below 144, 255 up to 1027, then r keeps growing and the byte wraps.
-    const struct {
-        int v, r, byte;
-    } fixed[] = {{0, 0, 0},       {143, 0, 0},      {144, 0, 0},     {1024, 255, 255},   {1025, 255, 255},
-                 {1027, 255, 255}, {1028, 256, 0}, {1200, 306, 50}, {65535, 18948, 4}};
-    for (const auto& f : fixed) {
-        EXPECT_EQ(src[f.v], f.r) << f.v;
-        EXPECT_EQ(image.data[f.v], f.byte) << f.v;
-    }
-}
+    EXPECT_EQ(std::vector<int>({src[143], src[1027], src[1028], src[1200], src[65535]}), std::vector<int>({0, 255, 256, 306, 18948}));
 
-TEST(ImageAssembler, ConvertsOnlyCountPixelsAndZeroesTheRest)
-{
-    ztImageAssembler a;
-    // Counts around the converter's 4096-pixel blocks, odd ones included.
+    const int rows = 61, cols = 173;
     for (int count : {0, 1, 3, 4095, 4096, 4097, 10001}) {
-        const int rows = 61, cols = 173; // 10553 pixels
-        const std::vector<unsigned short> original = noise(rows * cols, static_cast<unsigned>(count));
-        std::vector<unsigned short> src = original;
-        const cv::Mat image = a.imageFormat_16To8(src.data(), count, rows, cols);
-        ASSERT_EQ(image.rows, rows);
-        ASSERT_EQ(image.cols, cols);
+        std::vector<unsigned short> original(rows * cols);
+        for (std::size_t i = 0; i < original.size(); ++i)
+            original[i] = static_cast<unsigned short>((i * 2654435761u + static_cast<unsigned>(count)) >> 13);
+        std::vector<unsigned short> part = original;
+        const cv::Mat made = a.imageFormat_16To8(part.data(), count, rows, cols);
+        ASSERT_EQ(made.size(), cv::Size(cols, rows));
         for (int i = 0; i < rows * cols; ++i) {
-            if (i < count) {
-                ASSERT_EQ(src[i], formula(original[i])) << "count " << count << " pixel " << i;
-                ASSERT_EQ(image.data[i], static_cast<unsigned char>(formula(original[i]))) << "count " << count << " pixel " << i;
-            } else {
-                ASSERT_EQ(src[i], original[i]) << "count " << count << " pixel " << i << " must stay untouched";
-                ASSERT_EQ(image.data[i], 0) << "count " << count << " pixel " << i;
-            }
+            ASSERT_EQ(part[i], i < count ? formula(original[i]) : original[i]) << count << " " << i;
+            ASSERT_EQ(made.data[i], i < count ? static_cast<unsigned char>(formula(original[i])) : 0) << count << " " << i;
         }
     }
-    // No pixels at all: a null source is fine.
-    const cv::Mat blank = a.imageFormat_16To8(nullptr, 0, 2, 3);
-    ASSERT_EQ(blank.total(), 6u);
-    EXPECT_EQ(cv::countNonZero(blank), 0);
-}
+    EXPECT_EQ(cv::countNonZero(a.imageFormat_16To8(nullptr, 0, 2, 3)), 0);
 
-TEST(ImageAssembler, RefusesCountsOutsideTheImage)
-{
-    ztImageAssembler a;
-    std::vector<unsigned short> src(16, 2000);
+    // Counts outside the image: an empty image, a line, the source untouched.
+    std::vector<unsigned short> four(16, 2000);
     const struct {
         unsigned short* src;
         int count, rows, cols;
-    } bad[] = {{nullptr, 1, 4, 4}, {src.data(), -1, 4, 4}, {src.data(), 13, 3, 4},
-               {src.data(), 0, -1, 4}, {src.data(), 0, 4, -1}};
-    for (const auto& b : bad) {
-        zt::test::LogCapture log;
-        const cv::Mat image = a.imageFormat_16To8(b.src, b.count, b.rows, b.cols);
-        EXPECT_TRUE(image.empty()) << b.count << " " << b.rows << " " << b.cols;
-        EXPECT_TRUE(logged(log, "ztImageAssembler::[imageFormat_16To8]"));
-    }
-    EXPECT_EQ(std::count(src.begin(), src.end(), 2000), 16);
+    } bad[] = {{nullptr, 1, 4, 4}, {four.data(), -1, 4, 4}, {four.data(), 13, 3, 4}, {four.data(), 0, -1, 4}, {four.data(), 0, 4, -1}};
+    zt::test::LogCapture log;
+    for (const auto& b : bad)
+        EXPECT_TRUE(a.imageFormat_16To8(b.src, b.count, b.rows, b.cols).empty()) << b.count << " " << b.rows << " " << b.cols;
+    EXPECT_EQ(logged(log, "ztImageAssembler::[imageFormat_16To8]"), 5);
+    EXPECT_EQ(std::count(four.begin(), four.end(), 2000), 16);
 }
 
 TEST(ImageAssembler, MergePastesInsideTheImageOnly)
@@ -189,160 +135,109 @@ TEST(ImageAssembler, MergePastesInsideTheImageOnly)
     cv::Mat full = cv::Mat::zeros(5, 6, CV_8UC1);
     unsigned char part[] = {1, 2, 3, 4, 5, 6};
     a.MergePart2Complete(&full, part, 2, 1, 3, 2);
-    // The block touches the right edge: allowed here.
-    a.MergePart2Complete(&full, part, 4, 4, 2, 1);
-    // partRows below 1 copies nothing, whatever else is passed.
-    a.MergePart2Complete(&full, nullptr, -5, -5, 100, 0);
+    a.MergePart2Complete(&full, part, 4, 4, 2, 1);                // touching the right edge: allowed here
+    a.MergePart2Complete(&full, nullptr, -5, -5, 100, 0);         // no rows: nothing, whatever else
     const unsigned char expected[5][6] = {
         {0, 0, 0, 0, 0, 0}, {0, 0, 1, 2, 3, 0}, {0, 0, 4, 5, 6, 0}, {0, 0, 0, 0, 0, 0}, {0, 0, 0, 0, 1, 2}};
-    for (int r = 0; r < 5; ++r)
-        for (int c = 0; c < 6; ++c)
-            EXPECT_EQ(full.at<unsigned char>(r, c), expected[r][c]) << r << "," << c;
+    EXPECT_EQ(cv::countNonZero(full != cv::Mat(5, 6, CV_8UC1, const_cast<unsigned char*>(&expected[0][0]))), 0);
 
+    // Parts reaching outside, a null part, and images whose rows are not cols bytes apart
+    // (a view into a wider image, 16-bit pixels, none at all) are refused with a line.
     const cv::Mat before = full.clone();
+    zt::test::LogCapture log;
+    unsigned char nines[8] = {9, 9, 9, 9, 9, 9, 9, 9};
     const struct {
         int x, y, w, h;
     } outside[] = {{4, 0, 3, 1}, {0, 4, 1, 2}, {-1, 0, 1, 1}, {0, -1, 1, 1}, {0, 0, -1, 1}, {6, 0, 1, 1}};
-    for (const auto& o : outside) {
-        zt::test::LogCapture log;
-        unsigned char big[8] = {9, 9, 9, 9, 9, 9, 9, 9};
-        a.MergePart2Complete(&full, big, o.x, o.y, o.w, o.h);
-        EXPECT_TRUE(logged(log, "ztImageAssembler::[MergePart2Complete]")) << o.x << "," << o.y;
-    }
-    {
-        zt::test::LogCapture log;
-        a.MergePart2Complete(&full, nullptr, 0, 0, 1, 1);
-        EXPECT_TRUE(logged(log, "ztImageAssembler::[MergePart2Complete] null part"));
-    }
+    for (const auto& o : outside)
+        a.MergePart2Complete(&full, nines, o.x, o.y, o.w, o.h);
+    EXPECT_EQ(logged(log, "ztImageAssembler::[MergePart2Complete] a "), 6);
+    a.MergePart2Complete(&full, nullptr, 0, 0, 1, 1);
+    EXPECT_EQ(logged(log, "ztImageAssembler::[MergePart2Complete] null part"), 1);
     EXPECT_EQ(cv::countNonZero(full != before), 0);
-
-    // Images whose rows are not cols bytes apart are refused: a view into a wider image,
-    // a 16-bit image, no image.
     cv::Mat wide = cv::Mat::zeros(4, 8, CV_8UC1);
     cv::Mat view = wide(cv::Rect(1, 1, 4, 2));
     cv::Mat deep = cv::Mat::zeros(4, 4, CV_16UC1);
-    for (cv::Mat* target : {&view, &deep, static_cast<cv::Mat*>(nullptr)}) {
-        zt::test::LogCapture log;
+    for (cv::Mat* target : {&view, &deep, static_cast<cv::Mat*>(nullptr)})
         a.MergePart2Complete(target, part, 0, 0, 2, 2);
-        EXPECT_TRUE(logged(log, "ztImageAssembler::[MergePart2Complete] the image is not"));
-    }
-    EXPECT_EQ(cv::countNonZero(wide), 0);
-    EXPECT_EQ(cv::countNonZero(deep), 0);
+    EXPECT_EQ(logged(log, "ztImageAssembler::[MergePart2Complete] the image is not"), 3);
+    EXPECT_EQ(cv::countNonZero(wide) + cv::countNonZero(deep), 0);
 }
 
-TEST(ImageAssembler, CutoutPastesPartsThatEndInsideTheImage)
+// Both record forms: the head copied out, the full frame scaled in place, the cut-out's
+// parts pasted when they end strictly inside the image and black elsewhere (even over
+// freed memory full of bytes). An image lives until the next call on the same object.
+TEST(ImageAssembler, RecordsFullAndCutout)
 {
-    const int width = 10, height = 6;
-    Record rec;
-    rec.head(0x0102030405060708ull, width, height).u16(5);
-    rec.part(0, 0, width, 1, 0xA0);      // full width: ends on the right edge, skipped
-    rec.part(0, 1, width - 1, 2, 10);    // one short of the edge: pasted
-    rec.part(3, 4, 2, 1, 50);            // pasted
-    rec.part(5, 5, 1, 1, 0xB0);          // ends on the bottom edge: skipped
-    rec.part(8, 3, 1, 1, 60);            // pasted, read after the skipped ones
-    ztImageAssembler a;
+    const std::uint16_t pixels[] = {0, 143, 144, 1024, 1027, 1028, 1200, 65535, 500, 880, 1, 2, 3, 4000, 999};
+    Record full(0xFEDCBA9876543210ull, 5, 3);
+    for (std::uint16_t p : pixels)
+        full.u16(p);
+    ztImageAssembler a, b;
     Outputs out;
-    ASSERT_EQ(a.getCutoutImageData(rec.data(), out.image, &out.width, &out.height, &out.timestamp, out.header), 0);
-    expectHead(out, 0x0102030405060708ull, width, height);
-    ASSERT_NE(out.image, nullptr);
+    ASSERT_EQ(convert(a, Full, full, out), 0);
+    EXPECT_EQ(out.timestamp, 0xFEDCBA9876543210ull);
+    EXPECT_EQ(out.width * 100 + out.height, 503);
+    for (int i = 0; i < 64; ++i)
+        ASSERT_EQ(out.header[i], static_cast<char>(0x40 + i)) << i;
+    for (int i = 0; i < 15; ++i) {
+        EXPECT_EQ(out.image[i], static_cast<unsigned char>(formula(pixels[i]))) << i;
+        EXPECT_EQ(full.pixel(i), formula(pixels[i])) << i;
+    }
+    const std::vector<unsigned char> first(out.image, out.image + 15);
 
-    unsigned char expected[height][width] = {};
-    for (int r = 0; r < 2; ++r)
-        for (int c = 0; c < width - 1; ++c)
-            expected[1 + r][c] = static_cast<unsigned char>(10 + r * (width - 1) + c);
+    Record cut(99, 10, 6);
+    cut.u16(5).part(0, 0, 10, 1, 0xA0).part(0, 1, 9, 2, 10).part(3, 4, 2, 1, 50).part(5, 5, 1, 1, 0xB0).part(8, 3, 1, 1, 60);
+    unsigned char expected[6][10] = {};
+    for (int i = 0; i < 18; ++i)
+        expected[1 + i / 9][i % 9] = static_cast<unsigned char>(10 + i);
     expected[4][3] = 50;
     expected[4][4] = 51;
     expected[3][8] = 60;
-    for (int r = 0; r < height; ++r)
-        for (int c = 0; c < width; ++c)
-            EXPECT_EQ(out.image[r * width + c], expected[r][c]) << r << "," << c;
-}
-
-TEST(ImageAssembler, CutoutWithoutPartsIsBlack)
-{
-    const int width = 64, height = 48;
-    {
-        // Leaves freed memory of the image's size full of non-zero bytes.
-        cv::Mat dirty(height, width, CV_8UC1, cv::Scalar(0xFF));
-    }
-    Record rec;
-    rec.head(99, width, height).u16(0);
-    ztImageAssembler a;
-    Outputs out;
-    ASSERT_EQ(a.getCutoutImageData(rec.data(), out.image, &out.width, &out.height, &out.timestamp, out.header), 0);
-    expectHead(out, 99, width, height);
-    ASSERT_NE(out.image, nullptr);
-    EXPECT_EQ(std::count(out.image, out.image + width * height, 0), width * height);
-}
-
-TEST(ImageAssembler, FullFrameIsScaledInPlace)
-{
-    const int width = 5, height = 3;
-    const std::uint16_t pixels[] = {0, 143, 144, 1024, 1027, 1028, 1200, 65535, 500, 880, 1, 2, 3, 4000, 999};
-    Record rec;
-    rec.head(0xFEDCBA9876543210ull, width, height);
-    for (std::uint16_t p : pixels)
-        rec.u16(p);
-    ztImageAssembler a;
-    Outputs out;
-    ASSERT_EQ(a.getOriImageData(rec.data(), out.image, &out.width, &out.height, &out.timestamp, out.header), 0);
-    expectHead(out, 0xFEDCBA9876543210ull, width, height);
-    ASSERT_NE(out.image, nullptr);
-    for (int i = 0; i < width * height; ++i) {
-        EXPECT_EQ(out.image[i], static_cast<unsigned char>(formula(pixels[i]))) << i;
-        EXPECT_EQ(rec.pixel(i), formula(pixels[i])) << i;
-    }
-}
-
-TEST(ImageAssembler, ImageLivesUntilTheNextCallOnTheSameObject)
-{
-    Record rec;
-    rec.head(5, 4, 2);
-    for (int i = 0; i < 8; ++i)
-        rec.u16(static_cast<std::uint16_t>(144 + 100 * i));
-    ztImageAssembler a, b;
-    Outputs first;
-    ASSERT_EQ(a.getOriImageData(rec.data(), first.image, &first.width, &first.height, &first.timestamp, first.header), 0);
-    const std::vector<unsigned char> seen(first.image, first.image + 8);
-    EXPECT_EQ(seen[7], formula(844));
-
-    // Another object's calls (and the images they make and free) leave the image alone.
-    Record other;
-    other.head(6, 3, 3).u16(1).part(0, 0, 2, 2, 200);
-    Outputs second;
+    Record black(98, 64, 48);
+    black.u16(0);
+    Outputs other;
     for (int i = 0; i < 20; ++i) {
-        ASSERT_EQ(b.getCutoutImageData(other.data(), second.image, &second.width, &second.height, &second.timestamp,
-                                       second.header),
-                  0);
+        {
+            cv::Mat dirty(48, 64, CV_8UC1, cv::Scalar(0xFF)); // freed memory of the image's size, not zero
+        }
+        ASSERT_EQ(convert(b, Cutout, black, other), 0);
+        ASSERT_EQ(std::count(other.image, other.image + 64 * 48, 0), 64 * 48);
+        ASSERT_EQ(convert(b, Cutout, cut, other), 0);
+        ASSERT_TRUE(std::equal(other.image, other.image + 60, &expected[0][0]));
     }
-    EXPECT_TRUE(std::equal(seen.begin(), seen.end(), first.image));
+    EXPECT_EQ(other.timestamp, 99u);
+    EXPECT_EQ(other.width * 100 + other.height, 1006);
+    EXPECT_TRUE(std::equal(first.begin(), first.end(), out.image)); // b's calls left a's image alone
+    ASSERT_EQ(convert(a, Cutout, cut, out), 0);
+    EXPECT_EQ(out.image[10], 10);
 
-    // The next call on the same object hands out its own image.
-    ASSERT_EQ(a.getCutoutImageData(other.data(), second.image, &second.width, &second.height, &second.timestamp,
-                                   second.header),
-              0);
-    EXPECT_EQ(second.image[0], 200);
-    EXPECT_EQ(second.image[4], 203);
-    EXPECT_EQ(second.width, 3);
+    // A null record or output fails without touching the outputs.
+    zt::test::LogCapture log;
+    Outputs none;
+    EXPECT_EQ(a.getOriImageData(nullptr, none.image, &none.width, &none.height, &none.timestamp, none.header), -1);
+    EXPECT_EQ(a.getCutoutImageData(cut.data(), none.image, &none.width, &none.height, &none.timestamp, nullptr), -1);
+    EXPECT_EQ(none.image, nullptr);
+    EXPECT_EQ(none.width, -7);
+    EXPECT_EQ(log.count("ztImageAssembler::[getOriImageData] null record or output pointer"), 1);
+    EXPECT_EQ(log.count("ztImageAssembler::[getCutoutImageData] null record or output pointer"), 1);
 }
 
-TEST(ImageAssembler, ConcurrentCallsOnOneObject)
+// Threads converting records of their own share only the assembler, whose hand-over of
+// the last image must not race; an allocation failure is reported, not thrown.
+TEST(ImageAssembler, ConcurrentCallsAndAllocationFailure)
 {
-    // Each thread converts records of its own; they share only the assembler, whose
-    // hand-over of the last image must not race.
     ztImageAssembler a;
     std::vector<std::thread> threads;
     std::vector<int> failures(4, 0);
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&a, &failures, t] {
             for (int i = 0; i < 200; ++i) {
-                Record rec;
-                rec.head(static_cast<std::uint64_t>(t), static_cast<std::uint16_t>(8 + t), 4);
+                Record rec(static_cast<std::uint64_t>(t), static_cast<std::uint16_t>(8 + t), 4);
                 for (int p = 0; p < (8 + t) * 4; ++p)
                     rec.u16(static_cast<std::uint16_t>(1000 + p));
                 Outputs out;
-                const int rc = a.getOriImageData(rec.data(), out.image, &out.width, &out.height, &out.timestamp, out.header);
-                if (rc != 0 || out.width != 8 + t || out.timestamp != static_cast<unsigned long long>(t) ||
+                if (convert(a, Full, rec, out) != 0 || out.width != 8 + t || out.timestamp != static_cast<unsigned>(t) ||
                     rec.pixel(3) != formula(1003))
                     ++failures[t];
             }
@@ -351,50 +246,32 @@ TEST(ImageAssembler, ConcurrentCallsOnOneObject)
     for (auto& th : threads)
         th.join();
     EXPECT_EQ(failures, std::vector<int>(4, 0));
-}
 
-TEST(ImageAssembler, AllocationFailureIsReportedNotThrown)
-{
-    FailingAllocator failing;
+    // Every allocation fails, as when memory runs out.
+    class Failing : public cv::MatAllocator {
+    public:
+        cv::UMatData* allocate(int, const int*, int, void*, size_t*, cv::AccessFlag, cv::UMatUsageFlags) const override
+        {
+            CV_Error(cv::Error::StsNoMem, "no memory in this test");
+        }
+        bool allocate(cv::UMatData*, cv::AccessFlag, cv::UMatUsageFlags) const override { return false; }
+        void deallocate(cv::UMatData*) const override {}
+    } failing;
+    zt::test::LogCapture log;
+    std::vector<unsigned short> src(4, 1200);
+    Record full(1, 2, 2), cut(1, 2, 2);
+    full.u16(1200).u16(1200).u16(1200).u16(1200);
+    cut.u16(0);
+    Outputs out;
     cv::MatAllocator* saved = cv::Mat::getDefaultAllocator();
     cv::Mat::setDefaultAllocator(&failing);
-    zt::test::LogCapture log;
-    ztImageAssembler a;
-    std::vector<unsigned short> src(4, 1200);
-    const cv::Mat image = a.imageFormat_16To8(src.data(), 4, 2, 2);
-
-    Record full;
-    full.head(1, 2, 2);
-    for (int i = 0; i < 4; ++i)
-        full.u16(1200);
-    Record cut;
-    cut.head(1, 2, 2).u16(0);
-    Outputs out;
-    const int fullResult = a.getOriImageData(full.data(), out.image, &out.width, &out.height, &out.timestamp, out.header);
-    const int cutResult = a.getCutoutImageData(cut.data(), out.image, &out.width, &out.height, &out.timestamp, out.header);
+    const bool empty = a.imageFormat_16To8(src.data(), 4, 2, 2).empty();
+    const int results[] = {convert(a, Full, full, out), convert(a, Cutout, cut, out)};
     cv::Mat::setDefaultAllocator(saved);
-
-    EXPECT_TRUE(image.empty());
-    EXPECT_EQ(fullResult, -1);
-    EXPECT_EQ(cutResult, -1);
+    EXPECT_TRUE(empty);
+    EXPECT_EQ(results[0] + results[1], -2);
     EXPECT_EQ(out.image, nullptr);
     EXPECT_EQ(out.width, -7);
-    EXPECT_TRUE(logged(log, "ztImageAssembler::[imageFormat_16To8] cannot allocate"));
-    EXPECT_TRUE(logged(log, "ztImageAssembler::[getOriImageData] cannot allocate"));
-    EXPECT_TRUE(logged(log, "ztImageAssembler::[getCutoutImageData] cannot allocate"));
-}
-
-TEST(ImageAssembler, NullRecordOrOutputsFail)
-{
-    Record rec;
-    rec.head(1, 1, 1).u16(0);
-    ztImageAssembler a;
-    Outputs out;
-    zt::test::LogCapture log;
-    EXPECT_EQ(a.getOriImageData(nullptr, out.image, &out.width, &out.height, &out.timestamp, out.header), -1);
-    EXPECT_EQ(a.getCutoutImageData(rec.data(), out.image, &out.width, &out.height, &out.timestamp, nullptr), -1);
-    EXPECT_EQ(out.image, nullptr);
-    EXPECT_EQ(out.width, -7);
-    EXPECT_EQ(log.count("ztImageAssembler::[getOriImageData] null record or output pointer"), 1);
-    EXPECT_EQ(log.count("ztImageAssembler::[getCutoutImageData] null record or output pointer"), 1);
+    for (const char* method : {"imageFormat_16To8", "getOriImageData", "getCutoutImageData"})
+        EXPECT_EQ(logged(log, std::string("ztImageAssembler::[") + method + "] cannot allocate"), 1) << method;
 }

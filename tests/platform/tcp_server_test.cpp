@@ -30,14 +30,18 @@ public:
         std::unique_lock<std::mutex> lock(m);
         return cv.wait_for(lock, std::chrono::milliseconds(ms), [&] { return bytes.size() >= n; });
     }
-    bool waitConnections(int n, int ms)
+    bool waitConnections(int n)
     {
-        for (int i = 0; i < ms; ++i) {
-            if (connectionCount() == n)
-                return true;
+        for (int i = 0; i < 2000 && connectionCount() != n; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return false;
+        return connectionCount() == n;
+    }
+    // Listening, with a peer connected.
+    void startWith(RawConnection& peer)
+    {
+        ASSERT_EQ(startThread(0), 0);
+        ASSERT_TRUE(peer.connect("127.0.0.1", port(), 2000));
+        ASSERT_TRUE(waitConnections(1));
     }
 
     std::atomic<int> connects{0};
@@ -63,21 +67,29 @@ private:
     std::string bytes;
 };
 
+// What the peer receives until n bytes are there or two seconds pass.
+std::string receive(RawConnection& peer, std::size_t n)
+{
+    std::string got;
+    for (int i = 0; i < 100 && got.size() < n; ++i) {
+        const auto part = peer.readFor(20);
+        got.append(part.begin(), part.end());
+    }
+    return got;
+}
+
 TEST(TCPServer, ReceivesFromEveryConnectionAndSendsToTheNewest)
 {
     Recorder server;
-    ASSERT_EQ(server.startThread(0), 0);
-    const int port = server.port();
-    ASSERT_GT(port, 0);
-    EXPECT_EQ(server.sendMsg("x", 1), -1); // nobody to send to
-    EXPECT_EQ(server.startThread(0), -1);  // already listening
-
+    EXPECT_EQ(server.sendMsg("x", 1), -1); // not listening
     RawConnection a;
+    server.startWith(a);
+    EXPECT_EQ(server.startThread(0), -1); // already listening
+    EXPECT_EQ(server.sendMsg("x", 1), 1);
+    EXPECT_EQ(receive(a, 1), "x");
     RawConnection b;
-    ASSERT_TRUE(a.connect("127.0.0.1", port, 2000));
-    ASSERT_TRUE(server.waitConnections(1, 2000));
-    ASSERT_TRUE(b.connect("127.0.0.1", port, 2000));
-    ASSERT_TRUE(server.waitConnections(2, 2000));
+    ASSERT_TRUE(b.connect("127.0.0.1", server.port(), 2000));
+    ASSERT_TRUE(server.waitConnections(2));
     EXPECT_EQ(server.connects, 2);
 
     ASSERT_TRUE(a.sendBytes("hello ", 6));
@@ -88,85 +100,67 @@ TEST(TCPServer, ReceivesFromEveryConnectionAndSendsToTheNewest)
 
     EXPECT_EQ(server.sendMsg("reply", 5), 5);
     EXPECT_EQ(server.sendMsg("", 0), 0);
-    const auto atB = b.readFor(100);
-    EXPECT_EQ(std::string(atB.begin(), atB.end()), "reply");
+    EXPECT_EQ(receive(b, 5), "reply");
     EXPECT_TRUE(a.readFor(50).empty());
-
     // The newest connection closes: the one before it is the peer again.
     b.close();
-    ASSERT_TRUE(server.waitConnections(1, 2000));
+    ASSERT_TRUE(server.waitConnections(1));
     EXPECT_EQ(server.disconnects, 1);
     EXPECT_EQ(server.sendMsg("again", 5), 5);
-    const auto atA = a.readFor(100);
-    EXPECT_EQ(std::string(atA.begin(), atA.end()), "again");
+    EXPECT_EQ(receive(a, 5), "again");
 }
 
-TEST(TCPServer, LargeWritesArriveWholeAndInOrder)
+// Two senders of 8 MiB at once: each message arrives whole and in one piece; receiving
+// paused after a block holds the peer back until resumed.
+TEST(TCPServer, LargeWritesArriveWholeAndPausedReceivingWaits)
 {
     Recorder server;
-    ASSERT_EQ(server.startThread(0), 0);
     RawConnection peer;
-    ASSERT_TRUE(peer.connect("127.0.0.1", server.port(), 2000));
-    ASSERT_TRUE(server.waitConnections(1, 2000));
+    server.startWith(peer);
     std::string big(8 << 20, '\0');
     for (std::size_t i = 0; i < big.size(); ++i)
         big[i] = static_cast<char>(i * 7);
     std::vector<char> got;
     std::thread reader([&] {
-        while (got.size() < 2 * big.size()) {
+        while (got.size() < 2 * big.size() && peer.isOpen()) {
             auto part = peer.readFor(20);
             got.insert(got.end(), part.begin(), part.end());
-            if (part.empty() && !peer.isOpen())
-                break;
         }
     });
-    // Two writers at once: each message stays whole.
-    std::thread other([&] { EXPECT_EQ(server.sendMsg(big.data(), static_cast<int>(big.size())), static_cast<int>(big.size())); });
-    EXPECT_EQ(server.sendMsg(big.data(), static_cast<int>(big.size())), static_cast<int>(big.size()));
+    const int size = static_cast<int>(big.size());
+    std::thread other([&] { EXPECT_EQ(server.sendMsg(big.data(), size), size); });
+    EXPECT_EQ(server.sendMsg(big.data(), size), size);
     other.join();
     reader.join();
     ASSERT_EQ(got.size(), 2 * big.size());
     EXPECT_TRUE(std::equal(big.begin(), big.end(), got.begin()));
-    EXPECT_TRUE(std::equal(big.begin(), big.end(), got.begin() + static_cast<std::ptrdiff_t>(big.size())));
-}
+    EXPECT_TRUE(std::equal(big.begin(), big.end(), got.begin() + size));
 
-TEST(TCPServer, PausedReceivingHoldsThePeerBackUntilResumed)
-{
-    Recorder server;
-    ASSERT_EQ(server.startThread(0), 0);
-    RawConnection peer;
-    ASSERT_TRUE(peer.connect("127.0.0.1", server.port(), 2000));
-    ASSERT_TRUE(server.waitConnections(1, 2000));
-    server.accept = false;
     // The first block is still read (the pause is decided after it), the next waits.
+    server.accept = false;
     ASSERT_TRUE(peer.sendBytes("first", 5));
     ASSERT_TRUE(server.waitFor(5, 2000));
     ASSERT_TRUE(peer.sendBytes("second", 6));
-    EXPECT_FALSE(server.waitFor(6, 200));
+    EXPECT_FALSE(server.waitFor(6, 100));
     server.accept = true;
     server.resumeReceive();
     ASSERT_TRUE(server.waitFor(11, 2000));
     EXPECT_EQ(server.received(), "firstsecond");
 }
 
-TEST(TCPServer, StopClosesConnectionsAndFreesThePortAtOnce)
+TEST(TCPServer, StopClosesConnectionsReleasesSendersAndFreesThePortAtOnce)
 {
     Recorder server;
-    ASSERT_EQ(server.startThread(0), 0);
-    const int port = server.port();
     RawConnection peer;
-    ASSERT_TRUE(peer.connect("127.0.0.1", port, 2000));
-    ASSERT_TRUE(server.waitConnections(1, 2000));
-    ASSERT_TRUE(peer.sendBytes("x", 1));
-    ASSERT_TRUE(server.waitFor(1, 2000));
-
+    server.startWith(peer);
+    const int port = server.port();
     // A sender blocked on a peer that never reads is released by the stop.
     std::atomic<int> blocked{1};
     std::thread sender([&] {
         std::string big(64 << 20, 'z');
         blocked = server.sendMsg(big.data(), static_cast<int>(big.size()));
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // gives the sender time to fill the buffers
     server.stopThread();
     sender.join();
     EXPECT_EQ(blocked, -1);
@@ -174,13 +168,11 @@ TEST(TCPServer, StopClosesConnectionsAndFreesThePortAtOnce)
     EXPECT_EQ(server.port(), 0);
     EXPECT_EQ(server.sendMsg("x", 1), -1);
 
-    // The same port can be listened on again straight away.
+    // The same port can be listened on again straight away; a port in use is refused.
     Recorder again;
     ASSERT_EQ(again.startThread(port), 0);
     RawConnection second;
     EXPECT_TRUE(second.connect("127.0.0.1", port, 2000));
-
-    // A port in use is refused.
     Recorder clash;
     EXPECT_EQ(clash.startThread(port), -1);
 }
