@@ -404,7 +404,7 @@ stream_head() {
     local sim=("$ztproxy" --log-level off stream)
     mkdir "$tmp/frames"
     start_listening head "$ztproxy" sim head --stream-rate 100 --stream-on trigger --full-frames
-    local head=$bg real=("${sim[@]}" --local 127.0.0.1 --remote 127.0.0.1 --seconds 1)
+    local head=$bg real=("${sim[@]}" --local 127.0.0.1 --remote 127.0.0.1 --seconds 2)
     run "${real[@]}" --save-every 2 --out "$tmp/frames"
     [ $rc -eq 0 ] && grep -q "stream: 0 frames" "$tmp/out" &&
         [ "$(cat "$tmp/err")" = "ztproxy: nothing saved: no packet arrived; does the head stream without --start trigger?" ] ||
@@ -428,7 +428,9 @@ stream_head() {
 stream_interrupted() {
     "$ztproxy" --log-level off stream --sim-net --seconds 60 --json </dev/null >"$tmp/out" 2>"$tmp/err" &
     local tool=$!
-    sleep 2
+    # Interrupted once its head streams to it, and a moment later.
+    for _ in $(seq 100); do ss -tn state established | grep -q ":42001 " && break; sleep 0.1; done
+    sleep 1
     kill -INT $tool
     wait $tool
     rc=$?
