@@ -140,6 +140,36 @@ std::vector<char> proxyMessage(std::int32_t type, std::uint32_t subType, const v
     return out;
 }
 
+std::vector<char> bytes(std::initializer_list<int> values)
+{
+    std::vector<char> out;
+    for (const int v : values)
+        out.push_back(static_cast<char>(v));
+    return out;
+}
+
+std::vector<char> littleEndian(std::uint64_t value, int width)
+{
+    std::vector<char> out;
+    for (int i = 0; i < width; ++i)
+        out.push_back(static_cast<char>(value >> (8 * i)));
+    return out;
+}
+
+std::vector<char> joined(std::initializer_list<std::vector<char>> parts)
+{
+    std::vector<char> out;
+    for (const auto& p : parts)
+        out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+std::vector<char> embeddedMessage(std::uint16_t type, const std::vector<char>& payload, unsigned char head,
+                                  unsigned char tail)
+{
+    return joined({bytes({head}), littleEndian(payload.size() + 8, 4), littleEndian(type, 2), payload, bytes({tail})});
+}
+
 RawConnection::~RawConnection()
 {
     close();
@@ -254,6 +284,17 @@ bool RawConnection::readMessage(ProxyMessage& out, int timeoutMs)
     }
 }
 
+std::vector<char> RawConnection::readBytes(std::size_t n, int timeoutMs)
+{
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (m_pending.size() < n && msLeft(deadline) > 0 && fill(msLeft(deadline))) {
+    }
+    const auto end = m_pending.begin() + static_cast<std::ptrdiff_t>(std::min(n, m_pending.size()));
+    std::vector<char> out(m_pending.begin(), end);
+    m_pending.erase(m_pending.begin(), end);
+    return out;
+}
+
 std::vector<char> RawConnection::readFor(int timeoutMs)
 {
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -295,10 +336,13 @@ bool RawListener::listen(int port, int backlog)
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, backlog) != 0) {
+    socklen_t length = sizeof addr;
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, backlog) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length) != 0) {
         close();
         return false;
     }
+    m_port = ntohs(addr.sin_port);
     return true;
 }
 

@@ -1,10 +1,11 @@
-// A host end of the module proxy written from the wire format alone: plain TCP
-// connections to the module's ports, proxy messages built byte by byte, replies cut out
-// of the stream by their header. The demo drives a module with it, and the tests use it
-// as an independent peer.
+// A peer written from the wire format alone: plain TCP connections, proxy and embedded
+// messages built byte by byte, replies cut out of the stream by their header. The demo
+// drives a module with it, and the tests use it as an independent peer of the module
+// proxy, the network head and the library's sockets.
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,17 @@ namespace zt::tools {
 // The bytes of one proxy message: magic 0x2324, two zero bytes, type, sub type, length,
 // payload, all little-endian.
 std::vector<char> proxyMessage(std::int32_t type, std::uint32_t subType, const void* payload, std::int32_t length);
+
+// Bytes written as numbers from 0 to 255.
+std::vector<char> bytes(std::initializer_list<int> values);
+// The low `width` bytes of value, little-endian.
+std::vector<char> littleEndian(std::uint64_t value, int width);
+// The parts one after the other.
+std::vector<char> joined(std::initializer_list<std::vector<char>> parts);
+// The bytes of one embedded message: head, 32-bit size (payload + 8), 16-bit type, payload,
+// tail.
+std::vector<char> embeddedMessage(std::uint16_t type, const std::vector<char>& payload = {},
+                                  unsigned char head = 0xAA, unsigned char tail = 0xBB);
 
 // Fields of a received proxy message.
 struct ProxyMessage {
@@ -42,6 +54,8 @@ public:
     std::size_t sendFor(const void* data, std::size_t length, int timeoutMs);
     // Reads one whole proxy message, waiting up to timeoutMs; false on time-out or close.
     bool readMessage(ProxyMessage& out, int timeoutMs);
+    // n bytes, or fewer when the peer closes or timeoutMs pass (bytes left over first).
+    std::vector<char> readBytes(std::size_t n, int timeoutMs);
     // Everything that arrives within timeoutMs (bytes left over from readMessage first).
     std::vector<char> readFor(int timeoutMs);
     // True when the peer closed the connection (waits up to timeoutMs to find out).
@@ -64,13 +78,16 @@ public:
     RawListener(const RawListener&) = delete;
     RawListener& operator=(const RawListener&) = delete;
 
+    // Port 0 takes a free port; port() tells which.
     bool listen(int port, int backlog = 16);
+    int port() const { return m_port; }
     // Accepts one connection within timeoutMs.
     bool accept(RawConnection& out, int timeoutMs);
     void close();
 
 private:
     std::intptr_t m_fd = -1;
+    int m_port = 0;
 };
 
 } // namespace zt::tools

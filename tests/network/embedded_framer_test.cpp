@@ -1,20 +1,21 @@
+#include "host_peer.h"
 #include "network/EmbeddedFramer.h"
-#include "network/peer.h"
 #include "support/log_capture.h"
 
 #include <gtest/gtest.h>
 
 using zt::EmbeddedFramer;
-using zt::test::Bytes;
-using zt::test::embedded;
+using zt::tools::bytes;
+using zt::tools::embeddedMessage;
+using zt::tools::joined;
 
 namespace {
 
 // The front message's bytes, popped; empty when there is none.
-Bytes take(EmbeddedFramer& f)
+std::vector<char> take(EmbeddedFramer& f)
 {
     const char* m = f.front();
-    Bytes out = m ? Bytes(m, m + f.frontSize()) : Bytes();
+    std::vector<char> out = m ? std::vector<char>(m, m + f.frontSize()) : std::vector<char>();
     if (m)
         f.pop();
     return out;
@@ -22,18 +23,15 @@ Bytes take(EmbeddedFramer& f)
 
 TEST(EmbeddedFramer, CoalescedAndSplitMessages)
 {
-    const Bytes a = embedded(2, ""), b = embedded(264, "abcd"), c = embedded(7, "0123456789AB", 0x11);
-    Bytes all = a;
-    all.insert(all.end(), b.begin(), b.end());
-    all.insert(all.end(), c.begin(), c.end());
-
+    const auto a = embeddedMessage(2), b = embeddedMessage(264, bytes({1, 2, 3, 4}));
+    const auto c = embeddedMessage(7, std::vector<char>(12, 'c'), 0x11); // a wrong head is cut out by its size
+    const auto all = joined({a, b, c});
     EmbeddedFramer f(EmbeddedFramer::kMinHeldRequestReply);
     f.append(all.data(), all.size());
     EXPECT_EQ(take(f), a);
     EXPECT_EQ(take(f), b);
-    EXPECT_EQ(take(f), c); // a wrong head is cut out by its size like any other
+    EXPECT_EQ(take(f), c);
     EXPECT_EQ(f.size(), 0u);
-
     // Byte by byte: each message comes out with its last byte and not before.
     std::vector<std::size_t> ends;
     for (std::size_t i = 0; i < all.size(); ++i) {
@@ -44,9 +42,9 @@ TEST(EmbeddedFramer, CoalescedAndSplitMessages)
     EXPECT_EQ(ends, (std::vector<std::size_t>{8, 20, 40}));
 }
 
-TEST(EmbeddedFramer, MinimumHeldAndCapacity)
+TEST(EmbeddedFramer, MinimumHeldCapacityAndBadSizes)
 {
-    const Bytes eight = embedded(2, ""), tail(5, 0x55);
+    const auto eight = embeddedMessage(2), tail = std::vector<char>(5, 0x55);
     EmbeddedFramer udp(EmbeddedFramer::kMinHeldUdp), stream(EmbeddedFramer::kMinHeldStream);
     for (auto* f : {&udp, &stream}) {
         f->append(eight.data(), 8);
@@ -58,30 +56,28 @@ TEST(EmbeddedFramer, MinimumHeldAndCapacity)
     udp.append(tail.data(), 1);
     EXPECT_EQ(take(udp), eight);
 
-    const Bytes twenty = embedded(3, "0123456789AB");
+    const auto twenty = embeddedMessage(3, std::vector<char>(12, 't'));
     EmbeddedFramer tight(8, 19), exact(8, 20);
     tight.append(twenty.data(), twenty.size());
     exact.append(twenty.data(), twenty.size());
     EXPECT_EQ(tight.front(), nullptr);
     EXPECT_EQ(tight.size(), 20u); // kept, never cut
     EXPECT_EQ(take(exact), twenty);
-}
 
-TEST(EmbeddedFramer, SizeBelowEightDropsWhatIsHeld)
-{
+    // A size field below 8 drops everything held, with one warning.
     zt::test::LogCapture log;
     EmbeddedFramer f(8);
-    for (unsigned char size : {0, 7}) {
-        const Bytes bad{0xAA, size, 0, 0, 0, 1, 0, 0xBB, 1, 2, 3};
+    for (int size : {0, 7}) {
+        const auto bad = bytes({0xAA, size, 0, 0, 0, 1, 0, 0xBB, 1, 2, 3});
         f.append(bad.data(), bad.size());
         EXPECT_EQ(f.front(), nullptr);
         EXPECT_EQ(f.size(), 0u);
+        EXPECT_EQ(log.count("embedded message with full size " + std::to_string(size) +
+                            ": 11 bytes dropped from the stream\n"),
+                  1);
     }
-    EXPECT_EQ(log.count("embedded message with full size 0: 11 bytes dropped from the stream\n"), 1);
-    EXPECT_EQ(log.count("embedded message with full size 7: 11 bytes dropped from the stream\n"), 1);
-    const Bytes good = embedded(9, "ok");
-    f.append(good.data(), good.size());
-    EXPECT_EQ(take(f), good);
+    f.append(twenty.data(), twenty.size());
+    EXPECT_EQ(take(f), twenty);
 }
 
 } // namespace

@@ -1,67 +1,35 @@
 // ztEmbeddedModuleProxyServer against the simulated network head: coming online over four
-// connections, heartbeat and offline, the command exchange, and everything the head pushes.
-#include "host_peer.h"
-#include "support/data_calls.h"
+// connections, heartbeat and offline, callbacks that call back, the command exchange, and
+// the light-pen packets it composes.
+#include "network/online.h"
 #include "support/destroy_on_offline.h"
 #include "support/log_capture.h"
-#include "ztEmbeddedModuleProxyServer.h"
-#include "ztSimNetworkHead.h"
-
-#include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <memory>
-#include <condition_variable>
-#include <cstring>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
-using zt::test::LogCapture;
-using Head = ztSimNetworkHead;
+using namespace zt::test;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-const char* const kIP = "127.0.0.1";
-
-using Seen = zt::test::DataCalls;
 
 std::string str(const std::vector<char>& v)
 {
     return std::string(v.begin(), v.end());
 }
 
-// A head and a server brought online against it.
-struct Online {
-    Head head;
-    Seen seen;
-    ztEmbeddedModuleProxyServer server;
-    int start()
-    {
-        if (head.start() != 0)
-            return -100;
-        server.registerModuleServerDataCB(&Seen::cb, &seen);
-        return server.init(kIP, kIP, "SN-0001");
-    }
-};
-
-TEST(EmbeddedServer, ComesOnlineOverFourConnectionsInOrder)
+TEST(EmbeddedServer, ComesOnlineOverFourConnectionsInOrderAndBeatsEvery500ms)
 {
     LogCapture log(ZTLOG_LEVEL_INFO);
     Online o;
     EXPECT_FALSE(o.server.isConnected());
     EXPECT_EQ(o.server.getCurDeviceAbilityInfo().productType, 31u); // before the head is asked
-    ASSERT_EQ(o.start(), 0);
-    EXPECT_TRUE(o.server.isConnected());
+    o.start();
     for (auto c : {Head::Command, Head::Data, Head::CommandData, Head::LightPen})
         EXPECT_TRUE(o.head.isConnected(c)) << c;
     EXPECT_EQ(o.head.connectionsAccepted(), 4);
     EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 1u);
-
-    // The online sequence: the ability record, then SET files 0, 1 and 2.
+    // The online sequence: the ability record, then SET files 0, 1 and 2, whose replies
+    // reach the callback.
     Head::Request r;
     ASSERT_TRUE(o.head.nextCommand(r, 1000));
     EXPECT_EQ(r.type, 345);
@@ -71,14 +39,13 @@ TEST(EmbeddedServer, ComesOnlineOverFourConnectionsInOrder)
         EXPECT_EQ(r.type, 264);
         EXPECT_EQ(str(r.payload), std::string(reinterpret_cast<const char*>(&i), 4));
     }
+    EXPECT_EQ(o.seen.of(264, 3).size(), 3u);
     const DeviceAbilityInfo ability = o.server.getCurDeviceAbilityInfo();
     EXPECT_EQ(ability.productType, Head::kDefaultProductType);
     EXPECT_EQ(ability.ability5, 5u);
     EXPECT_EQ(ability.ability11, 11u);
     EXPECT_EQ(log.count("ztEmbeddedModuleProxyServer::device SN-0001 online get device ablility info, product type: 42"), 1);
     EXPECT_EQ(log.count("All TCP threads are established,and the device goes online !!!"), 1);
-    // The SET file replies reached the callback.
-    EXPECT_EQ(o.seen.of(264, 3).size(), 3u);
     EXPECT_EQ(o.server.getDeviceSN(), "SN-0001");
     EXPECT_EQ(o.server.getDataPort(), 0);
 
@@ -87,13 +54,11 @@ TEST(EmbeddedServer, ComesOnlineOverFourConnectionsInOrder)
     EXPECT_EQ(o.head.connectionsAccepted(), 4);
     EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 1u);
 
-    // Heartbeats go out every 500 ms on the command-data connection.
+    // A beat every 500 ms on the command-data connection.
     const int before = o.head.heartbeatsReceived();
     std::this_thread::sleep_for(std::chrono::milliseconds(1600));
-    const int beats = o.head.heartbeatsReceived() - before;
-    EXPECT_GE(beats, 2);
-    EXPECT_LE(beats, 4);
-    EXPECT_TRUE(o.server.isConnected());
+    EXPECT_GE(o.head.heartbeatsReceived() - before, 2);
+    EXPECT_LE(o.head.heartbeatsReceived() - before, 4);
 }
 
 TEST(EmbeddedServer, UnansweredThirdConnectionKeepsTheFirstTwo)
@@ -101,7 +66,7 @@ TEST(EmbeddedServer, UnansweredThirdConnectionKeepsTheFirstTwo)
     Online o;
     o.head.setRefuseChannel(2);
     ASSERT_EQ(o.head.start(), 0);
-    o.server.registerModuleServerDataCB(&Seen::cb, &o.seen);
+    o.server.registerModuleServerDataCB(&DataCalls::cb, &o.seen);
     // The head leaves the third attempt unanswered: the connect times out.
     EXPECT_EQ(o.server.init(kIP, kIP, "SN"), ztEmbeddedModuleProxyServer::kConnectTimeout);
     EXPECT_FALSE(o.server.isConnected());
@@ -109,12 +74,10 @@ TEST(EmbeddedServer, UnansweredThirdConnectionKeepsTheFirstTwo)
     EXPECT_TRUE(o.head.isConnected(Head::Data));
     EXPECT_FALSE(o.head.isConnected(Head::CommandData));
     EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 0u);
-
     // A later init connects only the missing two.
     o.head.setRefuseChannel(-1);
-    const int accepted = o.head.connectionsAccepted();
     EXPECT_EQ(o.server.init(kIP, kIP, "SN"), 0);
-    EXPECT_EQ(o.head.connectionsAccepted(), accepted + 2);
+    EXPECT_EQ(o.head.connectionsAccepted(), 4);
     EXPECT_TRUE(o.server.isConnected());
     EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 1u);
 }
@@ -123,20 +86,24 @@ TEST(EmbeddedServer, SilentHeadGoesOfflineOnceAfterTheFifthMissedBeat)
 {
     LogCapture log;
     Online o;
-    ASSERT_EQ(o.start(), 0);
+    o.start();
+    o.waitForBeat();
     o.head.setAnswerHeartbeats(false);
+    const int before = o.head.heartbeatsReceived();
     const auto silentFrom = Clock::now();
-    ASSERT_EQ(o.seen.of(ZT_CODE_DEVICE_OFFLINE, 1, 6000).size(), 1u);
-    const auto took = Clock::now() - silentFrom;
-    EXPECT_GE(took, std::chrono::milliseconds(2400));
-    EXPECT_LT(took, std::chrono::milliseconds(4000));
+    ASSERT_EQ(o.seen.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 6000), 1u);
+    // Five beats go unanswered, then the release pause of 500 ms.
+    EXPECT_GE(msSince(silentFrom), 2900);
+    EXPECT_LT(msSince(silentFrom), 4500);
+    EXPECT_EQ(o.head.heartbeatsReceived() - before, 5);
     EXPECT_FALSE(o.server.isConnected());
-    // The log line follows the callback.
+    // The log line follows the callback; the connections were closed, and nothing more
+    // is raised.
     EXPECT_TRUE(log.waitFor("Heartbeat timeout = 127.0.0.1", 1000));
-    // The connections were closed and nothing more is raised.
     EXPECT_TRUE(o.head.waitDisconnected(Head::Command, 2000));
-    std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
     EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_OFFLINE), 1u);
+    EXPECT_EQ(o.head.heartbeatsReceived() - before, 5);
     EXPECT_EQ(log.count("Heartbeat timeout = 127.0.0.1"), 1);
     EXPECT_EQ(o.server.sendTrigger(), -1);
 }
@@ -147,7 +114,7 @@ TEST(EmbeddedServer, OfflineCallbackMayDestroyTheServer)
 {
     Head head;
     ASSERT_EQ(head.start(), 0);
-    zt::test::DestroyOnOffline o(std::make_unique<ztEmbeddedModuleProxyServer>());
+    DestroyOnOffline o(std::make_unique<ztEmbeddedModuleProxyServer>());
     ASSERT_EQ(o.server->init(kIP, kIP, "SN-0001"), 0);
     head.setAnswerHeartbeats(false);
     EXPECT_TRUE(o.waitGone(10000));
@@ -159,7 +126,7 @@ TEST(EmbeddedServer, OfflineCallbackMayDestroyTheServer)
 struct CallingBack {
     ztEmbeddedModuleProxyServer server;
     std::atomic<int> onlineCommand{99}, messageCommand{99};
-    std::atomic<bool> stopped{false};
+    DataCalls stopped;
     static void cb(int type, char*, int, void* user)
     {
         auto* self = static_cast<CallingBack*>(user);
@@ -169,10 +136,9 @@ struct CallingBack {
             self->onlineCommand = self->server.getImageSize(&width, &height);
         else if (type == 300)
             self->messageCommand = self->server.getCameraExposure(&exposure);
-        else if (type == 301) {
+        else if (type == 301)
             self->server.deInit();
-            self->stopped = true;
-        }
+        DataCalls::cb(type, nullptr, 0, &self->stopped);
     }
 };
 
@@ -186,18 +152,14 @@ TEST(EmbeddedServer, CallbacksMayCommandAndStopTheirServer)
     ASSERT_EQ(c.server.init(kIP, kIP, "SN"), 0);
     EXPECT_EQ(c.onlineCommand, 0);
     ASSERT_GT(head.sendMessage(Head::CommandData, 300, "a", 1), 0);
-    for (int i = 0; i < 200 && c.messageCommand == 99; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_EQ(c.stopped.waitCount(300, 1, 3000), 1u);
     EXPECT_EQ(c.messageCommand, 0);
 
     ASSERT_GT(head.sendMessage(Head::CommandData, 301, "b", 1), 0);
-    for (int i = 0; i < 300 && !c.stopped; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_TRUE(c.stopped);
+    ASSERT_EQ(c.stopped.waitCount(301, 1, 3000), 1u);
     EXPECT_FALSE(c.server.isConnected());
     EXPECT_EQ(log.count("ztEmbeddedModuleProxyServer: stopped from its own thread; the thread ends by itself\n"), 1);
     EXPECT_EQ(c.server.sendTrigger(), -1);
-
     // A new init brings the head online again, with new threads.
     c.onlineCommand = 99;
     ASSERT_EQ(c.server.init(kIP, kIP, "SN"), 0);
@@ -239,12 +201,13 @@ TEST(EmbeddedServer, CommandExchangeReplyRules)
     EXPECT_EQ(log.lines().size(), 0u);
 
     Online o;
-    ASSERT_EQ(o.start(), 0);
+    o.start();
     o.head.clearCommands();
-    o.head.setStatusReply(13, -5);
-    EXPECT_EQ(o.server.sendTrigger(), -1);
-    o.head.setStatusReply(13, 3);
-    EXPECT_EQ(o.server.sendTrigger(), 0);
+    // Any status of 0 or more is success on this link; a negative one fails.
+    for (int status : {-5, 0, 3}) {
+        o.head.setStatusReply(13, status);
+        EXPECT_EQ(o.server.sendTrigger(), status < 0 ? -1 : 0) << status;
+    }
     Head::Request r;
     ASSERT_TRUE(o.head.nextCommand(r, 1000));
     EXPECT_EQ(r.type, 13);
@@ -254,29 +217,16 @@ TEST(EmbeddedServer, CommandExchangeReplyRules)
     EXPECT_EQ(o.server.sendTrigger(), -1);
     o.head.setRawReply(13, Head::message(0, nullptr, 0));
     EXPECT_EQ(o.server.sendTrigger(), -1);
-    // No reply: the exchange gives up after 5 s and logs the command's text.
-    o.head.setNoReply(13);
-    const auto t0 = Clock::now();
-    EXPECT_EQ(o.server.sendTrigger(), -1);
-    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(4900));
-    EXPECT_EQ(log.count("ztEmbeddedModuleProxyServer [sendTrigger] zmq_send failed!\r\n"), 1);
-    // A late reply does not poison the next command beyond the one it belonged to.
-    o.head.setStatusReply(13, 0);
-    EXPECT_EQ(o.server.sendTrigger(), 0);
 
     // A value reply fills the caller's values.
     o.head.setEchoReply(276, Head::valuePayload(0x07030400));
     int v[4] = {-1, -1, -1, -1};
     EXPECT_EQ(o.server.getRKProgramVersion(&v[0], &v[1], &v[2], &v[3]), 0);
-    EXPECT_EQ(v[0], 7);
-    EXPECT_EQ(v[1], 3);
-    EXPECT_EQ(v[2], 4);
-    EXPECT_EQ(v[3], 0);
+    EXPECT_EQ((std::vector<int>{v[0], v[1], v[2], v[3]}), (std::vector<int>{7, 3, 4, 0}));
     // The ability record: a non-zero status is returned as it is, type 0 leaves the record.
     DeviceAbilityInfo info{};
     info.productType = 99;
-    o.head.setEchoReply(345, {static_cast<char>(0xFD), static_cast<char>(0xFF), static_cast<char>(0xFF),
-                              static_cast<char>(0xFF)});
+    o.head.setEchoReply(345, std::vector<char>{'\xFD', '\xFF', '\xFF', '\xFF'});
     EXPECT_EQ(o.server.getDeviceAbilityInfo(&info), -3);
     EXPECT_EQ(log.count("ztEmbeddedModuleProxyServer::getDeviceAbilityInfo, reply = -3"), 1);
     o.head.setStatusReply(345, 0);
@@ -290,6 +240,59 @@ TEST(EmbeddedServer, CommandExchangeReplyRules)
     EXPECT_EQ(info.abilityHeader, 0xABCu);
     EXPECT_EQ(info.productType, Head::kDefaultProductType);
     EXPECT_EQ(info.ability5, 5u);
+}
+
+// The star packets for light-pen control and firmware version selection, byte for byte:
+// "*", the four characters of the device id (0xFF each when the id is shorter), the data,
+// then the trailer key 6 7, 0xFF, "#". The builders send nothing.
+TEST(EmbeddedServer, LightPenPacketsByteForByte)
+{
+    LogCapture log;
+    ztEmbeddedModuleProxyServer server;
+    const std::string F(1, '\xFF'), trailer = std::string("\x06\x07", 2) + F + "#";
+    auto frame = [&](const std::string& id, const std::string& data) { return "*" + id + data + trailer; };
+    std::string out = "whatever the string held before is replaced";
+    server.packageLPCanWork("AB12", true, out);
+    EXPECT_EQ(out, frame("AB12", "\x06\x19" "1" + std::string(8, '\xFF')));
+    server.packageLPCanWork("ABCDE", false, out); // only the first four characters count
+    EXPECT_EQ(out, frame("ABCD", "\x06\x19" "0" + std::string(8, '\xFF')));
+    server.packageLPWorkResult("WXYZ", true, out);
+    EXPECT_EQ(out, frame("WXYZ", "\x06\x1B" "1" + std::string(8, '\xFF')));
+    server.packageLPWorkResult("WXYZ", false, out);
+    EXPECT_EQ(out, frame("WXYZ", "\x06\x1B" "0" + std::string(8, '\xFF')));
+    // The selection leaves its value position 7 alone and writes "0" two further on.
+    server.packageSelectFirewareVersion("AB12", out);
+    EXPECT_EQ(out, frame("AB12", "\x08\x01" + F + F + "0" + std::string(6, '\xFF')));
+    EXPECT_TRUE(log.lines().empty());
+    // A shorter id leaves its positions at 0xFF and is logged; the frame is built all the same.
+    server.packageLPCanWork("AB1", true, out);
+    EXPECT_EQ(out, frame(std::string(4, '\xFF'), "\x06\x19" "1" + std::string(8, '\xFF')));
+    server.packageSelectFirewareVersion("", out);
+    EXPECT_EQ(out, frame(std::string(4, '\xFF'), "\x08\x01" + F + F + "0" + std::string(6, '\xFF')));
+    ASSERT_EQ(log.lines().size(), 2u);
+    EXPECT_EQ(log.lines()[0].text, "device id error:AB1\r\n");
+    EXPECT_EQ(log.lines()[1].text, "device id error:\r\n");
+    EXPECT_EQ(log.lines()[1].level, ZTLOG_LEVEL_ERROR);
+
+    // The frame for another data length n: n + 12 bytes, trailer at n + 8.
+    server.dataInitSet("QRST", out, 3);
+    EXPECT_EQ(out, "*QRST" + std::string(6, '\xFF') + trailer);
+    server.dataInitSet("QRST", out, 0);
+    EXPECT_EQ(out, "*QRST" + std::string(3, '\xFF') + trailer);
+    // The single steps write at the position given and nowhere else.
+    const std::string blank(12, '.');
+    out = blank;
+    server.setKey(3, out);
+    EXPECT_EQ(out, "...\x06\x07.......");
+    out = blank;
+    server.selectDeviceParaCMDSet(0, out);
+    EXPECT_EQ(out, "\x08\x01..........");
+    out = blank;
+    server.setLPEnabled(false, 2, out);
+    EXPECT_EQ(out, "..\x06\x19" "0.......");
+    out = blank;
+    server.setLPWorkResult(true, 9, out);
+    EXPECT_EQ(out, ".........\x06\x1B" "1");
 }
 
 } // namespace

@@ -1,17 +1,17 @@
+#include "host_peer.h"
 #include "network/TcpClient.h"
-#include "network/peer.h"
 #include "platform/zt_time.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 
-using namespace zt::test;
 using namespace testing::internal;
+using zt::tools::RawConnection;
+using zt::tools::RawListener;
 
 namespace {
 
@@ -51,65 +51,75 @@ struct Recorder {
     }
 };
 
-TEST(TcpClient, NoServerParksTheReceiverAndTearsDown)
+// Destroys the client and expects it to be gone at once, without a receive error.
+void expectPromptTeardown(std::shared_ptr<net::TcpClient>& client, const Recorder& rec)
 {
-    const unsigned short port = TcpListener().port; // closed again at once
-    CaptureStderr();
-    auto client = std::make_shared<net::TcpClient>("127.0.0.1", port);
-    Recorder rec(*client);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_FALSE(client->isConnected());
     const auto start = zt::tickMs();
     client.reset();
     EXPECT_LT(zt::tickMs() - start, 500u);
+    EXPECT_EQ(rec.errors, 0);
+}
+
+TEST(TcpClient, NoServerParksTheReceiverAndTearsDown)
+{
+    int port = 0;
+    {
+        RawListener closed;
+        ASSERT_TRUE(closed.listen(0));
+        port = closed.port();
+    }
+    CaptureStderr();
+    auto client = std::make_shared<net::TcpClient>("127.0.0.1", port);
+    Recorder rec(*client);
+    // Time for a receiver to get past its gate, if it could.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(client->isConnected());
+    expectPromptTeardown(client, rec);
     // A receiver that had passed the gate would have logged a receive error.
     EXPECT_EQ(GetCapturedStderr(), "net::TcpClient: Can not connect to server: 127.0.0.1:" + std::to_string(port) + "\n");
-    EXPECT_EQ(rec.errors, 0);
 }
 
 TEST(TcpClient, BlocksInOrderReconnectOnSendAndTeardownWhileReceiving)
 {
-    TcpListener l;
+    RawListener l;
+    ASSERT_TRUE(l.listen(0));
     CaptureStdout();
-    auto client = std::make_shared<net::TcpClient>("127.0.0.1", l.port);
-    EXPECT_EQ(GetCapturedStdout(), "Connect to server: 127.0.0.1:" + std::to_string(l.port) + " success!\n");
+    auto client = std::make_shared<net::TcpClient>("127.0.0.1", l.port());
+    EXPECT_EQ(GetCapturedStdout(), "Connect to server: 127.0.0.1:" + std::to_string(l.port()) + " success!\n");
     Recorder rec(*client);
-    int peer = l.accept();
-
-    sendBytes(peer, Bytes{'o', 'n', 'e'});
-    ASSERT_TRUE(rec.waitFor([&] { return rec.blocks.size() == 1; }));
-    sendBytes(peer, Bytes{'t', 'w', 'o'});
-    ASSERT_TRUE(rec.waitFor([&] { return rec.blocks.size() == 2; }));
+    RawConnection peer;
+    ASSERT_TRUE(l.accept(peer, 2000));
+    for (const char* block : {"one", "two"}) {
+        peer.sendBytes(block, 3);
+        ASSERT_TRUE(rec.waitFor([&] { return !rec.blocks.empty() && rec.blocks.back() == block; }));
+    }
     EXPECT_EQ(rec.blocks, (std::vector<std::string>{"one", "two"}));
 
     // The server closes: reported once; the next send connects again before sending.
-    ::close(peer);
+    peer.close();
     ASSERT_TRUE(rec.waitFor([&] { return rec.connections.size() == 1; }));
     EXPECT_FALSE(client->isConnected());
     EXPECT_EQ(client->send(std::string("again")), 5);
-    peer = l.accept();
-    EXPECT_EQ(readBytes(peer, 5), (Bytes{'a', 'g', 'a', 'i', 'n'}));
+    ASSERT_TRUE(l.accept(peer, 2000));
+    EXPECT_EQ(peer.readBytes(5, 3000), (std::vector<char>{'a', 'g', 'a', 'i', 'n'}));
     EXPECT_TRUE(rec.waitFor([&] { return rec.connections == std::vector<bool>{false, true}; }));
-    sendBytes(peer, Bytes{'3'});
+    peer.sendBytes("3", 1);
     EXPECT_TRUE(rec.waitFor([&] { return rec.blocks.back() == "3"; }));
-
     // Destruction while the receiver waits in a receive that the server never ends.
-    const auto start = zt::tickMs();
-    client.reset();
-    EXPECT_LT(zt::tickMs() - start, 500u);
-    EXPECT_EQ(rec.errors, 0);
-    ::close(peer);
+    expectPromptTeardown(client, rec);
 }
 
 TEST(TcpClient, ConcurrentSendersAndReceiver)
 {
-    TcpListener l;
+    RawListener l;
+    ASSERT_TRUE(l.listen(0));
     CaptureStdout();
-    auto client = std::make_shared<net::TcpClient>("127.0.0.1", l.port);
+    auto client = std::make_shared<net::TcpClient>("127.0.0.1", l.port());
     GetCapturedStdout();
     Recorder rec(*client);
-    const int peer = l.accept();
-    std::thread echo([&] { sendBytes(peer, readBytes(peer, 20000)); });
+    RawConnection peer;
+    ASSERT_TRUE(l.accept(peer, 2000));
+    std::thread echo([&] { peer.sendBytes(peer.readBytes(20000, 5000)); });
     auto sender = [&](char c) {
         for (int i = 0; i < 200; ++i)
             EXPECT_EQ(client->send(std::string(50, c)), 50);
@@ -121,7 +131,6 @@ TEST(TcpClient, ConcurrentSendersAndReceiver)
     ASSERT_TRUE(rec.waitFor([&] { return rec.bytes == 20000; }));
     EXPECT_EQ(rec.aCount, 10000u);
     client.reset(); // before the recorder goes
-    ::close(peer);
 }
 
 } // namespace
