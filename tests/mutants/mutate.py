@@ -8,7 +8,8 @@ killed when a test fails (or times out), survives when they all pass.
 TOP is the source tree, WORK a folder of its own (scratch copy and build). The scratch copy
 is refreshed from TOP's tracked files on every run; the build in it is kept, so ccache and
 ninja make each mutant an incremental build. A mutant whose text no longer occurs exactly
-once, or whose build fails, is reported as stale or unbuilt: the list needs mending.
+once or whose tests match no test, or whose build fails, is reported as stale or unbuilt:
+the list needs mending.
 """
 import os
 import shutil
@@ -53,20 +54,25 @@ def run(cmd, cwd, timeout, log):
 
 def first_failure(cmd, cwd, timeout, log):
     """Runs ctest and stops it at the first failing test: one is enough to kill a mutant,
-    and the others may be waiting out their time-outs. True when a test failed."""
+    and the others may be waiting out their time-outs. 'killed' when a test failed,
+    'survived' when all passed, 'stale' when the regular expression names no test."""
     p = subprocess.Popen(cmd, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                          start_new_session=True)
     deadline = time.monotonic() + timeout
     failed = False
+    none = False
     for line in p.stdout:
         log.write(line)
+        none = none or "No tests were found" in line
         if "***" in line or time.monotonic() > deadline:
             failed = True
             break
     if failed:
         os.killpg(p.pid, signal.SIGKILL)
     p.wait()
-    return failed or p.returncode != 0
+    if none:
+        return "stale"
+    return "killed" if failed or p.returncode != 0 else "survived"
 
 
 def main():
@@ -130,9 +136,8 @@ def main():
                 if run(["cmake", "--build", build, "-j2"], scratch, 1800, log) != 0:
                     outcome = "unbuilt"
                 else:
-                    failed = first_failure(["ctest", "--test-dir", build, "-j4", "--timeout", "180",
-                                            "--no-tests=error", "-R", m["tests"]], scratch, 1800, log)
-                    outcome = "killed" if failed else "survived"
+                    outcome = first_failure(["ctest", "--test-dir", build, "-j4", "--timeout", "180",
+                                             "--no-tests=error", "-R", m["tests"]], scratch, 1800, log)
         finally:
             with open(path, "w", encoding="utf-8") as f:
                 f.write(original)
