@@ -2,6 +2,7 @@
 // light-pen bytes, a hostile head; and the parsers of callback payloads.
 #include "network/online.h"
 #include "support/log_capture.h"
+#include "support/noise.h"
 
 #include <cstring>
 
@@ -149,14 +150,7 @@ TEST(EmbeddedInbound, HostileHeadNeitherCrashesNorWedgesTheServer)
     Online o;
     o.start();
     // Random bytes without a tag byte on the data connection: all dropped.
-    std::vector<char> noise(256 * 1024);
-    unsigned int seed = 12345;
-    for (char& c : noise) {
-        seed = seed * 1103515245u + 12345u;
-        c = static_cast<char>((seed >> 16) & 0xFF);
-        if (static_cast<unsigned char>(c) == 0xAA)
-            c = 0x55;
-    }
+    const std::vector<char> noise = zt::test::noiseWithoutTag(256 * 1024, 12345);
     // Lengths at and beyond every limit: 159 and 0x1E00001 are refused by their header, a
     // plain packet of 2000001 is skipped; the good packets after each still arrive.
     const auto good = streamPacket(500, 'g');

@@ -2,6 +2,7 @@
 // and starting again, callbacks that call back, the event and stream paths through the
 // frame pools, and the control exchange.
 #include "support/log_capture.h"
+#include "support/noise.h"
 #include "support/usb_online.h"
 #include "ztSimNetworkHead.h"
 
@@ -196,14 +197,7 @@ TEST(UsbServer, StreamPacketsArriveWholeAndInOrderPastNoiseAndBadHeaders)
     zt::test::UsbOnline o;
     ASSERT_TRUE(o.start());
     // Random bytes (without a tag byte), then a header beyond the decoder's length limit.
-    std::vector<char> noise(300000);
-    unsigned int seed = 99;
-    for (char& c : noise) {
-        seed = seed * 1103515245u + 12345u;
-        c = static_cast<char>((seed >> 16) & 0xFF);
-        if (static_cast<unsigned char>(c) == 0xAA)
-            c = 0x11;
-    }
+    const std::vector<char> noise = zt::test::noiseWithoutTag(300000, 99);
     std::vector<char> stream = noise;
     const std::string small(2000, 'b');
     auto tooLong = Head::extendedPacket(1280, 1, small.data(), small.size());
