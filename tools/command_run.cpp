@@ -211,8 +211,12 @@ bool temperatures(ztEmbeddedModuleProxyServer& server, std::vector<char>& bytes,
     for (std::size_t i = 0; i < temps.size(); ++i) {
         char value[32];
         std::snprintf(value, sizeof value, "%g", static_cast<double>(temps[i]));
-        out.text += (i > 0 ? " " : "") + std::string(value);
-        out.json += (i > 0 ? "," : "") + std::string(value);
+        if (i > 0) {
+            out.text += ' ';
+            out.json += ',';
+        }
+        out.text += value;
+        out.json += value;
     }
     out.json += "]";
     return true;
