@@ -300,16 +300,16 @@ TEST(ModuleFaults, NotificationFloodWhileRequestsAreAnswered)
     host.registerModuleServerDataCB(&Flood::cb, &flood);
     [[maybe_unused]] const long rssBefore = residentKiB();
     ASSERT_EQ(host.init("127.0.0.1"), 0);
-    ASSERT_TRUE(host.waitRegistered(8000) && waitUntil(8000, [&] { return flood.next > 0; }));
+    ASSERT_TRUE(host.waitRegistered(8000) && waitUntil(8000, [&] { return flood.next > 100; }));
 
-    // Requests in the middle of the flood: every one has its reply.
+    // Requests in the middle of the flood (it goes on until it is told to stop): every one
+    // has its reply.
     int answered = 0;
     for (int i = 0; i < 100; ++i) {
         std::string version;
         answered += host.sendTrigger() == 0 && host.getFirmwareVersion(version) == 0 && version == "ZT-MOD 2.4.1";
     }
     EXPECT_EQ(answered, 100);
-    EXPECT_GT(flood.next, 100);
     std::int32_t sent = 0;
     ASSERT_TRUE(module.send('s') && readBytes(module.input(), &sent, sizeof sent, 10000));
     EXPECT_LT(sent, kFloodCap) << "the flood ended before the requests";
