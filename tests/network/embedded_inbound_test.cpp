@@ -123,9 +123,22 @@ TEST(EmbeddedInbound, WholeReceivesOf100Or160BytesAndTheDecoderReset)
     o.head.sendBytes(Head::Data, good.data() + 200, good.size() - 200);
     send(o.head, Head::Data, good);
     EXPECT_EQ(o.seen.of(1280, 2), (std::vector<std::string>{payloadOf(p160), payloadOf(good)}));
+
+    // Packets longer than a receive block go straight into the packet being read: they
+    // arrive whole, also after a reset that drops one of them half received.
+    std::vector<char> big = streamPacket(400000, 'b');
+    for (std::size_t i = 77; i + 1 < big.size(); ++i)
+        big[i] = static_cast<char>(i * 7);
+    o.head.sendBytes(Head::Data, big.data(), 250000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    o.server.resetQlensNetProto();
+    o.head.sendBytes(Head::Data, big.data() + 250000, big.size() - 250000);
+    send(o.head, Head::Data, big);
+    send(o.head, Head::Data, big);
+    EXPECT_EQ(o.seen.of(1280, 4), (std::vector<std::string>{payloadOf(p160), payloadOf(good), payloadOf(big), payloadOf(big)}));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(o.seen.count(514), 1u);
-    EXPECT_EQ(o.seen.count(1280), 2u);
+    EXPECT_EQ(o.seen.count(1280), 4u);
 }
 
 TEST(EmbeddedInbound, LightPenBytesArriveWholeEveryTime)

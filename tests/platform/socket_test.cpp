@@ -94,6 +94,8 @@ TEST(Sockets, SendReceiveTimeOutShutDownAndAClosedPeer)
     EXPECT_EQ(SPR_ShutDown(p.client, 2), 0);
     EXPECT_EQ(zt::sock::recvOnce(p.accepted, buf, sizeof buf), 0);
     EXPECT_EQ(SPR_ShutDown(p.client, 7), -1);
+    // A send after its own shutdown fails (EPIPE) without raising SIGPIPE.
+    EXPECT_EQ(zt::sock::sendOnce(p.client, "x", 1), -1);
 
     // Sending to a peer that reset the connection fails, and raises no SIGPIPE.
     Pair q;
