@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <thread>
-#include <type_traits>
 #include <vector>
 
 namespace zt {
@@ -41,8 +40,8 @@ void joinLeftBehindAtDestruction(std::vector<std::thread>& leftBehind, const cha
 enum class Round { Stop, Idle, Busy };
 
 // The loop of a worker: sleep periodMs, run one round, end when stop is set. A round that
-// returns false (or Round::Stop) ends the loop at once; one that returns Round::Busy is
-// followed by the next without the pause.
+// returns Round::Stop ends the loop at once; one that returns Round::Busy is followed by
+// the next without the pause.
 template <class RoundFn>
 void workerLoop(const std::atomic<bool>& stop, unsigned int periodMs, RoundFn&& round)
 {
@@ -50,11 +49,7 @@ void workerLoop(const std::atomic<bool>& stop, unsigned int periodMs, RoundFn&& 
     for (;;) {
         if (pause)
             SPR_Sleep(periodMs);
-        Round result;
-        if constexpr (std::is_same_v<decltype(round()), bool>)
-            result = round() ? Round::Idle : Round::Stop;
-        else
-            result = round();
+        const Round result = round();
         if (result == Round::Stop || stop.load(std::memory_order_relaxed))
             return;
         pause = result != Round::Busy;

@@ -9,7 +9,7 @@
 #include <exception>
 #include <utility>
 
-#if defined(__SSE2__)
+#if defined(__GNUC__) && defined(__x86_64__)
 #include <immintrin.h>
 #endif
 
@@ -42,8 +42,9 @@ T readAt(const char* record, std::size_t at)
 // estimate q = floor(x * 18990 / 2^16) is r or r - 1 (18990 / 2^16 falls short of 51 / 176
 // by less than 2^-16 * 0.3, so the estimate is off by less than 0.3); it is r - 1 exactly
 // when x * 51 - (q + 1) * 176, which lies within +-176, is below zero. Both products are
-// needed only modulo 2^16 for that, so vector code does it eight or sixteen pixels at a
-// time with no widening, and the conversion runs near the speed of its memory traffic.
+// needed only modulo 2^16 for that, so AVX2 code does it sixteen pixels at a time with no
+// widening, and the conversion runs near the speed of its memory traffic; processors
+// without AVX2 take the same steps one pixel at a time.
 constexpr int kEstimate = 18990;
 
 std::uint16_t scaled(std::uint16_t v)
@@ -53,21 +54,9 @@ std::uint16_t scaled(std::uint16_t v)
     return static_cast<std::uint16_t>(static_cast<std::int32_t>(x * 51) < static_cast<std::int32_t>(q1 * 176) ? q1 - 1 : q1);
 }
 
-#if defined(__SSE2__)
-// Eight pixels: r as eight 16-bit lanes.
-__m128i scaled8(__m128i v)
-{
-    const __m128i x = _mm_subs_epu16(v, _mm_set1_epi16(144)); // max(v - 144, 0)
-    const __m128i q1 = _mm_add_epi16(_mm_mulhi_epu16(x, _mm_set1_epi16(static_cast<short>(kEstimate))), _mm_set1_epi16(1));
-    const __m128i d = _mm_sub_epi16(_mm_mullo_epi16(x, _mm_set1_epi16(51)), _mm_mullo_epi16(q1, _mm_set1_epi16(176)));
-    return _mm_add_epi16(q1, _mm_srai_epi16(d, 15)); // -1 where d < 0
-}
-#endif
-
 #if defined(__GNUC__) && defined(__x86_64__)
 #define ZT_SCALE_AVX2 1
-// The same with AVX2, sixteen pixels per vector and thirty-two per turn, where the
-// processor has it.
+// Sixteen pixels: r as sixteen 16-bit lanes (-1 added where d < 0).
 __attribute__((target("avx2"))) inline __m256i scaled16(__m256i v)
 {
     const __m256i x = _mm256_subs_epu16(v, _mm256_set1_epi16(144));
@@ -78,7 +67,7 @@ __attribute__((target("avx2"))) inline __m256i scaled16(__m256i v)
     return _mm256_add_epi16(q1, _mm256_srai_epi16(d, 15));
 }
 
-// Returns the pixels done.
+// Thirty-two pixels per turn; returns the pixels done.
 __attribute__((target("avx2"))) std::size_t scaleAvx2(unsigned char* src, std::size_t count, unsigned char* dst)
 {
     const __m256i lowByte = _mm256_set1_epi16(0x00FF);
@@ -104,18 +93,6 @@ void scale(unsigned char* src, std::size_t count, unsigned char* dst)
     static const bool avx2 = __builtin_cpu_supports("avx2");
     if (avx2)
         i = scaleAvx2(src, count, dst);
-#endif
-#if defined(__SSE2__)
-    const __m128i lowByte = _mm_set1_epi16(0x00FF);
-    for (; i + 16 <= count; i += 16) {
-        auto* at = reinterpret_cast<__m128i*>(src + 2 * i);
-        const __m128i a = scaled8(_mm_loadu_si128(at));
-        const __m128i b = scaled8(_mm_loadu_si128(at + 1));
-        _mm_storeu_si128(at, a);
-        _mm_storeu_si128(at + 1, b);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i),
-                         _mm_packus_epi16(_mm_and_si128(a, lowByte), _mm_and_si128(b, lowByte)));
-    }
 #endif
     for (; i < count; ++i) {
         std::uint16_t v;

@@ -177,7 +177,7 @@ unsigned int ztModuleProxyServer::onSocketConnectThreadFunc()
                 auto s = std::make_shared<zt::ProxyTcpSocket>();
                 if (s->create() != 0 || s->connect(m_address, ZT_MODULE_CMD_PORT) != 0) {
                     dropSockets();
-                    return true;
+                    return zt::Round::Idle;
                 }
                 m_cmdSocket->set(std::move(s));
                 madeCommand = true;
@@ -199,7 +199,7 @@ unsigned int ztModuleProxyServer::onSocketConnectThreadFunc()
                 auto s = std::make_shared<zt::ProxyTcpSocket>();
                 if (s->create() != 0 || s->connect(m_address, ZT_MODULE_DATA_PORT) != 0) {
                     dropSockets();
-                    return true;
+                    return zt::Round::Idle;
                 }
                 m_dataSocket->set(std::move(s));
             }
@@ -212,7 +212,7 @@ unsigned int ztModuleProxyServer::onSocketConnectThreadFunc()
             else
                 setRegistered(true);
         }
-        return true;
+        return zt::Round::Idle;
     });
     return 0;
 }
@@ -239,7 +239,7 @@ unsigned int ztModuleProxyServer::onDataChannelRecvThreadFunc()
             // bytes until it drains, so a flooding module cannot exhaust memory.
             std::lock_guard<std::mutex> lock(m_recvQueueMutex);
             if (m_recvQueue->size() >= kRecvQueueLimit)
-                return true;
+                return zt::Round::Idle;
         }
         if (auto s = m_dataSocket->get()) {
             const int n = s->receive(scratch, kScratchSize);
@@ -249,7 +249,7 @@ unsigned int ztModuleProxyServer::onDataChannelRecvThreadFunc()
                 m_recvQueue->append(scratch, static_cast<std::size_t>(n));
             }
         }
-        return true;
+        return zt::Round::Idle;
     });
     std::free(scratch);
     return 0;
@@ -274,7 +274,7 @@ unsigned int ztModuleProxyServer::onProcessThreadFunc()
                 std::lock_guard<std::mutex> lock(m_recvQueueMutex);
                 const _ZT_PROXY_MSG_* msg = m_recvQueue->front(SIZE_MAX);
                 if (msg == nullptr)
-                    return true;
+                    return zt::Round::Idle;
                 const auto* bytes = reinterpret_cast<const char*>(msg);
                 held.assign(bytes, bytes + m_recvQueue->frontSize());
                 m_recvQueue->pop();

@@ -68,10 +68,10 @@ unsigned int ztEmbeddedModuleProxyServer::onCommandChannelRecvThreadFunc()
     zt::workerLoop(m_bStop, kCmdDataPeriodMs, [&] {
         const auto s = m_cmdDataTcp->get();
         if (!s)
-            return true;
+            return zt::Round::Idle;
         const int n = s->receive(block.get(), kCmdDataBlock);
         if (n < 1)
-            return true;
+            return zt::Round::Idle;
         m_bHeartBeatAlive = true;
         std::lock_guard<std::mutex> lock(m_cmd_vec->mutex);
         if (n == 160) {
@@ -80,7 +80,7 @@ unsigned int ztEmbeddedModuleProxyServer::onCommandChannelRecvThreadFunc()
         }
         m_cmd_vec->stream.append(block.get(), static_cast<std::size_t>(n));
         m_cmd_vec->arrived.notify_one();
-        return true;
+        return zt::Round::Idle;
     });
     return 0;
 }
@@ -100,14 +100,14 @@ unsigned int ztEmbeddedModuleProxyServer::onCMDProcessThreadFunc()
             if (front == nullptr) {
                 // Idle: sleep until the receiver adds bytes instead of every round.
                 m_cmd_vec->arrived.wait_for(lock, std::chrono::milliseconds(kIdleWaitMs));
-                return true;
+                return zt::Round::Idle;
             }
             message.assign(front, front + m_cmd_vec->stream.frontSize());
             m_cmd_vec->stream.pop();
         }
         // Raised after the lock is given up, one message per round.
         processMsg_Cmd(message.data());
-        return true;
+        return zt::Round::Idle;
     });
     return 0;
 }
@@ -249,16 +249,16 @@ unsigned int ztEmbeddedModuleProxyServer::onLPProcessThreadFunc()
     zt::workerLoop(m_bStop, kLPPeriodMs, [&] {
         const auto s = m_lpTcp->get();
         if (!s)
-            return true;
+            return zt::Round::Idle;
         const int n = s->receive(block.get(), kLPRecvLimit);
         if (n < 1)
-            return true;
+            return zt::Round::Idle;
         {
             std::lock_guard<std::mutex> lock(m_lpVec->mutex);
             m_lpVec->bytes.append(block.get(), static_cast<std::size_t>(n));
         }
         processMag_LP();
-        return true;
+        return zt::Round::Idle;
     });
     return 0;
 }

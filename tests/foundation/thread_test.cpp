@@ -151,7 +151,7 @@ public:
     static unsigned int onWorkThread(void* self) { return static_cast<Worker*>(self)->onWorkThreadFunc(); }
     unsigned int onWorkThreadFunc()
     {
-        zt::workerLoop(stop, 2, [this] { return ++rounds != limit; });
+        zt::workerLoop(stop, 2, [this] { return ++rounds != limit ? zt::Round::Idle : zt::Round::Stop; });
         return 0;
     }
 };
