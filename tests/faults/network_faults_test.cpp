@@ -319,19 +319,29 @@ TEST(NetworkFaults, LateRepliesAreTakenByTheNextCommand)
     o.head.startStream(Head::Data, streamPacket(), total, 150000);
     o.head.setEchoReply(276, Head::valuePayload(0x05060708));
     o.head.setReplyDelay(5600);
+    // The head answers each request one after the other; the reply table may change only
+    // once it has taken the request the change must not reach.
+    const auto headTook = [&](unsigned short type) {
+        Head::Request r;
+        ASSERT_TRUE(o.head.nextCommand(r, 10000));
+        EXPECT_EQ(r.type, type);
+    };
+    o.head.clearCommands();
     int v[4] = {-1, -1, -1, -1};
     auto t0 = Clock::now();
     EXPECT_EQ(programVersion(o.server, v), -1);
     EXPECT_GE(msSince(t0), 4900);
     EXPECT_EQ(v[0], -1);
+    headTook(276);
     // The head answers this one nothing; the late reply arrives while it waits and is
     // taken as its answer, long before its own time-out.
-    o.head.setReplyDelay(0);
     o.head.setNoReply(276);
+    o.head.setReplyDelay(0);
     t0 = Clock::now();
     EXPECT_EQ(programVersion(o.server, v), 0);
     EXPECT_LT(msSince(t0), 2000);
     EXPECT_EQ((std::vector<int>{v[0], v[1], v[2], v[3]}), (std::vector<int>{5, 6, 7, 8}));
+    headTook(276);
 
     // A late status reply answers the version query: a reply of the wrong type fails it
     // at once and writes no values.
@@ -339,12 +349,14 @@ TEST(NetworkFaults, LateRepliesAreTakenByTheNextCommand)
     o.head.setReplyDelay(5600);
     EXPECT_EQ(o.server.sendTrigger(), -1);
     EXPECT_EQ(log.count(kTriggerFailed), 1);
+    headTook(13);
     o.head.setReplyDelay(0);
     v[0] = -1;
     t0 = Clock::now();
     EXPECT_EQ(programVersion(o.server, v), -1);
     EXPECT_LT(msSince(t0), 2000);
     EXPECT_EQ(v[0], -1);
+    headTook(276);
     EXPECT_EQ(log.count("ztEmbeddedModuleProxyServer [getRKProgramVersion] zmq_send failed!\r\n"), 1);
 
     // Nothing is left behind: the next commands get their own replies, and the stream ran
