@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 
 namespace zt {
 
@@ -332,12 +331,13 @@ ztRecorder::Stats ztRecorder::stats() const
 int ztRecorder::load(const std::string& path, Contents& out)
 {
     using namespace zt;
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    const std::streamoff length = in ? static_cast<std::streamoff>(in.tellg()) : -1;
+    std::vector<char> file(length > 0 ? static_cast<std::size_t>(length) : 0);
+    if (length < 0 || !in.seekg(0) || !in.read(file.data(), static_cast<std::streamsize>(file.size()))) {
         ZTLOG_ERROR("ztRecorder::[load] cannot read %s", path.c_str());
         return -1;
     }
-    const std::vector<char> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     if (file.size() < kRecordingHeaderSize || std::memcmp(file.data(), kMagic, sizeof kMagic) != 0 ||
         getU32(file.data() + 8) < kRecordingHeaderSize || getU32(file.data() + 8) > file.size()) {
         ZTLOG_ERROR("ztRecorder::[load] %s is no recording", path.c_str());
