@@ -2,6 +2,7 @@
 // by one writer thread. The file layout is described in RecorderCore.h.
 #include "RecorderCore.h"
 
+#include "platform/TThread.h"
 #include "platform/zt_log.h"
 #include "ztProxyVersion.h"
 
@@ -133,6 +134,8 @@ ztRecorder::Stats RecorderCore::stats() const
 
 void RecorderCore::copyIn(const void* p, std::size_t n)
 {
+    if (n == 0)
+        return;
     const std::size_t at = static_cast<std::size_t>(m_head % m_capacity);
     const std::size_t first = std::min(n, m_capacity - at);
     std::memcpy(m_ring.get() + at, p, first);
@@ -249,6 +252,9 @@ void RecorderCore::writeHeader()
 
 void RecorderCore::writerLoop()
 {
+    // The disk gets what the stream leaves of the processor: a writer that falls behind
+    // only fills the queue, and what does not fit is counted, never waited for.
+    zt::thread::yieldToOthers();
     std::unique_lock<std::mutex> lock(m_mutex);
     bool failed = false;
     bool reported = false;
