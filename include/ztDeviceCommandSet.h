@@ -29,9 +29,13 @@
 #include <string>
 #include <vector>
 
+namespace zt {
+class RecorderCore;
+}
 namespace zt::commands {
 class Link;
 }
+class ztRecorder;
 
 // Where the library is built with image assembly, both links also offer the methods of
 // ztImageAssembler (getOriImageData, getCutoutImageData, imageFormat_16To8, ...).
@@ -148,6 +152,12 @@ public:
     int getSectionalLog();
     int getAllLog();
 
+    // Records what passes on this head's link into recorder (see ztRecorder.h) from now
+    // on; null stops recording. Returns once the recorder replaced is no longer used, so
+    // it may then be closed or destroyed. One server per recorder; a recorder must not be
+    // destroyed while attached.
+    void attachRecorder(ztRecorder* recorder);
+
 protected:
     ztDeviceCommandSet();
     // Keeps the ability record read when the device comes online.
@@ -156,6 +166,8 @@ protected:
 private:
     // The link's exchange and result policy.
     virtual zt::commands::Link& commandLink() = 0;
+    // Tells a recorder being attached which link it records and what is known of the head.
+    virtual void describeForRecording(zt::RecorderCore& recorder) = 0;
 
     std::mutex m_abilityMutex;
     DeviceAbilityInfo m_abilityInfo;

@@ -109,6 +109,7 @@ private:
     // The command exchange on the command connection.
     struct CommandLink;
     zt::commands::Link& commandLink() override;
+    void describeForRecording(zt::RecorderCore& recorder) override;
 
     struct Accumulator;
     using Slot = zt::SharedSlot<zt::EmbeddedTcpSocket>;

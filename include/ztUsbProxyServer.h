@@ -102,6 +102,7 @@ private:
     // The command catalogue's exchange over the control endpoints.
     struct CommandLink;
     zt::commands::Link& commandLink() override;
+    void describeForRecording(zt::RecorderCore& recorder) override;
     void processFrames(ztCamera::ztBufferPool& pool, std::atomic<bool>& stop);
     // Hands a ready frame's message on and gives the frame back to its pool.
     void processFrame(ztCamera::ztBufferPool& pool, ztCamera::ztPoolFrame* frame);

@@ -194,6 +194,7 @@ struct ztSimNetworkHead::Impl {
     std::map<unsigned short, Reply> replies;
     std::vector<char> received[4];
     ConnectionObserver observer;
+    Answerer answerer;
     bool answerHeartbeats = true;
     bool silent = false;
     int refuseIndex = -1;
@@ -557,16 +558,21 @@ bool ztSimNetworkHead::Impl::handleMessage(Conn& c, const char* m, std::uint32_t
         if (type != kHeartbeatType)
             return true; // a host sends nothing else here
         bool answer = false;
+        Answerer decide;
         {
             std::lock_guard<std::mutex> lock(mutex);
             ++heartbeats;
             answer = answerHeartbeats && !silent;
+            decide = silent ? nullptr : answerer;
             changed.notify_all();
         }
-        if (answer) {
-            const auto beat = message(kHeartbeatType, nullptr, 0);
+        std::vector<char> beat;
+        if (decide && decide(CommandData, m, size, beat))
+            answer = !beat.empty();
+        else if (answer)
+            beat = message(kHeartbeatType, nullptr, 0);
+        if (answer)
             writeAll(c, beat.data(), beat.size(), nullptr);
-        }
         return true;
     }
 
@@ -574,6 +580,7 @@ bool ztSimNetworkHead::Impl::handleMessage(Conn& c, const char* m, std::uint32_t
     bool inTable = false;
     bool quiet = false;
     int delay = 0;
+    Answerer decide;
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (commands.size() >= kMaxKeptRequests)
@@ -586,9 +593,16 @@ bool ztSimNetworkHead::Impl::handleMessage(Conn& c, const char* m, std::uint32_t
             reply = it->second;
         quiet = silent;
         delay = replyDelayMs;
+        decide = answerer;
     }
     if (quiet)
         return true;
+    // The answerer's bytes (or none) go out as a raw reply would.
+    std::vector<char> decided;
+    if (decide && decide(Command, m, size, decided)) {
+        inTable = true;
+        reply = Reply{Reply::Raw, 0, std::move(decided)};
+    }
     std::vector<char> out;
     if (!inTable) {
         out = device.answer(type, m + 7, size - 8);
@@ -847,6 +861,12 @@ void ztSimNetworkHead::setRefuseChannel(int index, RefuseHow how)
         m_impl->refuseReset = how == Reset;
     }
     m_impl->awaitListener();
+}
+
+void ztSimNetworkHead::setAnswerer(Answerer answerer)
+{
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    m_impl->answerer = std::move(answerer);
 }
 
 void ztSimNetworkHead::setReplyDelay(int ms)

@@ -111,6 +111,13 @@ public:
     void setRefuseChannel(int index, RefuseHow how = Unanswered);
     // Command replies go out this many milliseconds after their request arrived.
     void setReplyDelay(int ms);
+    // Decides the answer to a request on the command connection (channel Command) or to
+    // a heartbeat (CommandData) ahead of the reply table, the device state and the
+    // heartbeat switch: fills reply with the bytes to send (empty: no answer) and returns
+    // true, or returns false to leave the message to them. message is the whole embedded
+    // message. Runs on the connection's reader thread; null removes it.
+    using Answerer = std::function<bool(Channel channel, const char* message, std::size_t size, std::vector<char>& reply)>;
+    void setAnswerer(Answerer answerer);
 
     // The reply table, which overrides the device state for the types it holds. A type
     // without an entry is answered by device().

@@ -184,6 +184,7 @@ struct ztSimUsbHead::Impl {
     std::map<UMockdevIoctlClient*, unsigned> clients;
 
     std::map<unsigned short, Reply> replies;
+    Answerer answerer;
     ztSimDevice device; // answers what the reply table does not cover; locks itself
     std::deque<Request> requests;
     int heartbeats = 0;
@@ -325,12 +326,19 @@ struct ztSimUsbHead::Impl {
     }
 
     // Queues the reply to one request: from the reply table, or else the device's.
-    void reply(unsigned short type, const char* payload, std::size_t n)
+    void reply(const char* msg, std::size_t size)
     {
         if (silent)
             return;
+        const auto type = static_cast<unsigned short>(getLE(msg + 5, 2));
+        const char* payload = msg + 7;
+        const std::size_t n = size - 8;
         const auto it = replies.find(type);
-        if (it == replies.end()) {
+        std::vector<char> decided;
+        if (answerer && answerer(kCtrlOut, msg, size, decided)) {
+            if (!decided.empty())
+                ctrlQ.pieces.push_back(std::move(decided));
+        } else if (it == replies.end()) {
             // The device's reply goes out as one completion.
             if (std::vector<char> answer = device.answer(type, payload, n); !answer.empty())
                 ctrlQ.pieces.push_back(std::move(answer));
@@ -376,8 +384,12 @@ struct ztSimUsbHead::Impl {
             if (which == 1) {
                 if (type == kHeartbeatType) {
                     ++heartbeats;
-                    if (answerHeartbeats && !silent) {
-                        eventQ.pieces.push_back(message(kHeartbeatType, nullptr, 0));
+                    std::vector<char> beat;
+                    const bool decided = !silent && answerer && answerer(kHeartbeatOut, msg, size, beat);
+                    if (!decided && answerHeartbeats && !silent)
+                        beat = message(kHeartbeatType, nullptr, 0);
+                    if (!beat.empty()) {
+                        eventQ.pieces.push_back(std::move(beat));
                         serve(2);
                     }
                     cv.notify_all();
@@ -388,7 +400,7 @@ struct ztSimUsbHead::Impl {
                 requests.pop_front();
             requests.push_back({type, std::vector<char>(msg + 7, msg + size - 1)});
             cv.notify_all();
-            reply(type, msg + 7, size - 8);
+            reply(msg, size);
         }
         b.erase(b.begin(), b.begin() + static_cast<std::ptrdiff_t>(pos));
     }
@@ -979,6 +991,12 @@ void ztSimUsbHead::setEchoReply(unsigned short type, std::vector<char> payload)
 {
     std::lock_guard<std::mutex> lock(m_impl->m);
     m_impl->replies[type] = {Impl::Reply::Echo, 0, std::move(payload), {}};
+}
+
+void ztSimUsbHead::setAnswerer(Answerer answerer)
+{
+    std::lock_guard<std::mutex> lock(m_impl->m);
+    m_impl->answerer = std::move(answerer);
 }
 
 void ztSimUsbHead::setNoReply(unsigned short type)

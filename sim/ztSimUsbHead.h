@@ -33,6 +33,7 @@
 #include "ztSimDevice.h"
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -116,6 +117,15 @@ public:
     // Empties the table: every type is answered by device() again. The device state
     // stays as it is.
     void resetReplies();
+    // Decides the answer to a request on control OUT (endpoint kCtrlOut) or a heartbeat
+    // (kHeartbeatOut) ahead of the reply table, the device state and the heartbeat switch:
+    // fills reply with the bytes to send, one completion on control IN (a heartbeat's on
+    // event IN; empty: no answer), and returns true, or returns false to leave the message
+    // to them. message is the whole embedded message. Runs with the head's lock held: it
+    // must not call the head. Null removes it.
+    using Answerer =
+        std::function<bool(unsigned char endpoint, const char* message, std::size_t size, std::vector<char>& reply)>;
+    void setAnswerer(Answerer answerer);
     // The state that answers every request the table does not cover; untouched, it gives
     // the network head's default ability record (345), SET file (264) and program version
     // (276), and status 0 to settings. While the head is silent it sees no request.

@@ -2,6 +2,8 @@
 #include "demo.h"
 #include "module_command.h"
 #include "net_command.h"
+#include "record_command.h"
+#include "replay_command.h"
 #include "sim_command.h"
 #include "sim_head.h"
 #include "stream_command.h"
@@ -39,6 +41,8 @@ const char* const kUsage =
     "  usb       run one device command on a USB scanner head (or an emulated one)\n"
 #endif
     "  stream    receive frames from a head for a while, with live counters and saved images\n"
+    "  record    record a head's session (link bytes, commands) into one file\n"
+    "  replay    play a recorded head back on loopback\n"
     "\n"
     "options:\n"
     "  --log-level LEVEL  trace, debug, info, warn (default), error or off; logs go to\n"
@@ -221,6 +225,10 @@ int main(int programArgc, char** programArgv)
         return zt::tools::runModuleCommand(argc - i, argv + i);
     if (command == "stream")
         return zt::tools::runStreamCommand(argc - i, argv + i, programArgv);
+    if (command == "record")
+        return zt::tools::runRecordCommand(argc - i, argv + i);
+    if (command == "replay")
+        return zt::tools::runReplayCommand(argc - i, argv + i);
 #ifdef ZT_WITH_USB
     if (command == "usb")
         return zt::tools::runUsbCommand(argc - i, argv + i, programArgv);

@@ -253,8 +253,20 @@ int run(Link& link, Cmd id, const Payload& payload, const Parser& parse)
         ZTLOG_ERROR("%s::[%s] no memory for the request", link.className(), c.name);
         return -1;
     }
-    return link.exchange(c, static_cast<const char*>(msg.get()), static_cast<int>(size),
-                         [&](const char* reply) { return judge(link, c, reply, parse); });
+    const char* request = static_cast<const char*>(msg.get());
+    if (!link.tap.active())
+        return link.exchange(c, request, static_cast<int>(size), [&](const char* reply) { return judge(link, c, reply, parse); });
+    // Recorded: the request, the reply message as the link handed it over, and the result.
+    std::vector<char> kept;
+    const int result = link.exchange(c, request, static_cast<int>(size), [&](const char* reply) {
+        const int full = zt_embedded_msg_get_full_size(reply);
+        kept.assign(reply, reply + (full > 0 ? full : 0));
+        return judge(link, c, reply, parse);
+    });
+    link.tap.use([&](RecorderCore& r) {
+        r.put(ztRecorder::Command, 0, result, static_cast<std::uint32_t>(size), request, size, kept.data(), kept.size());
+    });
+    return result;
 }
 
 } // namespace zt::commands

@@ -2,6 +2,8 @@
 // as data, and the one routine that runs a command over either device link.
 #pragma once
 
+#include "foundation/RecorderCore.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -155,6 +157,8 @@ public:
     virtual int readablePayload(int payloadLength) const { return payloadLength; }
     // Told the controller program version a head reported.
     virtual void programVersion(const int parts[4]) { (void)parts; }
+    // The recorder attached to the link: its bytes on the wire and every command run.
+    RecordSlot tap;
 };
 
 // Runs one command: refuses a payload that cannot be encoded (logged), builds the message,

@@ -5,6 +5,7 @@
 #include "Catalogue.h"
 #include "DeviceAbility.h"
 #include "platform/zt_log.h"
+#include "ztRecorder.h"
 
 #include <cmath>
 #include <cstring>
@@ -72,8 +73,18 @@ ztDeviceCommandSet::~ztDeviceCommandSet() = default;
 
 void ztDeviceCommandSet::keepAbilityInfo(const DeviceAbilityInfo& info)
 {
-    std::lock_guard<std::mutex> lock(m_abilityMutex);
-    m_abilityInfo = info;
+    {
+        std::lock_guard<std::mutex> lock(m_abilityMutex);
+        m_abilityInfo = info;
+    }
+    commandLink().tap.use([&](zt::RecorderCore& r) { r.setAbility(info); });
+}
+
+void ztDeviceCommandSet::attachRecorder(ztRecorder* recorder)
+{
+    if (recorder != nullptr)
+        describeForRecording(*recorder->m_core);
+    commandLink().tap.attach(recorder != nullptr ? recorder->m_core.get() : nullptr);
 }
 
 DeviceAbilityInfo ztDeviceCommandSet::getCurDeviceAbilityInfo()

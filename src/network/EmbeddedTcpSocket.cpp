@@ -116,8 +116,10 @@ int EmbeddedTcpSocket::receive(void* buffer, int length)
     if (badBuffer(buffer, length, "receive"))
         return -1;
     const int n = sock::recvOnce(s, buffer, length);
-    if (n > 0)
+    if (n > 0) {
+        recorded(ztRecorder::BytesIn, buffer, n);
         return n;
+    }
     m_connected.store(0, std::memory_order_relaxed);
     return -1;
 }
@@ -130,8 +132,10 @@ int EmbeddedTcpSocket::send(const void* buffer, int length)
     if (badBuffer(buffer, length, "send"))
         return -1;
     const int n = sock::sendOnce(s, buffer, length);
-    if (n > 0)
+    if (n > 0) {
+        recorded(ztRecorder::BytesOut, buffer, n);
         return n;
+    }
     m_connected.store(0, std::memory_order_relaxed);
     return -1;
 }
@@ -167,11 +171,13 @@ int EmbeddedTcpSocket::exchange(const void* request, int requestLength, void* re
     // the rest, as the exchange always has; otherwise the reply is read as soon as it is there.
     const bool stale = sock::waitReadable(s, 0) == 1;
     const std::uint32_t sendStart = tickCount();
-    if (sock::sendOnce(s, request, requestLength) <= 0) {
+    const int sent = sock::sendOnce(s, request, requestLength);
+    if (sent <= 0) {
         m_connected.store(0, std::memory_order_relaxed);
         ZTLOG_ERROR("sendn: time = %d\r\n", static_cast<int>(ticksSince(sendStart)));
         return -1;
     }
+    recorded(ztRecorder::BytesOut, request, sent);
 
     // A socket that has ended or fails is looked at again every 5 ms until the window closes.
     const std::uint32_t replyStart = tickCount();
@@ -183,8 +189,10 @@ int EmbeddedTcpSocket::exchange(const void* request, int requestLength, void* re
         if (elapsed > limitMs)
             break;
         const int n = sock::recvOnce(s, reply, replyCapacity);
-        if (n > 0)
+        if (n > 0) {
+            recorded(ztRecorder::BytesIn, reply, n);
             framer.append(reply, static_cast<std::size_t>(n));
+        }
         if (const char* msg = framer.front()) {
             std::memcpy(reply, msg, framer.frontSize());
             return 0;

@@ -7,6 +7,7 @@
 // command thread may close the socket.
 #pragma once
 
+#include "foundation/RecorderCore.h"
 #include "platform/spr_socket.h"
 
 #include <atomic>
@@ -51,6 +52,14 @@ public:
     int sendn(const void* request, int requestLength, void* reply, int replyCapacity);
     int sendn(const void* request, int requestLength, void* reply, int replyCapacity, unsigned int timeoutMs);
 
+    // Bytes sent and received from now on go to the recorder attached to tap, as this
+    // connection's. Set before the socket is shared with other threads.
+    void recordInto(RecordSlot* tap, unsigned connection)
+    {
+        m_tap = tap;
+        m_connection = connection;
+    }
+
     int isConnected() const { return m_connected.load(std::memory_order_relaxed); }
     zt_socket_t socket() const { return m_socket.load(std::memory_order_relaxed); }
 
@@ -58,6 +67,14 @@ private:
     // The request/reply loop: runs while the elapsed time is at most limitMs.
     int exchange(const void* request, int requestLength, void* reply, int replyCapacity, unsigned int limitMs);
 
+    void recorded(ztRecorder::Kind kind, const void* p, int n)
+    {
+        if (m_tap != nullptr)
+            m_tap->bytes(kind, m_connection, 0, p, static_cast<std::size_t>(n));
+    }
+
+    RecordSlot* m_tap = nullptr;
+    unsigned m_connection = 0;
     std::atomic<int> m_connected{0};
     std::atomic<zt_socket_t> m_socket{0};
 };

@@ -70,6 +70,7 @@ int ztEmbeddedModuleProxyServer::init(const std::string& localIP, const std::str
     m_localIP = localIP;
     m_remoteIP = remoteIP;
     m_deviceSN = deviceSN;
+    m_link->tap.use([&](zt::RecorderCore& r) { r.setSerial(deviceSN); });
     // After deInit (every receiver joined and its handle cleared) init starts working
     // receivers again, so the stop flag deInit left set is cleared first. After a mere
     // release the receivers' handles stay set, nothing is restarted and the flag stays.
@@ -115,6 +116,7 @@ unsigned int ztEmbeddedModuleProxyServer::onSocketConnectThreadFunc()
         if (!slots[i]->empty())
             continue;
         auto s = std::make_shared<zt::EmbeddedTcpSocket>();
+        s->recordInto(&m_link->tap, static_cast<unsigned>(i));
         if (s->create() != 0) {
             s->close();
             forgetThread(m_hHeartBeatThread);
@@ -190,6 +192,14 @@ int ztEmbeddedModuleProxyServer::getDataPort()
 std::string ztEmbeddedModuleProxyServer::getDeviceSN()
 {
     return m_deviceSN;
+}
+
+void ztEmbeddedModuleProxyServer::describeForRecording(zt::RecorderCore& recorder)
+{
+    recorder.setLink(ztRecorder::NetworkLink);
+    recorder.setSerial(m_deviceSN);
+    if (m_bConnected)
+        recorder.setAbility(getCurDeviceAbilityInfo());
 }
 
 void ztEmbeddedModuleProxyServer::setHeartBeatAlive(bool alive)

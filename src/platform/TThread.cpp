@@ -13,6 +13,7 @@
 #  include <process.h>
 #else
 #  include <pthread.h>
+#  include <sys/resource.h>
 #  include <sys/syscall.h>
 #  include <unistd.h>
 #endif
@@ -92,6 +93,11 @@ int TThread::Detach(void* handle)
 int TThread::Kill(void* handle)
 {
     return TerminateThread(static_cast<HANDLE>(handle), 0) ? 0 : kFailed;
+}
+
+void zt::thread::yieldToOthers()
+{
+    SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_BELOW_NORMAL);
 }
 
 #else
@@ -181,6 +187,15 @@ int TThread::Kill(void* handle)
     if (handle == nullptr)
         return kFailed;
     return pthread_cancel(toThread(handle)) == 0 ? 0 : kFailed;
+}
+
+void zt::thread::yieldToOthers()
+{
+    // On Linux the nice value is per thread.
+    errno = 0;
+    const int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)));
+    if (errno == 0)
+        setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), nice + 10 > 19 ? 19 : nice + 10);
 }
 
 #endif

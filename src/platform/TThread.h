@@ -14,6 +14,9 @@ using Entry = unsigned long (*)(void* arg);
 int create(Entry entry, void* arg, unsigned int stackSize, void** handle, unsigned long* id);
 // Ends the calling thread with exit code 0.
 [[noreturn]] void exit();
+// Lowers the calling thread's scheduling priority below the process's other threads, for
+// background work that must yield the processor to them.
+void yieldToOthers();
 
 } // namespace zt::thread
 

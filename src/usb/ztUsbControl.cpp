@@ -53,6 +53,7 @@ int ztUsbProxyServer::exchange(const char* name, char* cmd, int cmdLength, char*
     int sent = 0;
     const int rc = libusb_bulk_transfer(m_handle, m_info.ctrlOutEndpoint, reinterpret_cast<unsigned char*>(cmd), cmdLength,
                                         &sent, kTransferTimeoutMs);
+    m_link->tap.bytes(ztRecorder::BytesOut, m_info.ctrlOutEndpoint, rc, cmd, static_cast<std::size_t>(cmdLength));
     if (rc != 0) {
         ZTLOG_ERROR("ztUsbProxyServer::%s libusb_bulk_transfer failed, ret = %d", name, rc);
         return -1;
@@ -98,9 +99,13 @@ int ztUsbProxyServer::sendData(std::string& data)
             std::memset(m_pDataRecv_ctrl, 0, kClearedReplyBytes);
     }
     int sent = 0;
-    if (m_handle == nullptr ||
-        libusb_bulk_transfer(m_handle, m_info.ctrlOutEndpoint, reinterpret_cast<unsigned char*>(data.data()),
-                             static_cast<int>(data.size()), &sent, kTransferTimeoutMs) != 0) {
+    const int rc = m_handle == nullptr ? -1
+                                       : libusb_bulk_transfer(m_handle, m_info.ctrlOutEndpoint,
+                                                              reinterpret_cast<unsigned char*>(data.data()),
+                                                              static_cast<int>(data.size()), &sent, kTransferTimeoutMs);
+    if (m_handle != nullptr)
+        m_link->tap.bytes(ztRecorder::BytesOut, m_info.ctrlOutEndpoint, rc, data.data(), data.size());
+    if (rc != 0) {
         // The logged value is -1, not libusb's code.
         ZTLOG_ERROR("ztUsbProxyServer::[sendData] libusb_bulk_transfer failed, ret = %d", -1);
         return -1;

@@ -54,6 +54,19 @@ const PathSetup kPaths[3] = {
      "allocateBuffer_event::failed to allocate buffers and transfer structures", "usb event receive loop stop"},
 };
 
+// A finished IN transfer as the recorder keeps it: the ones that brought bytes, and the
+// failures; transfers that only timed out or were cancelled by the library are left out.
+void recordCompletion(zt::RecordSlot& tap, const libusb_transfer* t)
+{
+    if (!tap.active())
+        return;
+    const bool quiet = t->status == LIBUSB_TRANSFER_COMPLETED || t->status == LIBUSB_TRANSFER_TIMED_OUT ||
+                       t->status == LIBUSB_TRANSFER_CANCELLED;
+    if (t->actual_length > 0 || !quiet)
+        tap.bytes(ztRecorder::BytesIn, t->endpoint, t->status, t->buffer,
+                  static_cast<std::size_t>(t->actual_length > 0 ? t->actual_length : 0));
+}
+
 bool carriesData(const libusb_transfer* t)
 {
     return t->status == LIBUSB_TRANSFER_COMPLETED || t->status == LIBUSB_TRANSFER_TIMED_OUT;
@@ -359,6 +372,7 @@ void ztUsbProxyServer::resubmit(libusb_transfer* transfer, int path)
 void ztUsbProxyServer::xfer_callback_ctrl(libusb_transfer* transfer)
 {
     auto* self = static_cast<ztUsbProxyServer*>(transfer->user_data);
+    recordCompletion(self->m_link->tap, transfer);
     if (carriesData(transfer)) {
         const int n = transfer->actual_length;
         // Short reads are noise, except a lone tail byte that completes a split reply.
@@ -376,6 +390,7 @@ void ztUsbProxyServer::xfer_callback_ctrl(libusb_transfer* transfer)
 void ztUsbProxyServer::xfer_callback_event(libusb_transfer* transfer)
 {
     auto* self = static_cast<ztUsbProxyServer*>(transfer->user_data);
+    recordCompletion(self->m_link->tap, transfer);
     if (carriesData(transfer)) {
         // Any completion, even an empty one at the transfer time-out, shows the device is
         // there.
@@ -421,6 +436,7 @@ void ztUsbProxyServer::xfer_callback_event(libusb_transfer* transfer)
 void ztUsbProxyServer::xfer_callback_stream(libusb_transfer* transfer)
 {
     auto* self = static_cast<ztUsbProxyServer*>(transfer->user_data);
+    recordCompletion(self->m_link->tap, transfer);
     if (carriesData(transfer) && transfer->actual_length > 0) {
         const unsigned char* data = transfer->buffer;
         std::uint64_t left = static_cast<std::uint64_t>(transfer->actual_length);
@@ -578,6 +594,7 @@ int ztUsbProxyServer::sendHeartbeat()
     int sent = 0;
     const int rc = libusb_bulk_transfer(m_handle, m_info.heartbeatOutEndpoint, static_cast<unsigned char*>(msg), 8,
                                         &sent, kTransferTimeoutMs);
+    m_link->tap.bytes(ztRecorder::BytesOut, m_info.heartbeatOutEndpoint, rc, msg, 8);
     zt_embedded_msg_release(msg);
     if (rc != 0) {
         // The logged value is -1, not libusb's code.
@@ -590,4 +607,15 @@ int ztUsbProxyServer::sendHeartbeat()
 std::string ztUsbProxyServer::getDeviceSN()
 {
     return m_info.serialNumber;
+}
+
+void ztUsbProxyServer::describeForRecording(zt::RecorderCore& recorder)
+{
+    recorder.setLink(ztRecorder::UsbLink);
+    recorder.setSerial(m_info.serialNumber);
+    const unsigned char endpoints[5] = {m_info.streamInEndpoint, m_info.ctrlInEndpoint, m_info.eventInEndpoint,
+                                        m_info.ctrlOutEndpoint, m_info.heartbeatOutEndpoint};
+    recorder.setEndpoints(endpoints);
+    if (m_bConnected)
+        recorder.setAbility(getCurDeviceAbilityInfo());
 }

@@ -81,6 +81,13 @@ public:
         return out;
     }
 
+    // Every call so far, in order: (type, payload).
+    std::vector<std::pair<int, std::string>> all()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_calls;
+    }
+
 private:
     std::size_t countLocked(int type) const
     {

@@ -1,0 +1,258 @@
+// A network head's session recorded, then replayed to a fresh server: the application
+// sees the same results and the same callbacks, in the same order.
+#include "network/online.h"
+#include "support/data_calls.h"
+#include "ztProxyVersion.h"
+#include "ztRecorder.h"
+#include "ztSimReplay.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace zt::test;
+using Calls = std::vector<std::pair<int, std::string>>;
+
+constexpr std::size_t kFrames = 4;
+constexpr std::size_t kFrameBytes = 150000; // several receives per frame
+
+struct Outcome {
+    std::vector<int> results;
+    float exposure = 0;
+    Calls calls; // without the heartbeat answers, whose number depends on time
+};
+
+// The application: brings the head online, sets a value, starts the stream, waits for the
+// frames and the marker, reads the value back, waits for two events and stops. between(n)
+// runs at the two points where the head has something to send.
+Outcome runApplication(ztRecorder* recorder, const std::function<void(int)>& between)
+{
+    DataCalls seen;
+    ztEmbeddedModuleProxyServer server;
+    server.registerModuleServerDataCB(&DataCalls::cb, &seen);
+    if (recorder != nullptr)
+        server.attachRecorder(recorder);
+    Outcome o;
+    o.results.push_back(server.init(kIP, kIP, "SN-REC"));
+    o.results.push_back(server.setCameraExposure(2500.0f));
+    o.results.push_back(server.sendTrigger());
+    between(0);
+    EXPECT_EQ(seen.waitCount(1280, kFrames, 5000), kFrames);
+    EXPECT_EQ(seen.waitCount(513, 1, 5000), 1u);
+    o.results.push_back(server.getCameraExposure(&o.exposure));
+    between(1);
+    EXPECT_EQ(seen.waitCount(301, 1, 5000), 1u);
+    o.results.push_back(server.sendStopTrigger());
+    server.deInit();
+    server.attachRecorder(nullptr);
+    for (auto& c : seen.all())
+        if (c.first != 2)
+            o.calls.push_back(c);
+    return o;
+}
+
+// What the head sends in the live session: frames whole, two in one write and one in two
+// writes, a marker packet; then two events in one write.
+void liveHead(Head& head, int phase)
+{
+    if (phase == 0) {
+        std::vector<std::vector<char>> frames;
+        for (std::size_t i = 0; i < kFrames; ++i)
+            frames.push_back(streamPacket(kFrameBytes, static_cast<char>('a' + i), 100 + i));
+        ASSERT_GT(head.sendBytes(Head::Data, frames[0].data(), frames[0].size()), 0);
+        std::vector<char> two = frames[1];
+        two.insert(two.end(), frames[2].begin(), frames[2].end());
+        ASSERT_GT(head.sendBytes(Head::Data, two.data(), two.size()), 0);
+        ASSERT_GT(head.sendBytes(Head::Data, frames[3].data(), 1000), 0);
+        ASSERT_GT(head.sendBytes(Head::Data, frames[3].data() + 1000, frames[3].size() - 1000), 0);
+        const std::string marker(300, 'm');
+        ASSERT_GT(head.sendPlainPacket(Head::Data, 513, marker.data(), marker.size()), 0);
+    } else {
+        std::vector<char> events = Head::message(300, "alarm", 5);
+        const std::vector<char> sync = Head::message(301, "sync!", 5);
+        events.insert(events.end(), sync.begin(), sync.end());
+        ASSERT_GT(head.sendBytes(Head::CommandData, events.data(), events.size()), 0);
+    }
+}
+
+std::vector<char> fileBytes(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<char>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void writeBytes(const std::string& path, const std::vector<char>& bytes, std::size_t n)
+{
+    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(n));
+}
+
+// Log lines of a replay, waited for.
+struct ReplayLog {
+    void attach(ztSimReplay& r)
+    {
+        r.setLog([this](const std::string& line) {
+            std::lock_guard<std::mutex> lock(mutex);
+            lines.push_back(line);
+            cv.notify_all();
+        });
+    }
+    bool waitFor(const std::string& part, int timeoutMs)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+            for (const auto& l : lines)
+                if (l.find(part) != std::string::npos)
+                    return true;
+            return false;
+        });
+    }
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::vector<std::string> lines;
+};
+
+TEST(NetworkRecord, ReplayGivesTheApplicationWhatItSawLive)
+{
+    const std::string path = ::testing::TempDir() + "network.ztrec";
+    Outcome live;
+    {
+        Head head;
+        ASSERT_EQ(head.start(), 0);
+        ztRecorder recorder;
+        ASSERT_EQ(recorder.open(path), 0);
+        live = runApplication(&recorder, [&](int phase) { liveHead(head, phase); });
+        recorder.close();
+        EXPECT_EQ(recorder.stats().notRecorded, 0u);
+    }
+    EXPECT_EQ(live.results, (std::vector<int>{0, 0, 0, 0, 0}));
+    EXPECT_EQ(live.exposure, 2500.0f);
+
+    ztRecorder::Contents rec;
+    ASSERT_EQ(ztRecorder::load(path, rec), 0);
+    EXPECT_FALSE(rec.cut);
+    EXPECT_EQ(rec.header.link, ztRecorder::NetworkLink);
+    EXPECT_EQ(rec.header.serialNumber, "SN-REC");
+    EXPECT_EQ(rec.header.libraryVersion, ztProxyVersion());
+    EXPECT_TRUE(rec.header.abilityKnown);
+    EXPECT_EQ(rec.header.ability.productType, Head::kDefaultProductType);
+    // Every frame byte the head sent is on the data connection, in order.
+    std::size_t dataBytes = 0;
+    std::vector<unsigned short> commandTypes;
+    unsigned long long lastTime = 0;
+    for (const auto& r : rec.records) {
+        EXPECT_GE(r.timeNs, lastTime);
+        lastTime = r.timeNs;
+        if (r.kind == ztRecorder::BytesIn && r.channel == Head::Data)
+            dataBytes += r.bytes.size();
+        if (r.kind == ztRecorder::Command)
+            commandTypes.push_back(static_cast<unsigned short>(static_cast<unsigned char>(r.bytes[5]) |
+                                                               static_cast<unsigned char>(r.bytes[6]) << 8));
+    }
+    EXPECT_EQ(dataBytes, kFrames * (kFrameBytes + 77) + 300 + 8);
+    // The online procedure's ability query and three SET files, then the application's.
+    ASSERT_EQ(commandTypes.size(), 8u);
+    EXPECT_EQ(commandTypes[0], Head::kAbilityType);
+    EXPECT_EQ(commandTypes[1], Head::kSetFileType);
+
+    ReplayLog log;
+    {
+        ztSimReplay replay;
+        log.attach(replay);
+        ASSERT_EQ(replay.load(path), 0);
+        ASSERT_EQ(replay.startNetwork(kIP), 0);
+        const Outcome again = runApplication(nullptr, [](int) {});
+        EXPECT_TRUE(replay.waitDone(5000));
+        EXPECT_EQ(again.results, live.results);
+        EXPECT_EQ(again.exposure, live.exposure);
+        ASSERT_EQ(again.calls.size(), live.calls.size());
+        for (std::size_t i = 0; i < live.calls.size(); ++i) {
+            EXPECT_EQ(again.calls[i].first, live.calls[i].first) << "callback " << i;
+            EXPECT_TRUE(again.calls[i].second == live.calls[i].second) << "payload of callback " << i;
+        }
+        EXPECT_EQ(replay.unmatchedCommands(), 0);
+
+        // A command the recording never saw gets no reply and a log line.
+        ztEmbeddedModuleProxyServer other;
+        ASSERT_EQ(other.init(kIP, kIP, "SN-REC"), 0);
+        EXPECT_TRUE(other.isConnected());
+        EXPECT_EQ(other.sendPreTrigger(), 0);
+        EXPECT_TRUE(log.waitFor("no recorded reply to the command of type", 3000));
+        EXPECT_EQ(replay.unmatchedCommands(), 1);
+    }
+
+    // A file cut anywhere reads up to its last whole record.
+    const std::vector<char> whole = fileBytes(path);
+    const std::string cutPath = ::testing::TempDir() + "network-cut.ztrec";
+    ztRecorder::Contents cut;
+    writeBytes(cutPath, whole, 100); // inside the header: no recording
+    EXPECT_EQ(ztRecorder::load(cutPath, cut), -1);
+    writeBytes(cutPath, whole, 150); // inside the first record
+    ASSERT_EQ(ztRecorder::load(cutPath, cut), 0);
+    EXPECT_TRUE(cut.cut);
+    EXPECT_TRUE(cut.records.empty());
+    writeBytes(cutPath, whole, whole.size() / 2);
+    ASSERT_EQ(ztRecorder::load(cutPath, cut), 0);
+    EXPECT_TRUE(cut.cut);
+    ASSERT_GT(cut.records.size(), 0u);
+    ASSERT_LT(cut.records.size(), rec.records.size());
+    for (std::size_t i = 0; i < cut.records.size(); ++i)
+        EXPECT_TRUE(cut.records[i].bytes == rec.records[i].bytes && cut.records[i].kind == rec.records[i].kind) << i;
+    // A replay of the cut file plays what it holds.
+    ztSimReplay replay;
+    log.attach(replay);
+    ASSERT_EQ(replay.load(cutPath), 0);
+    EXPECT_TRUE(log.waitFor("ends inside a record", 0));
+    std::remove(cutPath.c_str());
+    std::remove(path.c_str());
+}
+
+// With the disk (here: the queue) behind, the stream goes on, and what was not recorded
+// is counted and noted in the file.
+TEST(NetworkRecord, FullQueueCountsWhatItCouldNotRecord)
+{
+    const std::string path = ::testing::TempDir() + "network-full.ztrec";
+    Online o;
+    ztRecorder recorder(1); // the smallest queue, 4 KiB: most receives of a large frame do not fit
+    ASSERT_EQ(recorder.open(path), 0);
+    o.server.attachRecorder(&recorder);
+    o.start();
+    const std::vector<char> frame = streamPacket(1 << 20, 'f');
+    for (int i = 0; i < 8; ++i)
+        ASSERT_GT(o.head.sendBytes(Head::Data, frame.data(), frame.size()), 0);
+    EXPECT_EQ(o.seen.waitCount(1280, 8, 5000), 8u);
+    o.server.deInit();
+    o.server.attachRecorder(nullptr);
+    recorder.close();
+    const ztRecorder::Stats stats = recorder.stats();
+    EXPECT_GT(stats.notRecordedBytes, 0u);
+    EXPECT_GT(stats.records, 0u);
+
+    ztRecorder::Contents rec;
+    ASSERT_EQ(ztRecorder::load(path, rec), 0);
+    EXPECT_FALSE(rec.cut);
+    unsigned long long noted = 0, notedBytes = 0;
+    for (const auto& r : rec.records) {
+        if (r.kind != ztRecorder::NotRecorded)
+            continue;
+        noted += static_cast<unsigned long long>(r.status);
+        ASSERT_EQ(r.bytes.size(), 8u);
+        unsigned long long n = 0;
+        for (int i = 7; i >= 0; --i)
+            n = (n << 8) | static_cast<unsigned char>(r.bytes[static_cast<std::size_t>(i)]);
+        notedBytes += n;
+    }
+    EXPECT_EQ(noted, stats.notRecorded);
+    EXPECT_EQ(notedBytes, stats.notRecordedBytes);
+    std::remove(path.c_str());
+}
+
+} // namespace

@@ -1,0 +1,164 @@
+// A USB head's session recorded, then replayed through the emulated head to a fresh
+// server: the application sees the same results and the same callbacks, in the same order.
+#include "support/data_calls.h"
+#include "support/usb_online.h"
+#include "ztRecorder.h"
+#include "ztSimReplay.h"
+#include "ztSimUsbHead.h"
+#include "ztUsbProxyServer.h"
+
+#include <gtest/gtest.h>
+#include <libusb.h>
+
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace zt::test;
+using Calls = std::vector<std::pair<int, std::string>>;
+
+constexpr std::size_t kFrames = 3;
+constexpr std::size_t kFrameBytes = 200000; // several stream transfers per frame
+
+struct Outcome {
+    std::vector<int> results;
+    float exposure = 0;
+    Calls calls; // without the heartbeat answers, whose number depends on time
+};
+
+// libusb's default context and the emulated head's handle, while a head is up.
+struct Opened {
+    Opened()
+    {
+        up = libusb_init(nullptr) == 0;
+        handle = up ? libusb_open_device_with_vid_pid(nullptr, ztSimUsbHead::kVendor, ztSimUsbHead::kProduct) : nullptr;
+        claimed = handle != nullptr && libusb_claim_interface(handle, ztSimUsbHead::kInterface) == 0;
+    }
+    ~Opened()
+    {
+        if (claimed)
+            libusb_release_interface(handle, ztSimUsbHead::kInterface);
+        if (handle != nullptr)
+            libusb_close(handle);
+        if (up)
+            libusb_exit(nullptr);
+    }
+    bool up = false;
+    libusb_device_handle* handle = nullptr;
+    bool claimed = false;
+};
+
+// The application, as on the network link: online, a setting, a trigger, frames and a
+// marker, a query, two events, stop.
+Outcome runApplication(libusb_device_handle* handle, ztRecorder* recorder, const std::function<void(int)>& between)
+{
+    DataCalls seen;
+    ztUsbProxyServer server(ztSimUsbHead::deviceInfo(), handle);
+    server.registerModuleServerDataCB(&DataCalls::cb, &seen);
+    if (recorder != nullptr)
+        server.attachRecorder(recorder);
+    Outcome o;
+    o.results.push_back(server.init());
+    EXPECT_TRUE(waitUntil(3000, [&] { return server.isConnected(); }));
+    o.results.push_back(server.setCameraExposure(2500.0f));
+    o.results.push_back(server.sendTrigger());
+    between(0);
+    EXPECT_EQ(seen.waitCount(1280, kFrames, 5000), kFrames);
+    EXPECT_EQ(seen.waitCount(512, 1, 5000), 1u);
+    o.results.push_back(server.getCameraExposure(&o.exposure));
+    between(1);
+    EXPECT_EQ(seen.waitCount(301, 1, 5000), 1u);
+    o.results.push_back(server.sendStopTrigger());
+    server.deInit();
+    server.attachRecorder(nullptr);
+    for (auto& c : seen.all())
+        if (c.first != 2)
+            o.calls.push_back(c);
+    return o;
+}
+
+void liveHead(ztSimUsbHead& head, int phase)
+{
+    if (phase == 0) {
+        std::vector<char> stream;
+        for (std::size_t i = 0; i < kFrames; ++i) {
+            const std::string body(kFrameBytes, static_cast<char>('a' + i));
+            const auto frame = ztSimUsbHead::extendedPacket(1280, 10 + i, body.data(), body.size());
+            stream.insert(stream.end(), frame.begin(), frame.end());
+        }
+        const std::string markers(500, 'm');
+        const auto marker = ztSimUsbHead::extendedPacket(512, 99, markers.data(), markers.size());
+        stream.insert(stream.end(), marker.begin(), marker.end());
+        ASSERT_GT(head.pushStream(stream), 0);
+    } else {
+        ASSERT_GT(head.pushEvent(ztSimUsbHead::message(300, "alarm", 5)), 0);
+        ASSERT_GT(head.pushEvent(ztSimUsbHead::message(301, "sync!", 5)), 0);
+    }
+}
+
+TEST(UsbRecord, ReplayGivesTheApplicationWhatItSawLive)
+{
+    const std::string path = ::testing::TempDir() + "usb.ztrec";
+    Outcome live;
+    {
+        ztSimUsbHead head;
+        ASSERT_EQ(head.start(), 0);
+        ztRecorder recorder;
+        ASSERT_EQ(recorder.open(path), 0);
+        {
+            Opened usb;
+            ASSERT_TRUE(usb.claimed);
+            live = runApplication(usb.handle, &recorder, [&](int phase) { liveHead(head, phase); });
+        }
+        recorder.close();
+        EXPECT_EQ(recorder.stats().notRecorded, 0u);
+        head.stop();
+    }
+    EXPECT_EQ(live.results, (std::vector<int>{0, 0, 0, 0, 0}));
+    EXPECT_EQ(live.exposure, 2500.0f);
+
+    ztRecorder::Contents rec;
+    ASSERT_EQ(ztRecorder::load(path, rec), 0);
+    EXPECT_EQ(rec.header.link, ztRecorder::UsbLink);
+    EXPECT_EQ(rec.header.serialNumber, ztSimUsbHead::deviceInfo().serialNumber);
+    EXPECT_TRUE(rec.header.abilityKnown);
+    const unsigned char endpoints[5] = {ztSimUsbHead::kStreamIn, ztSimUsbHead::kCtrlIn, ztSimUsbHead::kEventIn,
+                                        ztSimUsbHead::kCtrlOut, ztSimUsbHead::kHeartbeatOut};
+    EXPECT_TRUE(std::equal(endpoints, endpoints + 5, rec.header.endpoints));
+    std::size_t streamBytes = 0;
+    int commands = 0;
+    for (const auto& r : rec.records) {
+        if (r.kind == ztRecorder::BytesIn && r.channel == ztSimUsbHead::kStreamIn)
+            streamBytes += r.bytes.size();
+        commands += r.kind == ztRecorder::Command ? 1 : 0;
+    }
+    EXPECT_EQ(streamBytes, kFrames * (kFrameBytes + 77) + 500 + 77);
+    // The ability query and the SET file of init, then the application's four.
+    EXPECT_EQ(commands, 6);
+
+    ztSimReplay replay;
+    ASSERT_EQ(replay.load(path), 0);
+    ASSERT_EQ(replay.startUsb(), 0);
+    Outcome again;
+    {
+        Opened usb;
+        ASSERT_TRUE(usb.claimed);
+        again = runApplication(usb.handle, nullptr, [](int) {});
+    }
+    EXPECT_TRUE(replay.waitDone(5000));
+    replay.stop();
+    EXPECT_EQ(again.results, live.results);
+    EXPECT_EQ(again.exposure, live.exposure);
+    ASSERT_EQ(again.calls.size(), live.calls.size());
+    for (std::size_t i = 0; i < live.calls.size(); ++i) {
+        EXPECT_EQ(again.calls[i].first, live.calls[i].first) << "callback " << i;
+        EXPECT_TRUE(again.calls[i].second == live.calls[i].second) << "payload of callback " << i;
+    }
+    EXPECT_EQ(replay.unmatchedCommands(), 0);
+    std::remove(path.c_str());
+}
+
+} // namespace
