@@ -1,4 +1,5 @@
 // ztproxy: the command-line tool of ztProxyProtocol.
+#include "check_command.h"
 #include "demo.h"
 #include "module_command.h"
 #include "net_command.h"
@@ -39,6 +40,7 @@ const char* const kUsage =
     "  usb       run one device command on a USB scanner head (or an emulated one)\n"
 #endif
     "  stream    receive frames from a head for a while, with live counters and saved images\n"
+    "  check     whether a head works: every query, a short stream, a table of the results\n"
     "\n"
     "options:\n"
     "  --log-level LEVEL  trace, debug, info, warn (default), error or off; logs go to\n"
@@ -221,6 +223,8 @@ int main(int programArgc, char** programArgv)
         return zt::tools::runModuleCommand(argc - i, argv + i);
     if (command == "stream")
         return zt::tools::runStreamCommand(argc - i, argv + i, programArgv);
+    if (command == "check")
+        return zt::tools::runCheckCommand(argc - i, argv + i, programArgv);
 #ifdef ZT_WITH_USB
     if (command == "usb")
         return zt::tools::runUsbCommand(argc - i, argv + i, programArgv);
