@@ -202,7 +202,8 @@ void printSimPresetHelp(std::FILE* out)
         std::fprintf(out, "  %-20s%s\n", usage.c_str(), o.help);
     }
     std::fputs("  NAME is a device command's name (getCameraGain) or type code (19); each option may\n"
-               "  be given many times. --set takes a number for one of:\n",
+               "  be given many times. --set takes the number the reply carries (getImageSize: width\n"
+               "  + 65536 x height; getFirmwareVersion: a byte a part, 0x01020A03 is 1-2-10-3) for:\n",
                out);
     // The names wrapped to lines of about 88 columns.
     std::string line = "   ";
