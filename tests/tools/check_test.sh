@@ -47,11 +47,9 @@ sim_heads() {
 # anything on it.
 wrong_head() {
     start_listening head "$ztproxy" sim head --status getCameraGain=-3 --no-reply getFirmwareDate \
-        --set getSystemId=0x5A54 --set getCameraExposure=12.5 --set 19=7 --status 17=5
-    local head=$bg
+        --set getSystemId=0x5A54 --set getCameraExposure=12.5 --set 19=7 --status 17=5 --status setLedExposure=-2
+    local head=$bg host=("$ztproxy" --log-level off net --local 127.0.0.1 --remote 127.0.0.1)
     run "$ztproxy" --log-level off check --local 127.0.0.1 --remote 127.0.0.1 --seconds 1
-    kill -TERM "$head"
-    wait "$head" || { echo "FAIL: sim head did not stop cleanly"; fail=1; }
     [ $rc -eq 1 ] && has_row getCameraGain -1 "FAILED$" && has_row getCameraFrameRate -1 "FAILED$" &&
         has_row getPeriod -1 "FAILED$" && has_row getSystemId 0 "systemId=23124$" &&
         has_row getCameraExposure 0 "exposure=12.5$" && has_row getLedExposure 0 "exposure=20$" &&
@@ -62,18 +60,77 @@ wrong_head() {
     # The unanswered query took the host's whole wait.
     grep -Eq "^getFirmwareDate +-1 +[4-9][0-9]{3}\.[0-9] ms  FAILED$" "$tmp/out" ||
         failed "the unanswered getFirmwareDate did not wait for its time-out"
+    # A negative status reply fails a setting, and the value behind it stays.
+    run "${host[@]}" setLedExposure 7.5
+    [ $rc -eq 1 ] && grep -qx "result: -1" "$tmp/out" || failed "setLedExposure against status -2: exit $rc, expected 1"
+    run "${host[@]}" getLedExposure
+    [ $rc -eq 0 ] && grep -qx "exposure: 20" "$tmp/out" || failed "getLedExposure after a refused setting: exit $rc"
+    kill -TERM "$head"
+    wait "$head" || { echo "FAIL: sim head did not stop cleanly"; fail=1; }
     # The presets as the head lists them; a status reply overrides the value of its type.
     grep -qx "preset: getCameraGain (19): status reply -3" "$tmp/head" &&
         grep -qx "preset: getCameraFrameRate or getPeriod (17): status reply 5" "$tmp/head" &&
         grep -qx "preset: getFirmwareDate (29): no reply" "$tmp/head" &&
         grep -qx "preset: getCameraExposure (8): value 12.5" "$tmp/head" &&
         grep -qx "command 19, 0 payload bytes (getCameraGain)" "$tmp/head" &&
-        grep -qx "command 17, 0 payload bytes (getCameraFrameRate or getPeriod)" "$tmp/head" ||
+        grep -qx "command 17, 0 payload bytes (getCameraFrameRate or getPeriod)" "$tmp/head" &&
+        grep -qx "command 9, 4 payload bytes (setLedExposure)" "$tmp/head" ||
         { echo "FAIL: sim head did not name its presets and commands"; cat "$tmp/head"; fail=1; }
+    # Up to the host's first setting, the head saw queries only.
     local names
-    names=$(sed -n 's/^command [0-9]*, [0-9]* payload bytes (\(.*\))$/\1/p' "$tmp/head")
+    names=$(sed -n 's/^command [0-9]*, [0-9]* payload bytes (\(.*\))$/\1/p' "$tmp/head" | sed '/^setLedExposure$/,$d')
     [ "$(echo "$names" | wc -l)" -ge 22 ] && ! echo "$names" | grep -qv "^get" ||
         { echo "FAIL: check sent a command that is no query:"; echo "$names"; fail=1; }
+}
+
+# The frames of the simulated heads, saved as 8-bit images: laser lines at full
+# brightness, markers of white dots in black rings, and the floor dark, each at the
+# exact level the 16-bit pixels were made for.
+scan_frames() {
+    mkdir "$tmp/frames"
+    run "$ztproxy" --log-level off stream --sim-net --seconds 1 --save-every 50 --out "$tmp/frames"
+    [ $rc -eq 0 ] && [ -f "$tmp/frames/frame-000050.png" ] || failed "stream --save-every: exit $rc, no frame saved"
+    python3 - "$tmp/frames/frame-000050.png" <<'PY' || { echo "FAIL: the saved frame does not show a scan"; fail=1; }
+import itertools, struct, sys, zlib
+d = open(sys.argv[1], "rb").read()
+pos, idat, w, h = 8, b"", 0, 0
+while pos < len(d):
+    n, kind = struct.unpack(">I4s", d[pos:pos + 8])
+    body = d[pos + 8:pos + 8 + n]
+    if kind == b"IHDR":
+        w, h, depth, colour = struct.unpack(">IIBB", body[:10])
+        assert depth == 8 and colour == 0, "not 8-bit grey"
+    elif kind == b"IDAT":
+        idat += body
+    pos += 12 + n
+raw, rows, prev = zlib.decompress(idat), [], bytearray(w)
+for y in range(h):
+    f, line = raw[y * (w + 1)], bytearray(raw[y * (w + 1) + 1:(y + 1) * (w + 1)])
+    if f == 1:  # the filter the image writer uses; the others pixel by pixel
+        line = bytearray(itertools.accumulate(line, lambda a, b: (a + b) & 0xFF))
+    elif f != 0:
+        for x in range(w):
+            a = line[x - 1] if x else 0
+            b, c = prev[x], prev[x - 1] if x else 0
+            p = a + b - c
+            pred = [0, a, b, (a + b) // 2, a if abs(p - a) <= min(abs(p - b), abs(p - c)) else b if abs(p - b) <= abs(p - c) else c][f]
+            line[x] = (line[x] + pred) & 0xFF
+    rows.append(line)
+    prev = line
+count = [0] * 256
+for line in rows:
+    for v in line:
+        count[v] += 1
+total = w * h
+# Laser cores, marker dots and rings, and a dark floor under most of the picture.
+assert 0.005 * total < count[255] < 0.1 * total, count[255]
+assert count[235] > 30 * 100 and count[6] > 30 * 100, (count[235], count[6])
+assert sum(count[:40]) > 0.4 * total
+# Across a row through the middle, the lines over the dome lie closer together than over the floor.
+mid = [x for x in range(1, w) if rows[h // 2][x] == 255 and rows[h // 2][x - 1] != 255]
+gaps = [b - a for a, b in zip(mid, mid[1:])]
+assert len(mid) >= 6 and min(gaps) < 0.8 * max(gaps), mid
+PY
 }
 
 # Every reply late by the preset delay: the times in the table show it.
@@ -133,8 +190,8 @@ LIST
 }
 
 case ${2:-} in
-"") side_by_side sim_heads wrong_head slow_head no_head bad_input ;;
-sim_heads | wrong_head | slow_head | no_head | bad_input) "$2" ;;
+"") side_by_side sim_heads wrong_head scan_frames slow_head no_head bad_input ;;
+sim_heads | wrong_head | scan_frames | slow_head | no_head | bad_input) "$2" ;;
 *) echo "unknown piece: $2" >&2; exit 2 ;;
 esac
 exit $fail
