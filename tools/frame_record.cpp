@@ -52,7 +52,7 @@ public:
             }
     }
 
-    // The 8-bit level of the pixel at (x, y).
+    // The 8-bit level of the pixel at (x, y), markers left out.
     unsigned level(unsigned px, unsigned py) const
     {
         const float x = (static_cast<float>(px) + 0.5f) / m_unit;
@@ -70,17 +70,6 @@ public:
             const float lit = (-0.5f * dx - 0.6f * dy + 0.62f * nz);
             v = 28.0f + 120.0f * std::max(0.0f, lit);
         }
-        for (const auto& [mx, my] : m_markers) {
-            const float ex = (x - mx) * m_unit;
-            const float ey = (y - my) * m_unit;
-            if (std::fabs(ex) >= kMarkerRing || std::fabs(ey) >= kMarkerRing)
-                continue;
-            const float r2 = ex * ex + ey * ey;
-            if (r2 < kMarkerDot * kMarkerDot)
-                v = 235.0f;
-            else if (r2 < kMarkerRing * kMarkerRing)
-                v = 6.0f;
-        }
         // Laser lines, slightly slanted, pushed sideways by the height of the surface.
         const float along = x - 0.12f * y - 0.25f * z;
         const float nearest = std::round(along / kLineSpacing) * kLineSpacing;
@@ -88,6 +77,28 @@ public:
         if (nearest > 0.0f && nearest < static_cast<float>(kLines + 1) * kLineSpacing && std::fabs(off) < 5.0f)
             v += 255.0f * std::exp(-off * off / 2.0f);
         return static_cast<unsigned>(std::clamp(v, 0.0f, 255.0f));
+    }
+
+    // Paints the markers over the levels of a width x height image, one box round each, so
+    // that the cost does not grow with their number per pixel.
+    void paintMarkers(std::vector<unsigned char>& levels, unsigned width, unsigned height) const
+    {
+        const int ring = static_cast<int>(kMarkerRing);
+        for (const auto& [mx, my] : m_markers) {
+            const int cx = static_cast<int>(mx * m_unit);
+            const int cy = static_cast<int>(my * m_unit);
+            for (int y = std::max(cy - ring, 0); y <= std::min(cy + ring, static_cast<int>(height) - 1); ++y)
+                for (int x = std::max(cx - ring, 0); x <= std::min(cx + ring, static_cast<int>(width) - 1); ++x) {
+                    const float ex = static_cast<float>(x) + 0.5f - mx * m_unit;
+                    const float ey = static_cast<float>(y) + 0.5f - my * m_unit;
+                    const float r2 = ex * ex + ey * ey;
+                    unsigned char& v = levels[static_cast<std::size_t>(y) * width + static_cast<std::size_t>(x)];
+                    if (r2 < kMarkerDot * kMarkerDot)
+                        v = 235;
+                    else if (r2 < kMarkerRing * kMarkerRing)
+                        v = 6;
+                }
+        }
     }
 
 private:
@@ -111,12 +122,17 @@ std::vector<char> scanRecord(unsigned short width, unsigned short height, unsign
     std::memcpy(record.data() + kWidthAt, &width, 2);
     std::memcpy(record.data() + kHeightAt, &height, 2);
     const ScanScene scene(width, height);
-    char* pixel = record.data() + kRecordHeaderSize;
+    std::vector<unsigned char> levels(std::size_t{width} * height);
     for (unsigned y = 0; y < height; ++y)
-        for (unsigned x = 0; x < width; ++x, pixel += 2) {
-            const std::uint16_t v = levelTo16(scene.level(x, y));
-            std::memcpy(pixel, &v, 2);
-        }
+        for (unsigned x = 0; x < width; ++x)
+            levels[std::size_t{y} * width + x] = static_cast<unsigned char>(scene.level(x, y));
+    scene.paintMarkers(levels, width, height);
+    char* pixel = record.data() + kRecordHeaderSize;
+    for (const unsigned char level : levels) {
+        const std::uint16_t v = levelTo16(level);
+        std::memcpy(pixel, &v, 2);
+        pixel += 2;
+    }
     return record;
 }
 

@@ -19,7 +19,7 @@ constexpr std::size_t kRecordHeaderSize = 76;
 constexpr std::size_t kRecordInCallback = 69;
 
 // A record whose pixels, scaled to 8 bits, show what a scanner head sees: laser lines
-// across a shaded object on a floor with circular markers. About 20 ms for 1280 x 1024:
+// across a shaded object on a floor with circular markers. Some 30 ms for 1280 x 1024:
 // make it once and send it repeatedly.
 std::vector<char> scanRecord(unsigned short width, unsigned short height, unsigned long long stamp);
 // That record as a full-frame stream packet (extended header, type kFullFrameType), as the
