@@ -158,6 +158,14 @@ public:
     // destroyed while attached.
     void attachRecorder(ztRecorder* recorder);
 
+    // The commands by name and type code (the same on both links), for tools and logs.
+    // The type code of the command named after this method ("getCameraGain": 19), or -1
+    // when no command has that name.
+    static int commandTypeOf(const std::string& name);
+    // The methods whose commands travel with this type code, in the order of this class
+    // (13: sendTrigger, sendStopTrigger, sendPreTrigger); empty when no command uses it.
+    static std::vector<std::string> commandNamesOf(unsigned short type);
+
 protected:
     ztDeviceCommandSet();
     // Keeps the ability record read when the device comes online.

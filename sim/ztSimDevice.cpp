@@ -17,13 +17,17 @@ constexpr std::uint32_t kPreTrigger = 2;
 constexpr std::uint32_t kSerialRecordSize = 32;
 constexpr std::size_t kSerialTextSize = 16;
 
-// Queries answered with a value reply, and how wide their value is.
+// Queries answered with a value reply, how wide their value is and whether it is a float.
 struct ValueQuery {
     unsigned short type;
     int width;
+    bool isFloat;
 };
-constexpr ValueQuery kValueQueries[] = {{4, 4},   {6, 4},   {8, 4},   {10, 4},  {14, 4},  {15, 4},  {17, 4},  {19, 4},
-                                        {29, 8},  {257, 4}, {261, 4}, {270, 4}, {272, 8}, {276, 4}, {358, 4}};
+constexpr ValueQuery kValueQueries[] = {
+    {4, 4, false},   {6, 4, false},   {8, 4, true},    {10, 4, true},   {14, 4, true},
+    {15, 4, false},  {17, 4, false},  {19, 4, false},  {29, 8, false},  {257, 4, false},
+    {261, 4, false}, {270, 4, false}, {272, 8, false}, {276, 4, false}, {358, 4, false},
+};
 
 // Settings that change what a query reports.
 struct Pairing {
@@ -389,6 +393,14 @@ unsigned long long ztSimDevice::value(unsigned short queryType) const
     std::lock_guard<std::mutex> lock(m_impl->mutex);
     const auto it = m_impl->values.find(queryType);
     return it == m_impl->values.end() ? 0 : it->second;
+}
+
+std::vector<ztSimDevice::ValueKind> ztSimDevice::valueKinds()
+{
+    std::vector<ValueKind> kinds;
+    for (const auto& q : kValueQueries)
+        kinds.push_back({q.type, q.width, q.isFloat});
+    return kinds;
 }
 
 void ztSimDevice::setFloatValue(unsigned short queryType, float value)

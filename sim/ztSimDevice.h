@@ -102,6 +102,14 @@ public:
     unsigned long long value(unsigned short queryType) const;
     void setFloatValue(unsigned short queryType, float value);
     float floatValue(unsigned short queryType) const;
+    // The query types whose value setValue sets, in ascending order, with the width of
+    // the value in bytes (4 or 8) and whether it is kept as float bits.
+    struct ValueKind {
+        unsigned short queryType;
+        int width;
+        bool isFloat;
+    };
+    static std::vector<ValueKind> valueKinds();
     // Shorthands for the values of 4 (width in the low half) and 29 (first word low).
     void setImageSize(short width, short height);
     void setFirmwareDate(unsigned int first, unsigned int second);

@@ -224,15 +224,15 @@ bool temperatures(ztEmbeddedModuleProxyServer& server, std::vector<char>& bytes,
 
 } // namespace
 
-int CommandRunner::run(const PreparedCommand& command, const CommandTarget& target, bool json,
-                       const std::string& savePath)
+int CommandRunner::collect(const PreparedCommand& command, const CommandTarget& target,
+                           std::vector<OutputValue>& outputs)
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_thread = std::this_thread::get_id();
+        m_seen.clear();
         m_recording = true;
     }
-    std::vector<OutputValue> outputs;
     const int result = command.call(target, outputs);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_recording = false;
@@ -252,6 +252,15 @@ int CommandRunner::run(const PreparedCommand& command, const CommandTarget& targ
                 temperatures(*target.network, seen.bytes, temps))
                 outputs.push_back(temps);
     }
+    return result;
+}
+
+int CommandRunner::run(const PreparedCommand& command, const CommandTarget& target, bool json,
+                       const std::string& savePath)
+{
+    std::vector<OutputValue> outputs;
+    const int result = collect(command, target, outputs);
+    std::lock_guard<std::mutex> lock(m_mutex);
     std::string saveError;
     if (result == 0 && !savePath.empty()) {
         std::size_t total = 0;

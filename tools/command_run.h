@@ -93,7 +93,11 @@ class CommandRunner {
 public:
     static void onData(int code, char* data, int length, void* user);
 
-    // Runs the command and prints its result, its outputs and the callbacks it raised
+    // Runs the command and gathers its output values, then one value listing the callbacks
+    // it raised and one with the temperatures they carried; the command's result.
+    int collect(const PreparedCommand& command, const CommandTarget& target, std::vector<OutputValue>& outputs);
+
+    // Runs the command (collect) and prints its result, its outputs and the callbacks it raised
     // (temperatures decoded); with a save path, the bytes those callbacks carried go into
     // that file. The exit status of the result (resultStatus), or kFailedStatus when there
     // was nothing to save or the file cannot be written.

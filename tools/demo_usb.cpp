@@ -135,9 +135,7 @@ int runUsbHeadDemo(const std::string& pngPath)
         expect(r == 5);
 
         // A stream of full-frame records, then the one that becomes the image.
-        const std::vector<char> record = gradientRecord(kWidth, kHeight, 1);
-        std::vector<char> packet =
-            ztSimUsbHead::extendedPacket(kFullFrameType, 1, record.data(), record.size());
+        const std::vector<char> packet = scanPacket(kWidth, kHeight, 1);
         const bool terminal = stdoutIsTerminal();
         ProgressBar bar("stream", kFrames, terminal);
         const UsageMeter meter;
@@ -160,8 +158,7 @@ int runUsbHeadDemo(const std::string& pngPath)
         std::printf("  %-44s %s\n", "", "(CPU: this process, the emulated head included)");
         expect(frames == kFrames);
 
-        const std::vector<char> last = gradientRecord(kWidth, kHeight, kImageStamp);
-        head.pushStream(ztSimUsbHead::extendedPacket(kFullFrameType, kImageStamp, last.data(), last.size()));
+        head.pushStream(scanPacket(kWidth, kHeight, kImageStamp));
         std::unique_lock<std::mutex> lock(got.mutex);
         const bool done = got.cv.wait_for(lock, std::chrono::seconds(5), [&] { return got.imageDone; });
         if (done && got.imageError.empty())

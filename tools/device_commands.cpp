@@ -121,6 +121,9 @@ struct DeviceCommand {
     const char* arguments; // one upper-case word per argument
     const char* outputs;   // one word per output value
     bool networkOnly;
+    // Asks the head without changing anything on it and takes no argument: ztproxy check
+    // runs every such command.
+    bool query;
     int argumentCount;
     int outputCount;
     // Parses the arguments (their count is right): false with the reason and the index
@@ -219,13 +222,15 @@ template <class Self, class... P>
 Signature<Self, P...> signatureOf(int (*)(Self&, P...));
 
 template <auto F, class Self, class... P>
-constexpr DeviceCommand makeRow(const char* name, const char* arguments, const char* outputs, Signature<Self, P...>)
+constexpr DeviceCommand makeRow(const char* name, const char* arguments, const char* outputs, bool query,
+                                Signature<Self, P...>)
 {
     using C = Command<F, Self, P...>;
     return {name,
             arguments,
             outputs,
             std::is_same_v<Self, ztEmbeddedModuleProxyServer>,
+            query,
             C::kArguments,
             C::kOutputs,
             &C::prepare};
@@ -233,7 +238,10 @@ constexpr DeviceCommand makeRow(const char* name, const char* arguments, const c
 
 // The row of a method (or adapter) F; the command is named after it, letter for letter.
 #define ZT_COMMAND(scope, method, arguments, outputs)                                                                  \
-    makeRow<&scope::method>(#method, arguments, outputs, decltype(signatureOf(&scope::method)){})
+    makeRow<&scope::method>(#method, arguments, outputs, false, decltype(signatureOf(&scope::method)){})
+// The row of a query: a command without arguments that changes nothing on the head.
+#define ZT_QUERY(scope, method, outputs)                                                                               \
+    makeRow<&scope::method>(#method, "", outputs, true, decltype(signatureOf(&scope::method)){})
 
 // Commands whose methods take a buffer and its length, or give their answer otherwise
 // than through an output parameter, are called through these.
@@ -365,41 +373,41 @@ constexpr DeviceCommand kCommands[] = {
     ZT_COMMAND(Set, sendTrigger, "", ""),
     ZT_COMMAND(Set, sendStopTrigger, "", ""),
     ZT_COMMAND(Set, sendPreTrigger, "", ""),
-    ZT_COMMAND(Set, getTriggerMode, "", "mode"),
+    ZT_QUERY(Set, getTriggerMode, "mode"),
     ZT_COMMAND(Set, setScanStatus, "STATUS", ""),
     ZT_COMMAND(Set, setScanDataSource, "SOURCE", ""),
-    ZT_COMMAND(Set, getScanDataSource, "", "source"),
+    ZT_QUERY(Set, getScanDataSource, "source"),
     ZT_COMMAND(Set, execSync, "START WAIT", ""),
     ZT_COMMAND(Set, updateSyncStat, "", ""),
     ZT_COMMAND(Set, setHardwareSyncMode, "MODE", ""),
-    ZT_COMMAND(Set, getHardwareSyncMode, "", "mode"),
+    ZT_QUERY(Set, getHardwareSyncMode, "mode"),
     ZT_COMMAND(Set, setMaster, "MASTER", ""),
-    ZT_COMMAND(Set, getMaster, "", "master"),
+    ZT_QUERY(Set, getMaster, "master"),
     ZT_COMMAND(Set, setSystemId, "SYSTEM_ID", ""),
-    ZT_COMMAND(Set, getSystemId, "", "systemId"),
-    ZT_COMMAND(Set, getBandWidth, "", "bandWidth"),
+    ZT_QUERY(Set, getSystemId, "systemId"),
+    ZT_QUERY(Set, getBandWidth, "bandWidth"),
     // Camera, exposure and frame rate.
     ZT_COMMAND(Set, setCameraExposure, "EXPOSURE_US", ""),
-    ZT_COMMAND(Set, getCameraExposure, "", "exposure"),
+    ZT_QUERY(Set, getCameraExposure, "exposure"),
     ZT_COMMAND(Set, setLedExposure, "EXPOSURE_US", ""),
-    ZT_COMMAND(Set, getLedExposure, "", "exposure"),
+    ZT_QUERY(Set, getLedExposure, "exposure"),
     ZT_COMMAND(Set, setCameraGain, "GAIN", ""),
-    ZT_COMMAND(Set, getCameraGain, "", "gain"),
+    ZT_QUERY(Set, getCameraGain, "gain"),
     ZT_COMMAND(Set, setCameraFrameRate, "FPS", ""),
-    ZT_COMMAND(Set, getCameraFrameRate, "", "fps"),
+    ZT_QUERY(Set, getCameraFrameRate, "fps"),
     ZT_COMMAND(Set, setPeriod, "PERIOD_MS", ""),
-    ZT_COMMAND(Set, getPeriod, "", "periodMs"),
+    ZT_QUERY(Set, getPeriod, "periodMs"),
     ZT_COMMAND(adapter, setCameraROI, "NAME X Y WIDTH HEIGHT", ""),
-    ZT_COMMAND(adapter, getCameraROI, "", "name x y width height"),
+    ZT_QUERY(adapter, getCameraROI, "name x y width height"),
     ZT_COMMAND(adapter, setCameraReverse, "NAME VALUE", ""),
     ZT_COMMAND(Set, setImageROI, "NAME X Y WIDTH HEIGHT", ""),
-    ZT_COMMAND(Set, getImageSize, "", "width height"),
+    ZT_QUERY(Set, getImageSize, "width height"),
     ZT_COMMAND(Set, resetCamera, "", ""),
     ZT_COMMAND(Set, setDropFrameRateMode, "MODE", ""),
     ZT_COMMAND(Set, setLaserTriggerMode, "MODE", ""),
     ZT_COMMAND(Set, setDeviceDropFrame, "A B C D E F", ""),
     ZT_COMMAND(Net, switchHardwareFrameRate, "TYPE", ""),
-    ZT_COMMAND(Net, getHardwareFrameRateType, "", "type"),
+    ZT_QUERY(Net, getHardwareFrameRateType, "type"),
     ZT_COMMAND(adapter, setQRBarCenter, "NAME FLAG A0 A2 B0 B2", ""),
     // Light, laser, light pen and housekeeping.
     ZT_COMMAND(Set, sendLightCMD, "COMMAND", ""),
@@ -415,15 +423,15 @@ constexpr DeviceCommand kCommands[] = {
     ZT_COMMAND(Net, preheatRKWithTrigger, "VALUE", ""),
     ZT_COMMAND(Set, setHybridComputeNum2RK, "COUNT", ""),
     ZT_COMMAND(Set, syncTime2Device, "TIME", ""),
-    ZT_COMMAND(Net, getTemp, "", ""),
+    ZT_QUERY(Net, getTemp, ""),
     ZT_COMMAND(Set, rebootDevice, "", ""),
     ZT_COMMAND(Set, redetectNetworkCard30, "", ""),
-    ZT_COMMAND(Set, getCameraSN, "", "sns"),
-    ZT_COMMAND(Set, getDeviceAbilityInfo, "", "ability"),
-    ZT_COMMAND(adapter, getCurDeviceAbilityInfo, "", "ability"),
-    ZT_COMMAND(Set, getFirmwareVersion, "", "version"),
-    ZT_COMMAND(Set, getFirmwareDate, "", "date"),
-    ZT_COMMAND(Set, getRKProgramVersion, "", "major minor revision build"),
+    ZT_QUERY(Set, getCameraSN, "sns"),
+    ZT_QUERY(Set, getDeviceAbilityInfo, "ability"),
+    ZT_QUERY(adapter, getCurDeviceAbilityInfo, "ability"),
+    ZT_QUERY(Set, getFirmwareVersion, "version"),
+    ZT_QUERY(Set, getFirmwareDate, "date"),
+    ZT_QUERY(Set, getRKProgramVersion, "major minor revision build"),
     // Registers and network settings.
     ZT_COMMAND(Set, setIntegerRegisterValue, "NAME VALUE", ""),
     ZT_COMMAND(Set, getIntegerRegisterValue, "NAME", "value"),
@@ -432,7 +440,7 @@ constexpr DeviceCommand kCommands[] = {
     ZT_COMMAND(Set, readRegisterValue, "DEVICE ADDRESS LENGTH", ""),
     ZT_COMMAND(adapter, setRegisterValue, "DEVICE ADDRESS HEX_BYTES", ""),
     ZT_COMMAND(adapter, setWifi, "SSID PASSWORD", ""),
-    ZT_COMMAND(adapter, getWifi, "", "ssid password"),
+    ZT_QUERY(adapter, getWifi, "ssid password"),
     ZT_COMMAND(Set, reconnectWIFI, "SSID", ""),
     // Files, firmware and logs.
     ZT_COMMAND(Set, getSETFile, "DATA_TYPE", ""),
@@ -519,6 +527,7 @@ constexpr DeviceCommand kRequests[] = {
 };
 
 #undef ZT_COMMAND
+#undef ZT_QUERY
 
 // Every row names one word per argument and per output, and no two rows of a table share
 // a name.
@@ -526,7 +535,8 @@ template <std::size_t N>
 constexpr bool rowsAreConsistent(const DeviceCommand (&table)[N])
 {
     for (const DeviceCommand& row : table) {
-        if (countWords(row.arguments) != row.argumentCount || countWords(row.outputs) != row.outputCount)
+        if (countWords(row.arguments) != row.argumentCount || countWords(row.outputs) != row.outputCount ||
+            (row.query && row.argumentCount != 0))
             return false;
         int named = 0;
         for (const DeviceCommand& other : table)
@@ -537,7 +547,7 @@ constexpr bool rowsAreConsistent(const DeviceCommand (&table)[N])
     return true;
 }
 static_assert(rowsAreConsistent(kCommands) && rowsAreConsistent(kRequests),
-              "a command's argument or output names do not match its method");
+              "a command's argument or output names do not match its method, or a query takes arguments");
 
 struct Table {
     const DeviceCommand* begin;
@@ -618,6 +628,16 @@ std::string formatJson(const std::string& command, int result, const std::vector
     for (const OutputValue& o : outputs)
         json += "," + jsonString(o.name) + ":" + o.json;
     return json + "}\n";
+}
+
+std::vector<std::string> queryCommands(DeviceLink link)
+{
+    std::vector<std::string> names;
+    const Table table = tableOf(link);
+    for (const DeviceCommand* r = table.begin; r != table.end; ++r)
+        if (r->query && (!r->networkOnly || link == DeviceLink::Network))
+            names.emplace_back(r->name);
+    return names;
 }
 
 void listDeviceCommands(DeviceLink link, std::FILE* out, const char* indent, bool detailed)

@@ -51,6 +51,11 @@ std::string formatPlain(int result, const std::vector<OutputValue>& outputs);
 // One JSON object on one line: {"command":..., "result":N, "name":value...}.
 std::string formatJson(const std::string& command, int result, const std::vector<OutputValue>& outputs);
 
+// The names of the link's queries, in table order: the commands without arguments that
+// change nothing on the head (getters, versions, serial numbers, the ability record,
+// temperatures).
+std::vector<std::string> queryCommands(DeviceLink link);
+
 // One usage line per command the link offers ("setCameraExposure EXPOSURE_US"), each
 // after indent. detailed adds a column with the names of the output values
 // ("-> width height") and marks the network head's own commands "(network only)".

@@ -18,9 +18,13 @@ constexpr unsigned short kFullFrameType = 1280;
 constexpr std::size_t kRecordHeaderSize = 76;
 constexpr std::size_t kRecordInCallback = 69;
 
-// A record whose pixels scale to a diagonal 8-bit gradient (0 at the top left, 255 at the
-// bottom right) with a white frame line one pixel wide round the edge.
-std::vector<char> gradientRecord(unsigned short width, unsigned short height, unsigned long long stamp);
+// A record whose pixels, scaled to 8 bits, show what a scanner head sees: laser lines
+// across a shaded object on a floor with circular markers. Some 30 ms for 1280 x 1024:
+// make it once and send it repeatedly.
+std::vector<char> scanRecord(unsigned short width, unsigned short height, unsigned long long stamp);
+// That record as a full-frame stream packet (extended header, type kFullFrameType), as the
+// simulated heads stream it.
+std::vector<char> scanPacket(unsigned short width, unsigned short height, unsigned long long stamp);
 
 // The record within what the data callback delivered for a full-frame packet, or null when
 // the data is too short for the record's header or for the pixels it declares.

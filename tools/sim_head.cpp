@@ -1,6 +1,7 @@
 #include "sim_head.h"
 
 #include "frame_record.h"
+#include "sim_presets.h"
 #include "ztSimNetworkHead.h"
 
 #include <arpa/inet.h>
@@ -21,13 +22,14 @@ namespace {
 
 const char* const kSimHeadUsage =
     "usage: ztproxy sim head [--bind IP] [--port N] [--stream-rate MBPS [--stream-on trigger]\n"
-    "                        [--full-frames]]\n"
+    "                        [--full-frames]] [--set NAME=VALUE] [--status NAME=CODE]\n"
+    "                        [--no-reply NAME] [--delay MS]\n"
     "\n"
     "Runs a simulated network scanner head until interrupted. A host opens four TCP\n"
     "connections to it, in the order command, data, command-data and light-pen; the head\n"
-    "answers heartbeats and commands (the ability query, the SET file query, the program\n"
-    "version query, and a status reply of 0 to everything else) and prints one line per\n"
-    "connection and per command.\n"
+    "answers heartbeats and every device command from a state that settings change and\n"
+    "queries report, and prints one line per connection and per command, with the command's\n"
+    "type code, payload size and name (\"command 19, 0 payload bytes (getCameraGain)\").\n"
     "\n"
     "options:\n"
     "  --bind IP           IPv4 address to listen on (default 127.0.0.1)\n"
@@ -40,7 +42,9 @@ const char* const kSimHeadUsage =
     "                      and its stop (sendStopTrigger, or setScanStatus 0)\n"
     "  --full-frames       stream full-frame records of 1280 x 1024 16-bit pixels instead,\n"
     "                      which ztproxy stream --save-every can save as images\n"
-    "  -h, --help          show this help\n";
+    "  -h, --help          show this help\n"
+    "\n"
+    "presets (the replies a host's code should cope with):\n";
 
 std::atomic<bool> g_stop{false};
 extern "C" void onHeadSignal(int)
@@ -82,10 +86,8 @@ int triggerOf(const ztSimNetworkHead::Request& r)
 
 std::vector<char> streamUnit(bool fullFrames)
 {
-    if (fullFrames) {
-        const std::vector<char> record = gradientRecord(1280, 1024, 1);
-        return ztSimNetworkHead::extendedPacket(kFullFrameType, 1, record.data(), record.size());
-    }
+    if (fullFrames)
+        return scanPacket(1280, 1024, 1);
     std::vector<char> payload(kStreamUnit - ztSimNetworkHead::kExtendedHeaderSize - 1);
     for (std::size_t k = 0; k < payload.size(); ++k)
         payload[k] = static_cast<char>(k & 0xFF);
@@ -101,17 +103,21 @@ int runSimHead(int argc, char** argv)
     double rate = -1; // no stream
     bool onTrigger = false;
     bool fullFrames = false;
+    SimPresets presets;
     for (int i = 0; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "-h" || arg == "--help") {
             std::fputs(kSimHeadUsage, stdout);
+            printSimPresetHelp(stdout);
             return 0;
         }
         if (arg == "--full-frames") {
             fullFrames = true;
             continue;
         }
-        const bool takesValue = arg == "--bind" || arg == "--port" || arg == "--stream-rate" || arg == "--stream-on";
+        const bool preset = isSimPresetOption(arg);
+        const bool takesValue =
+            preset || arg == "--bind" || arg == "--port" || arg == "--stream-rate" || arg == "--stream-on";
         if (!takesValue)
             return bad("sim head: unknown argument '" + arg + "'");
         if (i + 1 >= argc)
@@ -119,7 +125,10 @@ int runSimHead(int argc, char** argv)
         const std::string value = argv[++i];
         char* end = nullptr;
         errno = 0;
-        if (arg == "--bind") {
+        if (std::string error; preset) {
+            if (!parseSimPreset("sim head", arg, value, presets, error))
+                return bad(error);
+        } else if (arg == "--bind") {
             in_addr a{};
             if (::inet_pton(AF_INET, value.c_str(), &a) != 1)
                 return bad("sim head: '" + value + "' is not an IPv4 address");
@@ -146,6 +155,7 @@ int runSimHead(int argc, char** argv)
     std::signal(SIGINT, onHeadSignal);
     std::signal(SIGTERM, onHeadSignal);
     ztSimNetworkHead head(bind, port);
+    applySimPresets(presets, head);
     head.setConnectionObserver([](ztSimNetworkHead::Channel c, bool connected, const std::string& peer) {
         if (connected)
             std::printf("%s connection from %s\n", channelName(c), peer.c_str());
@@ -157,6 +167,8 @@ int runSimHead(int argc, char** argv)
         std::fprintf(stderr, "ztproxy: the simulated head cannot listen on %s:%d (in use?)\n", bind.c_str(), port);
         return 1;
     }
+    for (const std::string& line : describeSimPresets(presets))
+        std::printf("preset: %s\n", line.c_str());
     std::printf("simulated head listening on %s:%d; Ctrl-C stops it\n", bind.c_str(), head.port());
     std::fflush(stdout);
 
@@ -166,7 +178,8 @@ int runSimHead(int argc, char** argv)
     while (!g_stop) {
         ztSimNetworkHead::Request r;
         if (head.nextCommand(r, 200)) {
-            std::printf("command %u, %zu payload bytes\n", static_cast<unsigned>(r.type), r.payload.size());
+            std::printf("command %u, %zu payload bytes (%s)\n", static_cast<unsigned>(r.type), r.payload.size(),
+                        commandNamesText(r.type).c_str());
             std::fflush(stdout);
             if (const int t = triggerOf(r); t >= 0)
                 triggered = t == 1;

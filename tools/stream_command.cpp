@@ -72,9 +72,6 @@ const char* const kStreamUsage =
     "offline, the start command failed or an image cannot be written; 2 on a usage error; 3\n"
     "when the head did not come online or the USB device could not be opened.\n";
 
-constexpr unsigned short kSimWidth = 1280;
-constexpr unsigned short kSimHeight = 1024;
-constexpr double kSimFramesPerSecond = 100;
 constexpr int kHeadPort = ztSimNetworkHead::kDefaultPort;
 constexpr int kRedrawMs = 250;
 // After a simulated stream ends, frames still on their way get this long to arrive.
@@ -220,11 +217,6 @@ struct Receiver {
     long long fullFrames = 0;
     long long notRecords = 0;
 
-    static bool isFrame(int type)
-    {
-        return type == 512 || type == 513 || type == 514 || type == 1280 || type == 1281;
-    }
-
     static void cb(int type, char* data, int length, void* user)
     {
         auto* self = static_cast<Receiver*>(user);
@@ -233,7 +225,7 @@ struct Receiver {
             self->offline = true;
             return;
         }
-        if (!isFrame(type))
+        if (!isFramePacket(type))
             return;
         std::string error;
         bool wrote = false;
@@ -273,12 +265,6 @@ struct SimStream {
     std::function<void()> stop;
     std::size_t unitSize = 0;
 };
-
-std::vector<char> simUnit()
-{
-    const std::vector<char> record = gradientRecord(kSimWidth, kSimHeight, 1);
-    return ztSimNetworkHead::extendedPacket(kFullFrameType, 1, record.data(), record.size());
-}
 
 // Starts or stops the head's stream as --start asks; the command's result.
 int startOrStop(ztDeviceCommandSet& device, Start start, bool on)
@@ -323,13 +309,10 @@ int receive(const Options& o, ztDeviceCommandSet& device, Receiver& receiver, co
     if (sim != nullptr) {
         sim->stop();
         const auto sent = static_cast<long long>(sim->sentBytes() / sim->unitSize);
-        const auto tail = std::chrono::steady_clock::now() + std::chrono::milliseconds(kTailWaitMs);
-        while (receiver.figures(meter).frames < sent && std::chrono::steady_clock::now() < tail)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        dropped = framesDropped(sent, [&] { return receiver.figures(meter).frames; });
         const StreamFigures all = receiver.figures(meter);
         figures.frames = all.frames;
         figures.bytes = all.bytes;
-        dropped = sent > all.frames ? sent - all.frames : 0;
     }
     if (counters)
         std::printf("\n");
@@ -396,7 +379,7 @@ int streamNetwork(const Options& o)
         if (!bringNetworkHeadOnline(server, local, remote, o.sn)) {
             status = kOfflineStatus;
         } else if (head) {
-            const std::vector<char> unit = simUnit();
+            const std::vector<char> unit = simFramePacket();
             head->startStream(ztSimNetworkHead::Data, unit, 0, static_cast<double>(unit.size()) * kSimFramesPerSecond);
             const SimStream sim{[&] { return head->streamedBytes(); }, [&] { head->stopStream(); }, unit.size()};
             status = receive(o, server, receiver, &sim);
@@ -445,7 +428,7 @@ int streamUsb(const Options& o)
             if (!bringUsbHeadOnline(server, usb)) {
                 status = kOfflineStatus;
             } else if (head) {
-                const std::vector<char> unit = simUnit();
+                const std::vector<char> unit = simFramePacket();
                 head->startStream(unit, 0, static_cast<double>(unit.size()) * kSimFramesPerSecond);
                 const SimStream sim{[&] { return head->streamedBytes(); }, [&] { head->stopStream(); }, unit.size()};
                 status = receive(o, server, receiver, &sim);
@@ -463,6 +446,27 @@ int streamUsb(const Options& o)
 #endif
 
 } // namespace
+
+std::vector<char> simFramePacket()
+{
+    return scanPacket(1280, 1024, 1);
+}
+
+bool isFramePacket(int type)
+{
+    return type == 512 || type == 513 || type == 514 || type == 1280 || type == 1281;
+}
+
+long long framesDropped(long long sent, const std::function<long long()>& arrived)
+{
+    const auto tail = std::chrono::steady_clock::now() + std::chrono::milliseconds(kTailWaitMs);
+    long long got = arrived();
+    while (got < sent && std::chrono::steady_clock::now() < tail) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        got = arrived();
+    }
+    return sent > got ? sent - got : 0;
+}
 
 int runStreamCommand(int argc, char** argv, char** programArgv)
 {

@@ -1,4 +1,5 @@
 // ztproxy: the command-line tool of ztProxyProtocol.
+#include "check_command.h"
 #include "demo.h"
 #include "module_command.h"
 #include "net_command.h"
@@ -43,6 +44,7 @@ const char* const kUsage =
     "  stream    receive frames from a head for a while, with live counters and saved images\n"
     "  record    record a head's session (link bytes, commands) into one file\n"
     "  replay    play a recorded head back on loopback\n"
+    "  check     whether a head works: every query, a short stream, a table of the results\n"
     "\n"
     "options:\n"
     "  --log-level LEVEL  trace, debug, info, warn (default), error or off; logs go to\n"
@@ -229,6 +231,8 @@ int main(int programArgc, char** programArgv)
         return zt::tools::runRecordCommand(argc - i, argv + i);
     if (command == "replay")
         return zt::tools::runReplayCommand(argc - i, argv + i);
+    if (command == "check")
+        return zt::tools::runCheckCommand(argc - i, argv + i, programArgv);
 #ifdef ZT_WITH_USB
     if (command == "usb")
         return zt::tools::runUsbCommand(argc - i, argv + i, programArgv);

@@ -98,6 +98,27 @@ int ztDeviceCommandSet::parseDeviceAblityInfo(const char* data, DeviceAbilityInf
     return zt::commands::parseAbility(data, info);
 }
 
+int ztDeviceCommandSet::commandTypeOf(const std::string& name)
+{
+    for (std::size_t i = 0; i < static_cast<std::size_t>(Cmd::count); ++i) {
+        const zt::commands::Command& c = zt::commands::command(static_cast<Cmd>(i));
+        if (name == c.name)
+            return c.type;
+    }
+    return -1;
+}
+
+std::vector<std::string> ztDeviceCommandSet::commandNamesOf(unsigned short type)
+{
+    std::vector<std::string> names;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(Cmd::count); ++i) {
+        const zt::commands::Command& c = zt::commands::command(static_cast<Cmd>(i));
+        if (c.type == type)
+            names.emplace_back(c.name);
+    }
+    return names;
+}
+
 // Trigger, scan and synchronisation.
 
 int ztDeviceCommandSet::sendTrigger()
