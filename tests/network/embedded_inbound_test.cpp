@@ -257,7 +257,7 @@ TEST(EmbeddedInbound, ProcessMsgAndPayloadParsers)
     server.analysisLightPenFindList(list.data(), first, found);
     EXPECT_EQ(std::vector<int>({first, found.count}), std::vector<int>({9, 2}));
     ASSERT_EQ(found.entries.size(), 3u);
-    EXPECT_EQ(std::vector<char>({found.entries[1].bytes[0], found.entries[2].bytes[0]}), std::vector<char>({'A', 'B'}));
+    EXPECT_EQ(std::string({char(found.entries[1].bytes[0]), char(found.entries[2].bytes[0])}), "AB");
 
     // Marker records: 64 header bytes, stamp, width, height, count, then 42 bytes a marker.
     std::vector<char> rec(78 + 2 * 42, 0);
