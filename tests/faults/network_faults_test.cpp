@@ -126,43 +126,54 @@ TEST(NetworkFaults, DataLightPenOrCommandConnectionClosedLeavesTheRestWorking)
     expectPromptDeInit(o.server);
 }
 
-TEST(NetworkFaults, CommandDataConnectionClosedTakesTheHeadOfflineOnce)
+// A head whose heartbeat connection falls silent, or closes, with the stream running and a
+// command in flight: offline once, after five missed beats and the 500 ms release; the
+// command ends by its own time-out; every connection is closed and nothing more arrives.
+TEST(NetworkFaults, SilentOrClosedHeartbeatConnectionTakesTheHeadOfflineOnce)
 {
-    LogCapture log;
-    Online o;
-    o.start();
-    o.head.startStream(Head::Data, streamPacket(), 0, 300000);
-    ASSERT_GE(o.seen.waitCount(1280, 10, 3000), 10u);
-    // A command the head leaves unanswered is in flight across the offline: it ends by its
-    // own time-out although its connection is closed under it.
-    o.head.setNoReply(13);
-    auto pending = triggerInFlight(o.server);
-    const auto t0 = Clock::now();
-    o.head.closeChannel(Head::CommandData);
+    for (const bool closed : {false, true}) {
+        SCOPED_TRACE(closed ? "closed" : "silent");
+        LogCapture log;
+        Online o;
+        o.start();
+        o.head.startStream(Head::Data, streamPacket(), 0, 300000);
+        ASSERT_GE(o.seen.waitCount(1280, 10, 3000), 10u);
+        o.head.setNoReply(13);
+        auto pending = triggerInFlight(o.server);
+        o.waitForBeat();
+        const int before = o.head.heartbeatsReceived();
+        const auto t0 = Clock::now();
+        if (closed)
+            o.head.closeChannel(Head::CommandData);
+        else
+            o.head.setAnswerHeartbeats(false);
 
-    ASSERT_EQ(o.seen.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 10000), 1u);
-    EXPECT_GE(msSince(t0), 2400);
-    EXPECT_LT(msSince(t0), 3000 + kSlackMs);
-    EXPECT_FALSE(o.server.isConnected());
-    EXPECT_TRUE(log.waitFor("Heartbeat timeout = 127.0.0.1", 1000));
-    // The release closed every connection, and the receivers ended: nothing more arrives.
-    for (auto c : {Head::Command, Head::Data, Head::LightPen})
-        EXPECT_TRUE(o.head.waitDisconnected(c, 2000)) << c;
-    const std::size_t delivered = o.seen.count(1280);
+        ASSERT_EQ(o.seen.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 10000), 1u);
+        EXPECT_GE(msSince(t0), closed ? 2400 : 2900);
+        EXPECT_LT(msSince(t0), 3000 + kSlackMs);
+        EXPECT_FALSE(o.server.isConnected());
+        EXPECT_TRUE(log.waitFor("Heartbeat timeout = 127.0.0.1", 1000));
+        for (auto c : {Head::Command, Head::Data, Head::CommandData, Head::LightPen})
+            EXPECT_TRUE(o.head.waitDisconnected(c, 2000)) << c;
+        const std::size_t delivered = o.seen.count(1280);
+        const int beats = o.head.heartbeatsReceived() - before;
+        EXPECT_TRUE(closed || beats == 5) << beats << " beats unanswered";
 
-    expectTimedOut(pending);
-    // Without a command connection a command fails at once and sends nothing.
-    o.head.clearCommands();
-    const auto c0 = Clock::now();
-    EXPECT_EQ(o.server.sendTrigger(), -1);
-    EXPECT_LT(msSince(c0), 500);
-    Head::Request r;
-    EXPECT_FALSE(o.head.nextCommand(r, 200));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_OFFLINE), 1u);
-    EXPECT_EQ(log.count("Heartbeat timeout = 127.0.0.1"), 1);
-    EXPECT_EQ(o.seen.count(1280), delivered);
-    expectPromptDeInit(o.server);
+        expectTimedOut(pending);
+        // Without a command connection a command fails at once and sends nothing.
+        o.head.clearCommands();
+        const auto c0 = Clock::now();
+        EXPECT_EQ(o.server.sendTrigger(), -1);
+        EXPECT_LT(msSince(c0), 500);
+        Head::Request r;
+        EXPECT_FALSE(o.head.nextCommand(r, 200));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+        EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_OFFLINE), 1u);
+        EXPECT_EQ(log.count("Heartbeat timeout = 127.0.0.1"), 1);
+        EXPECT_EQ(o.head.heartbeatsReceived() - before, beats);
+        EXPECT_EQ(o.seen.count(1280), delivered);
+        expectPromptDeInit(o.server);
+    }
 }
 
 // The four connections stand and the heartbeat starts; the ability query gets no reply.

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <thread>
 
 namespace {
 
@@ -218,29 +217,6 @@ TEST(SimDevice, StatusesPreTriggersRefusalsAndBadRequests)
     EXPECT_EQ(d.received(263), text("second"));
     EXPECT_EQ(d.receivedCount(263), 2);
     EXPECT_TRUE(d.received(265).empty());
-}
-
-TEST(SimDevice, ConcurrentCallersEachSeeTheirOwnRegister)
-{
-    ztSimDevice d;
-    std::vector<std::thread> threads;
-    std::vector<int> mismatches(3, 0);
-    for (int t = 0; t < 3; ++t)
-        threads.emplace_back([&d, &mismatches, t] {
-            const std::string name = "R" + std::to_string(t);
-            for (std::uint32_t k = 0; k < 500; ++k) {
-                const std::uint32_t v = k * 3 + static_cast<std::uint32_t>(t);
-                if (ask(d, 20, joined({name8(name), le(v)})) != statusReply(0) ||
-                    ask(d, 21, name8(name)) != valueReply(21, le(v)))
-                    ++mismatches[static_cast<std::size_t>(t)];
-            }
-        });
-    for (int k = 0; k < 500; ++k)
-        d.setStatus(999, k % 2);
-    for (auto& th : threads)
-        th.join();
-    EXPECT_EQ(mismatches, (std::vector<int>{0, 0, 0}));
-    EXPECT_EQ(d.receivedCount(20), 1500);
 }
 
 } // namespace
