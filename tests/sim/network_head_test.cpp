@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <mutex>
 
 namespace {
 
@@ -54,13 +53,6 @@ protected:
 
 TEST_F(NetworkHead, ConnectionsTakeChannelsInArrivalOrderAndStartNewSets)
 {
-    std::mutex m;
-    std::vector<std::pair<int, bool>> events;
-    head.setConnectionObserver([&](Head::Channel c, bool up, const std::string& peer) {
-        std::lock_guard<std::mutex> lock(m);
-        events.emplace_back(c, up);
-        EXPECT_EQ(peer.rfind("127.0.0.1:", 0), 0u) << peer;
-    });
     for (int i = 0; i < 4; ++i) {
         ASSERT_TRUE(p[i].connect());
         ASSERT_TRUE(head.waitConnected(Head::Channel(i), 2000)) << i;
@@ -100,16 +92,6 @@ TEST_F(NetworkHead, ConnectionsTakeChannelsInArrivalOrderAndStartNewSets)
     EXPECT_EQ(head.connectionsAccepted(), 7);
     EXPECT_FALSE(head.isConnected(Head::Data));
 
-    head.stop();
-    std::lock_guard<std::mutex> lock(m);
-    int ups = 0, downs = 0;
-    for (auto& e : events)
-        (e.second ? ups : downs)++;
-    EXPECT_EQ(ups, 7);
-    EXPECT_EQ(downs, 7);
-    ASSERT_GE(events.size(), 4u);
-    for (int i = 0; i < 4; ++i)
-        EXPECT_EQ(events[i], std::make_pair(i, true));
 }
 
 TEST_F(NetworkHead, CommandsAreCutFromTheStreamAndAnsweredFromTheTableOrTheDevice)
