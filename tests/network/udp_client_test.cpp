@@ -146,9 +146,7 @@ TEST(UdpClient, WithoutSocketAndBadInput)
     ztScanEmbeddedUDPClient client;
     unsigned char buf[16] = {};
     EXPECT_EQ(client.connect("127.0.0.1", kDevicePort), -1);
-    EXPECT_EQ(client.send(buf, 8), -1);
     EXPECT_EQ(client.sendn(buf, 8, buf, 16), -1);
-    EXPECT_EQ(client.recv(buf, 16), -1);
     EXPECT_TRUE(log.lines().empty());
 
     ASSERT_EQ(client.init(), 0);

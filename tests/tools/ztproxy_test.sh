@@ -196,8 +196,6 @@ usb() {
         "${usb[@]}" getSETFile 1 --save "$tmp/set"
     [ "$(wc -c <"$tmp/set")" -eq 28 ] && grep -aq "SET file" "$tmp/set" ||
         failed "getSETFile --save: the file does not hold the SET file"
-    expect_json "usb json ability" 'd["command"] == "getDeviceAbilityInfo" and d["result"] == 0 and d["ability.productType"] == 42' \
-        "${usb[@]}" --json getDeviceAbilityInfo
     run "$ztproxy" usb --vid 0x1234 --pid 0x5678 sendTrigger
     [ $rc -eq 3 ] && [ "$(wc -l <"$tmp/err")" -eq 1 ] && grep -q "^ztproxy: no USB device 1234:5678" "$tmp/err" &&
         [ ! -s "$tmp/out" ] || failed "usb without such a device: exit $rc, expected 3 and one line"
@@ -236,9 +234,8 @@ LIST
         { echo "FAIL: the head did not see one host per command"; cat "$tmp/head"; fail=1; }
 }
 
-# A head that takes one connection and then none: the host's connect times out (3 s), and
-# Ctrl-C while connecting lets the connect finish, sends nothing and exits 130. Without a
-# module the host never registers.
+# A head that takes one connection and then none: Ctrl-C while connecting lets the connect
+# finish, sends nothing and exits 130. Without a module the host never registers.
 offline() {
     start_listening stuck python3 -c '
 import socket, time
@@ -249,8 +246,6 @@ s.listen(0)
 print("listening", flush=True)
 time.sleep(120)'
     local stuck=$bg host=("$ztproxy" --log-level off net --local 127.0.0.1 --remote 127.0.0.1)
-    run "${host[@]}" sendTrigger
-    expect_one_line "head not online" 3 "ztproxy: no network head came online at 127.0.0.1:42001 (from 127.0.0.1, init returned 205)"
     "${host[@]}" sendTrigger </dev/null >"$tmp/out" 2>"$tmp/err" &
     local tool=$!
     # Interrupted once its connect is under way.
