@@ -4,6 +4,7 @@
 #include "support/fault_scenario.h"
 #include "support/log_capture.h"
 #include "support/module_session.h"
+#include "support/tcp_unread.h"
 
 #include <gtest/gtest.h>
 
@@ -287,7 +288,7 @@ TEST(HostSession, CutOffAndOversizeNotificationsRefusedArgumentsAndAShortSend)
     const std::string body(1000, 'n');
     const auto cut = proxyMessage(1, 0x40001, body.data(), static_cast<int>(body.size()));
     ASSERT_TRUE(m.data.sendBytes(cut.data(), 400));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // read by the host's 1 ms receive loop
+    ASSERT_TRUE(tcpInputTaken());
     m.cmd.close();
     m.data.close();
     m.host.releaseClientSignal();

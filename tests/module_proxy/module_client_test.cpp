@@ -6,6 +6,7 @@
 #include "support/fault_scenario.h"
 #include "support/log_capture.h"
 #include "support/module_session.h"
+#include "support/tcp_unread.h"
 
 #include <gtest/gtest.h>
 
@@ -145,10 +146,8 @@ TEST(ModuleProxyClient, RequestsArriveOnceInOrderCoalescedOrSplit)
     // Split over three writes: handed on once, after its last byte.
     const std::string text(1000, 'q');
     const auto split = proxyMessage(3, 0x30002, text.data(), static_cast<int>(text.size()));
-    ASSERT_TRUE(module.cmd.sendBytes(split.data(), 10));
-    std::this_thread::sleep_for(std::chrono::milliseconds(60));
-    ASSERT_TRUE(module.cmd.sendBytes(split.data() + 10, 500));
-    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    ASSERT_TRUE(module.cmd.sendBytes(split.data(), 10) && tcpInputTaken());
+    ASSERT_TRUE(module.cmd.sendBytes(split.data() + 10, 500) && tcpInputTaken());
     EXPECT_EQ(module.pending(), 0u);
     ASSERT_TRUE(module.cmd.sendBytes(split.data() + 510, split.size() - 510));
     ASSERT_TRUE(module.next(a, 3000));

@@ -4,6 +4,7 @@
 #include "network/online.h"
 #include "support/log_capture.h"
 #include "support/noise.h"
+#include "support/tcp_unread.h"
 
 #include <cstring>
 
@@ -32,7 +33,7 @@ TEST(EmbeddedInbound, CommandDataMessagesOnePerRoundAndThe160ByteRule)
     // eight whole messages of the 160 bytes arrive.
     const auto half = Head::message(302, "0123456789", 10);
     o.head.sendBytes(Head::CommandData, half.data(), 9);
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    ASSERT_TRUE(tcpInputTaken());
     std::vector<char> block;
     for (unsigned short t = 310; t < 318; ++t)
         block = joined({block, Head::message(t, "012345678901", 12)});
@@ -112,7 +113,7 @@ TEST(EmbeddedInbound, WholeReceivesOf100Or160BytesAndTheDecoderReset)
     o.server.resetQlensNetProto(); // idle: harmless
     const auto good = streamPacket(300, 'z');
     o.head.sendBytes(Head::Data, good.data(), 200);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_TRUE(tcpInputTaken());
     o.server.resetQlensNetProto();
     o.head.sendBytes(Head::Data, good.data() + 200, good.size() - 200);
     send(o.head, Head::Data, good);
@@ -124,7 +125,7 @@ TEST(EmbeddedInbound, WholeReceivesOf100Or160BytesAndTheDecoderReset)
     for (std::size_t i = 77; i + 1 < big.size(); ++i)
         big[i] = static_cast<char>(i * 7);
     o.head.sendBytes(Head::Data, big.data(), 250000);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_TRUE(tcpInputTaken());
     o.server.resetQlensNetProto();
     o.head.sendBytes(Head::Data, big.data() + 250000, big.size() - 250000);
     send(o.head, Head::Data, big);
@@ -176,7 +177,7 @@ TEST(EmbeddedInbound, HostileHeadNeitherCrashesNorWedgesTheServer)
     const std::uint32_t twoGiB = 0x7FFFFFF0;
     std::memcpy(bogus.data() + 1, &twoGiB, 4);
     send(o.head, Head::CommandData, joined({bogus, Head::message(401, "lost", 4)}));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_TRUE(tcpInputTaken());
     send(o.head, Head::CommandData, Head::message(402, "ok", 2));
     EXPECT_EQ(o.seen.waitCount(402, 1, 3000), 1u);
     EXPECT_EQ(o.seen.order({400, 401}).size(), 0u);

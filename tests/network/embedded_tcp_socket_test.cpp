@@ -3,6 +3,7 @@
 #include "network/EmbeddedTcpSocket.h"
 #include "platform/zt_time.h"
 #include "support/log_capture.h"
+#include "support/tcp_unread.h"
 
 #include <gtest/gtest.h>
 
@@ -38,7 +39,7 @@ TEST(EmbeddedTcpSocket, SendnAssemblesSplitRepliesDropsTheRestAndTimesOut)
     std::thread answer([&] {
         EXPECT_EQ(l.peer.readBytes(8, 3000), kRequest);
         l.peer.sendBytes(reply.data(), 5);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_TRUE(zt::test::tcpInputTaken());
         // The rest, then the start of a message that is discarded.
         l.peer.sendBytes(joined({std::vector<char>(reply.begin() + 5, reply.end()), std::vector<char>(next.begin(), next.begin() + 6)}));
         EXPECT_EQ(l.peer.readBytes(8, 3000), kRequest);
