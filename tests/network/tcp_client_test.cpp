@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
@@ -120,6 +124,34 @@ TEST(TcpClient, BlocksInOrderConcurrentSendersReconnectOnSendAndTeardownWhileRec
     EXPECT_TRUE(rec.waitFor([&] { return rec.blocks.back() == "3"; }));
     // Destruction while the receiver waits in a receive that the server never ends.
     expectPromptTeardown(client, rec);
+}
+
+// A connection the server resets is a receive error: reported once through the error
+// callback and the log, not as a close.
+TEST(TcpClient, ResetConnectionIsAReceiveError)
+{
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    ASSERT_TRUE(::bind(listener, reinterpret_cast<sockaddr*>(&a), len) == 0 && ::listen(listener, 1) == 0 &&
+                ::getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len) == 0);
+    CaptureStdout();
+    auto client = std::make_shared<net::TcpClient>("127.0.0.1", ntohs(a.sin_port));
+    GetCapturedStdout();
+    Recorder rec(*client);
+    const int peer = ::accept(listener, nullptr, nullptr);
+    const linger abort{1, 0};
+    ASSERT_EQ(::setsockopt(peer, SOL_SOCKET, SO_LINGER, &abort, sizeof abort), 0);
+    CaptureStderr();
+    ::close(peer);
+    ::close(listener);
+    EXPECT_TRUE(rec.waitFor([&] { return rec.errors == 1; }));
+    EXPECT_TRUE(rec.connections.empty());
+    client.reset();
+    EXPECT_EQ(GetCapturedStderr(), "net::TcpClient: recvThreadFunc:recv error!\n");
+    EXPECT_EQ(rec.errors, 1);
 }
 
 } // namespace
