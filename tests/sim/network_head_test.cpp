@@ -185,18 +185,15 @@ TEST_F(NetworkHead, PushedPacketsHaveTheirExactBytesAndHostBytesAreKept)
 
 TEST_F(NetworkHead, StreamsDeliverCountTimesTheUnitAtTheAskedRate)
 {
-    Bytes payload(1000);
-    for (std::size_t i = 0; i < payload.size(); ++i)
-        payload[i] = static_cast<char>(i);
-    const Bytes unit = Head::message(700, payload.data(), payload.size());
+    const Bytes unit = Head::message(700, "unit", 4);
     // Started before the data connection exists: it waits for it.
     head.startStream(Head::Data, unit, 500, 0);
     EXPECT_FALSE(head.waitStreamDone(100));
     connectAll();
-    const Bytes got = p[1].readBytes(500 * unit.size(), 5000);
-    ASSERT_EQ(got.size(), 500 * unit.size());
-    for (std::size_t k = 0; k < 500; ++k)
-        ASSERT_TRUE(std::equal(unit.begin(), unit.end(), got.begin() + k * unit.size())) << "unit " << k;
+    Bytes all;
+    for (int k = 0; k < 500; ++k)
+        all = joined({all, unit});
+    EXPECT_EQ(p[1].readBytes(all.size(), 5000), all);
     EXPECT_TRUE(head.waitStreamDone(2000));
     EXPECT_EQ(head.streamedBytes(), 500 * unit.size());
     EXPECT_TRUE(p[1].quiet(200));
@@ -215,9 +212,7 @@ TEST_F(NetworkHead, StreamsDeliverCountTimesTheUnitAtTheAskedRate)
         for (std::size_t n = 1; n > 0; seen += n)
             n = p[1].readFor(300).size();
     });
-    const auto t1 = Clock::now();
-    while (head.streamedBytes() < 100 * unit.size() && msSince(t1) < 5000)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_TRUE(zt::test::waitUntil(5000, [&] { return head.streamedBytes() >= 100 * unit.size(); }));
     head.stopStream();
     EXPECT_TRUE(head.waitStreamDone(0));
     reader.join();
@@ -233,10 +228,8 @@ TEST_F(NetworkHead, StopWithBusyConnectionsReturnsPromptlyAndTheHeadStartsAgain)
     ASSERT_TRUE(p[0].sendBytes(kTrigger));
     // A stream that the host never reads: its writes block.
     head.startStream(Head::Data, Bytes(1 << 20, 'x'), 0, 0);
-    const auto t0 = Clock::now();
-    while (head.streamedBytes() < (1u << 20) && msSince(t0) < 2000)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_TRUE(zt::test::waitUntil(2000, [&] { return head.streamedBytes() >= (1u << 20); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200)); // the next write blocks
     const auto t1 = Clock::now();
     head.stop();
     EXPECT_LT(msSince(t1), 1000);
