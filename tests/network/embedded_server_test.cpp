@@ -182,55 +182,6 @@ TEST(EmbeddedServerDeathTest, DestroyedFromItsOwnWorkerAborts)
         "ztEmbeddedModuleProxyServer destroyed from its own data callback: not supported");
 }
 
-TEST(EmbeddedServer, CommandExchangeReplyRules)
-{
-    LogCapture log;
-    ztEmbeddedModuleProxyServer unconnected;
-    EXPECT_EQ(unconnected.sendTrigger(), -1); // no command connection: nothing sent, no log
-    EXPECT_EQ(log.lines().size(), 0u);
-
-    Online o;
-    o.start();
-    o.head.clearCommands();
-    // Any status of 0 or more is success on this link; a negative one fails.
-    for (int status : {-5, 0, 3}) {
-        o.head.setStatusReply(13, status);
-        EXPECT_EQ(o.server.sendTrigger(), status < 0 ? -1 : 0) << status;
-    }
-    Head::Request r;
-    ASSERT_TRUE(o.head.nextCommand(r, 1000));
-    EXPECT_EQ(r.type, 13);
-    EXPECT_EQ(str(r.payload), std::string("\x01\x00\x00\x00", 4));
-    // A reply of another form, or a status reply without a status, fails.
-    o.head.setEchoReply(13, {0, 0, 0, 0});
-    EXPECT_EQ(o.server.sendTrigger(), -1);
-    o.head.setRawReply(13, Head::message(0, nullptr, 0));
-    EXPECT_EQ(o.server.sendTrigger(), -1);
-
-    // A value reply fills the caller's values.
-    o.head.setEchoReply(276, Head::valuePayload(0x07030400));
-    int v[4] = {-1, -1, -1, -1};
-    EXPECT_EQ(o.server.getRKProgramVersion(&v[0], &v[1], &v[2], &v[3]), 0);
-    EXPECT_EQ((std::vector<int>{v[0], v[1], v[2], v[3]}), (std::vector<int>{7, 3, 4, 0}));
-    // The ability record: a non-zero status is returned as it is, type 0 leaves the record.
-    DeviceAbilityInfo info{};
-    info.productType = 99;
-    o.head.setEchoReply(345, std::vector<char>{'\xFD', '\xFF', '\xFF', '\xFF'});
-    EXPECT_EQ(o.server.getDeviceAbilityInfo(&info), -3);
-    EXPECT_EQ(log.count("ztEmbeddedModuleProxyServer::getDeviceAbilityInfo, reply = -3"), 1);
-    o.head.setStatusReply(345, 0);
-    EXPECT_EQ(o.server.getDeviceAbilityInfo(&info), 0);
-    EXPECT_EQ(info.productType, 99u);
-    EXPECT_EQ(log.count("ztEmbeddedModuleProxyServer::getDeviceAbilityInfo, msgType is 0"), 1);
-    auto record = Head::defaultAbility();
-    record[0] = 0xABC;
-    o.head.setEchoReply(345, Head::abilityPayload(record, true));
-    EXPECT_EQ(o.server.getDeviceAbilityInfo(&info), 0);
-    EXPECT_EQ(info.abilityHeader, 0xABCu);
-    EXPECT_EQ(info.productType, Head::kDefaultProductType);
-    EXPECT_EQ(info.ability5, 5u);
-}
-
 // The star packets for light-pen control and firmware version selection, byte for byte:
 // "*", the four characters of the device id (0xFF each when the id is shorter), the data,
 // then the trailer key 6 7, 0xFF, "#". The builders send nothing.
