@@ -4,46 +4,20 @@
 #include "network/online.h"
 #include "support/log_capture.h"
 
-#include <atomic>
-#include <functional>
 #include <future>
 
 using namespace zt::test;
 
 namespace {
 
-// Allowance on top of a nominal duration for a loaded machine (parallel tests,
-// sanitizers); bounds then still tell a time-out from a wedge.
-constexpr long long kSlackMs = 3000;
-// A command's reply window.
-constexpr long long kReplyWindowMs = 5000;
+// Allowance on top of a nominal duration for a loaded machine; bounds then still tell a
+// time-out from a wedge.
+constexpr long kSlackMs = 3000;
+constexpr long kReplyWindowMs = 5000;
 const char* const kTriggerFailed = "ztEmbeddedModuleProxyServer [sendTrigger] zmq_send failed!\r\n";
 
-// Runs a command back to back on its own thread until finished, counting the results.
-struct Commander {
-    std::atomic<bool> stop{false};
-    std::atomic<int> ok{0}, failed{0};
-    std::thread thread;
-    explicit Commander(std::function<int()> command)
-        : thread([this, command] {
-              while (!stop) {
-                  ++(command() == 0 ? ok : failed);
-                  std::this_thread::sleep_for(std::chrono::milliseconds(1));
-              }
-          })
-    {
-    }
-    ~Commander() { finish(); }
-    void finish()
-    {
-        stop = true;
-        if (thread.joinable())
-            thread.join();
-    }
-};
-
 // A trigger sent on a thread of its own: its result and how long it took.
-std::future<std::pair<int, long long>> triggerInFlight(ztEmbeddedModuleProxyServer& server)
+std::future<std::pair<int, long>> triggerInFlight(ztEmbeddedModuleProxyServer& server)
 {
     return std::async(std::launch::async, [&server] {
         const auto t0 = Clock::now();
@@ -53,7 +27,7 @@ std::future<std::pair<int, long long>> triggerInFlight(ztEmbeddedModuleProxyServ
 }
 
 // A command that got no reply: -1 after its 5 s window, not earlier.
-void expectTimedOut(std::future<std::pair<int, long long>>& command)
+void expectTimedOut(std::future<std::pair<int, long>>& command)
 {
     const auto [result, took] = command.get();
     EXPECT_EQ(result, -1);
@@ -76,7 +50,10 @@ void expectPromptDeInit(ztEmbeddedModuleProxyServer& server)
     EXPECT_FALSE(server.isConnected());
 }
 
-TEST(NetworkFaults, DataOrLightPenConnectionClosedLeavesTheRestWorking)
+// Only the heartbeat on the command-data connection decides that the head is gone: closing
+// the data and light-pen connections, then the command connection with a command in
+// flight, leaves the stream's delivered units, the other commands and the head online.
+TEST(NetworkFaults, DataLightPenOrCommandConnectionClosedLeavesTheRestWorking)
 {
     LogCapture log;
     Online o;
@@ -86,7 +63,9 @@ TEST(NetworkFaults, DataOrLightPenConnectionClosedLeavesTheRestWorking)
     o.head.sendBytes(Head::LightPen, "pen;", 4);
     ASSERT_GE(o.seen.waitCount(1280, 20, 3000), 20u);
     ASSERT_EQ(o.seen.waitCount(ZT_CODE_LIGHTPEN_DATA, 1, 3000), 1u);
-    Commander commands([&] { return o.server.sendTrigger(); });
+    Traffic traffic;
+    auto& triggers = traffic.add([&] { return o.server.sendTrigger() == 0; }, 1);
+    const int beatsBefore = o.head.heartbeatsReceived();
     o.head.closeChannel(Head::Data);
     o.head.closeChannel(Head::LightPen);
     // Every unit written whole before the close arrives, nothing after it: the stream
@@ -106,37 +85,12 @@ TEST(NetworkFaults, DataOrLightPenConnectionClosedLeavesTheRestWorking)
     EXPECT_GE(log.count("ztEmbeddedModuleProxyServer [sendData] zmq_send failed!\r\n"), 1);
     std::string got;
     EXPECT_EQ(o.server.recvOnceData(got), -1);
+    traffic.stop();
+    EXPECT_GT(triggers.ok, 0);
+    EXPECT_EQ(triggers.ok, triggers.calls);
 
-    // Longer than the five silent beats that would take the head offline: only the
-    // heartbeat decides that, and it is still answered.
-    const int beatsBefore = o.head.heartbeatsReceived();
-    std::this_thread::sleep_for(std::chrono::milliseconds(3000));
-    EXPECT_EQ(o.seen.count(1280), units);
-    EXPECT_GE(o.head.heartbeatsReceived() - beatsBefore, 5);
-    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_OFFLINE), 0u);
-    EXPECT_EQ(o.seen.count(ZT_CODE_LIGHTPEN_DATA), 1u);
-    EXPECT_TRUE(o.server.isConnected());
-    commands.finish();
-    EXPECT_GT(commands.ok, 0);
-    EXPECT_EQ(commands.failed, 0);
-    for (const auto& p : o.seen.payloads(1280))
-        ASSERT_EQ(p, payloadOf(unit));
-    // The host still holds all four connections, so init reconnects nothing.
-    EXPECT_EQ(o.server.init(kIP, kIP, "SN-F"), 0);
-    EXPECT_EQ(o.head.connectionsAccepted(), 4);
-    EXPECT_FALSE(o.head.isConnected(Head::Data));
-    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 1u);
-    expectPromptDeInit(o.server);
-}
-
-TEST(NetworkFaults, CommandConnectionClosedWithACommandInFlight)
-{
-    LogCapture log;
-    Online o;
-    o.start();
-    const auto unit = streamPacket();
-    const std::size_t total = 400;
-    o.head.startStream(Head::Data, unit, total, 300000);
+    // The command connection closes under a command: it times out, and so does every
+    // later one until a send meets the head's reset and fails at once.
     o.head.clearCommands();
     o.head.setReplyDelay(1000);
     auto first = triggerInFlight(o.server);
@@ -146,9 +100,6 @@ TEST(NetworkFaults, CommandConnectionClosedWithACommandInFlight)
     o.head.closeChannel(Head::Command);
     expectTimedOut(first);
     EXPECT_EQ(log.count(kTriggerFailed), 1);
-
-    // Every later command fails too, none waiting longer than its time-out; once the
-    // closed connection has answered a send with a reset, the send itself fails at once.
     bool failedAtOnce = false;
     for (int i = 0; i < 3 && !failedAtOnce; ++i) {
         const auto t0 = Clock::now();
@@ -159,59 +110,76 @@ TEST(NetworkFaults, CommandConnectionClosedWithACommandInFlight)
     EXPECT_TRUE(failedAtOnce);
     EXPECT_TRUE(log.waitFor("sendn: time = ", 100));
 
-    // The head is not given up for a failed command: the stream arrives whole and the
-    // heartbeat keeps it online; init sees four connections and makes none.
-    ASSERT_TRUE(o.head.waitStreamDone(10000));
-    EXPECT_EQ(o.seen.waitCount(1280, total, 3000), total);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(o.seen.count(1280), total);
-    EXPECT_TRUE(o.server.isConnected());
+    // All that took longer than the five silent beats that would take the head offline.
+    EXPECT_GE(o.head.heartbeatsReceived() - beatsBefore, 5);
+    EXPECT_EQ(o.seen.count(1280), units);
     EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_OFFLINE), 0u);
+    EXPECT_EQ(o.seen.count(ZT_CODE_LIGHTPEN_DATA), 1u);
+    EXPECT_TRUE(o.server.isConnected());
+    for (const auto& p : o.seen.payloads(1280))
+        ASSERT_EQ(p, payloadOf(unit));
+    // The host still holds all four connections, so init reconnects nothing.
     EXPECT_EQ(o.server.init(kIP, kIP, "SN-F"), 0);
     EXPECT_EQ(o.head.connectionsAccepted(), 4);
+    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 1u);
     EXPECT_EQ(o.server.sendTrigger(), -1);
     expectPromptDeInit(o.server);
 }
 
-TEST(NetworkFaults, CommandDataConnectionClosedTakesTheHeadOfflineOnce)
+// A head whose heartbeat connection falls silent, or closes, with the stream running and a
+// command in flight: offline once, after five missed beats and the 500 ms release; the
+// command ends by its own time-out; every connection is closed and nothing more arrives.
+TEST(NetworkFaults, SilentOrClosedHeartbeatConnectionTakesTheHeadOfflineOnce)
 {
-    LogCapture log;
-    Online o;
-    o.start();
-    o.head.startStream(Head::Data, streamPacket(), 0, 300000);
-    ASSERT_GE(o.seen.waitCount(1280, 10, 3000), 10u);
-    // A command that the head leaves unanswered is in flight across the offline: it ends
-    // by its own time-out although its connection is closed under it.
-    o.head.setNoReply(13);
-    auto pending = triggerInFlight(o.server);
-    const auto t0 = Clock::now();
-    o.head.closeChannel(Head::CommandData);
+    for (const bool closed : {false, true}) {
+        SCOPED_TRACE(closed ? "closed" : "silent");
+        LogCapture log;
+        Online o;
+        o.start();
+        o.head.startStream(Head::Data, streamPacket(), 0, 300000);
+        ASSERT_GE(o.seen.waitCount(1280, 10, 3000), 10u);
+        o.head.setNoReply(13);
+        auto pending = triggerInFlight(o.server);
+        o.waitForBeat();
+        const int before = o.head.heartbeatsReceived();
+        const auto t0 = Clock::now();
+        if (closed)
+            o.head.closeChannel(Head::CommandData);
+        else
+            o.head.setAnswerHeartbeats(false);
 
-    ASSERT_EQ(o.seen.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 10000), 1u);
-    EXPECT_GE(msSince(t0), 2400);
-    EXPECT_LT(msSince(t0), 3000 + kSlackMs);
-    EXPECT_FALSE(o.server.isConnected());
-    EXPECT_TRUE(log.waitFor("Heartbeat timeout = 127.0.0.1", 1000));
-    // The release closed every connection, and the receivers ended: nothing more arrives.
-    for (auto c : {Head::Command, Head::Data, Head::LightPen})
-        EXPECT_TRUE(o.head.waitDisconnected(c, 2000)) << c;
-    const std::size_t delivered = o.seen.count(1280);
+        ASSERT_EQ(o.seen.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 10000), 1u);
+        EXPECT_GE(msSince(t0), closed ? 2400 : 2900);
+        EXPECT_LT(msSince(t0), 3000 + kSlackMs);
+        EXPECT_FALSE(o.server.isConnected());
+        EXPECT_TRUE(log.waitFor("Heartbeat timeout = 127.0.0.1", 1000));
+        for (auto c : {Head::Command, Head::Data, Head::CommandData, Head::LightPen})
+            EXPECT_TRUE(o.head.waitDisconnected(c, 2000)) << c;
+        const std::size_t delivered = o.seen.count(1280);
+        const int beats = o.head.heartbeatsReceived() - before;
+        EXPECT_TRUE(closed || beats == 5) << beats << " beats unanswered";
 
-    expectTimedOut(pending);
-    // Without a command connection a command fails at once and sends nothing.
-    o.head.clearCommands();
-    const auto c0 = Clock::now();
-    EXPECT_EQ(o.server.sendTrigger(), -1);
-    EXPECT_LT(msSince(c0), 500);
-    Head::Request r;
-    EXPECT_FALSE(o.head.nextCommand(r, 200));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_OFFLINE), 1u);
-    EXPECT_EQ(log.count("Heartbeat timeout = 127.0.0.1"), 1);
-    EXPECT_EQ(o.seen.count(1280), delivered);
-    expectPromptDeInit(o.server);
+        expectTimedOut(pending);
+        // Without a command connection a command fails at once and sends nothing.
+        o.head.clearCommands();
+        const auto c0 = Clock::now();
+        EXPECT_EQ(o.server.sendTrigger(), -1);
+        EXPECT_LT(msSince(c0), 500);
+        Head::Request r;
+        EXPECT_FALSE(o.head.nextCommand(r, 200));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+        EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_OFFLINE), 1u);
+        EXPECT_EQ(log.count("Heartbeat timeout = 127.0.0.1"), 1);
+        EXPECT_EQ(o.head.heartbeatsReceived() - before, beats);
+        EXPECT_EQ(o.seen.count(1280), delivered);
+        expectPromptDeInit(o.server);
+    }
 }
 
+// The four connections stand and the heartbeat starts; the ability query gets no reply.
+// The heartbeat lapses while it waits (3 s against its 5 s) and releases the connections,
+// so the SET file queries then find no command connection; the online callback still
+// follows the offline one.
 TEST(NetworkFaults, HeadThatAcceptsAndNeverAnswers)
 {
     LogCapture log;
@@ -221,13 +189,9 @@ TEST(NetworkFaults, HeadThatAcceptsAndNeverAnswers)
     o.server.registerModuleServerDataCB(&DataCalls::cb, &o.seen);
     o.head.startStream(Head::Data, streamPacket(), 0, 300000);
 
-    // The four connections stand and the heartbeat starts; the ability query gets no
-    // reply. The heartbeat lapses while it waits (3 s against its 5 s) and releases the
-    // connections, so the SET file queries then find no command connection; the online
-    // callback still follows the offline one.
     const auto t0 = Clock::now();
     EXPECT_EQ(o.server.init(kIP, kIP, "SN-F"), 0);
-    const long long took = msSince(t0);
+    const long took = msSince(t0);
     EXPECT_GE(took, 4900);
     EXPECT_EQ(o.head.connectionsAccepted(), 4);
     EXPECT_EQ(o.seen.order({ZT_CODE_DEVICE_OFFLINE, ZT_CODE_DEVICE_ONLINE}),
@@ -235,8 +199,8 @@ TEST(NetworkFaults, HeadThatAcceptsAndNeverAnswers)
     EXPECT_FALSE(o.server.isConnected());
     EXPECT_EQ(log.count("ztEmbeddedModuleProxyServer::[getDeviceAbilityInfo] zmq_send failed!"), 1);
     EXPECT_EQ(log.count("Heartbeat timeout = 127.0.0.1"), 1);
-    // The head saw the ability query first. On a machine slow enough for the lapse to
-    // come after the query's 5 s, SET file queries follow, each failing by its own window.
+    // The ability query came first. On a machine slow enough for the lapse to come after
+    // its 5 s, SET file queries follow, each failing by its own window.
     Head::Request r;
     ASSERT_TRUE(o.head.nextCommand(r, 100));
     EXPECT_EQ(r.type, 345);
@@ -281,15 +245,15 @@ TEST(NetworkFaults, GarbageAndBadTailsInsideAStreamCostOnlyThemselvesWhileComman
     o.head.startStream(Head::Data, unit, units, 200000);
     // Two callers share the command connection: each gets its own replies.
     int v[4];
-    Commander versions([&] { return programVersion(o.server, v); });
-    Commander triggers([&] { return o.server.sendTrigger(); });
+    Traffic traffic;
+    auto& versions = traffic.add([&] { return programVersion(o.server, v) == 0; }, 1);
+    auto& triggers = traffic.add([&] { return o.server.sendTrigger() == 0; }, 1);
 
     ASSERT_TRUE(o.head.waitStreamDone(15000));
     EXPECT_EQ(o.seen.waitCount(1281, units, 3000), units);
     EXPECT_EQ(o.seen.waitCount(513, units, 1000), units);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    versions.finish();
-    triggers.finish();
+    traffic.stop();
     // Exact counts: each good packet once, each bad one logged once and never delivered.
     EXPECT_EQ(o.seen.count(1280), units);
     EXPECT_EQ(o.seen.count(1281), units);
@@ -302,7 +266,7 @@ TEST(NetworkFaults, GarbageAndBadTailsInsideAStreamCostOnlyThemselvesWhileComman
     EXPECT_EQ(log.count("Decode packet tag error, tag = 55ff00cc"), static_cast<int>(units));
     EXPECT_GT(versions.ok, 10);
     EXPECT_GT(triggers.ok, 10);
-    EXPECT_EQ(versions.failed + triggers.failed, 0);
+    EXPECT_EQ(versions.ok + triggers.ok, versions.calls + triggers.calls);
     EXPECT_TRUE(o.server.isConnected());
     expectPromptDeInit(o.server);
 }
@@ -378,18 +342,17 @@ TEST(NetworkFaults, HeadRestartThenInitAgainAndANewServer)
     const auto unit = streamPacket();
     o.head.startStream(Head::Data, unit, 0, 300000);
     ASSERT_GE(o.seen.waitCount(1280, 10, 3000), 10u);
-    Commander commands([&] { return o.server.sendTrigger(); });
-    for (int i = 0; i < 1000 && commands.ok == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    Traffic traffic;
+    auto& triggers = traffic.add([&] { return o.server.sendTrigger() == 0; }, 1);
+    ASSERT_TRUE(waitUntil(5000, [&] { return triggers.ok > 0; }));
 
     // The head goes away: every connection closes and the heartbeat lapses once.
     const auto t0 = Clock::now();
     o.head.stop();
     ASSERT_EQ(o.seen.waitCount(ZT_CODE_DEVICE_OFFLINE, 1, 10000), 1u);
     EXPECT_GE(msSince(t0), 2400);
-    commands.finish();
-    EXPECT_GT(commands.ok, 0);
-    EXPECT_GT(commands.failed, 0);
+    traffic.stop();
+    EXPECT_LT(triggers.ok, triggers.calls);
     EXPECT_FALSE(o.server.isConnected());
 
     // Back again. init on the same object connects all four and comes online; commands
@@ -407,9 +370,6 @@ TEST(NetworkFaults, HeadRestartThenInitAgainAndANewServer)
     ASSERT_TRUE(o.head.nextCommand(r, 1000));
     EXPECT_EQ(r.type, 345);
     EXPECT_EQ(o.server.sendTrigger(), 0);
-    int v[4];
-    EXPECT_EQ(programVersion(o.server, v), 0);
-    EXPECT_EQ(v[3], 4);
     const int beats = o.head.heartbeatsReceived();
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));
     EXPECT_EQ(o.head.heartbeatsReceived(), beats);
@@ -433,8 +393,7 @@ TEST(NetworkFaults, HeadRestartThenInitAgainAndANewServer)
         EXPECT_GE(calls.waitCount(1280, reread + 20, 3000), reread + 20);
         EXPECT_EQ(s->sendTrigger(), 0);
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-    EXPECT_GE(o.head.heartbeatsReceived() - beats, 2);
+    EXPECT_TRUE(waitUntil(3000, [&] { return o.head.heartbeatsReceived() - beats >= 2; }));
     EXPECT_TRUE(fresh.isConnected());
     EXPECT_EQ(seen.count(ZT_CODE_DEVICE_OFFLINE), 0u);
     expectPromptDeInit(fresh);

@@ -1,9 +1,6 @@
-// The module proxy when one end's process dies or floods: the module process killed in the
-// middle of a request and started again, the host process killed while the module waits
-// for a file answer, and a module process flooding the host with notifications while the
-// host makes requests. The other end runs in a child process made by fork() before this
-// process starts any thread; the child starts its library objects only after the fork,
-// and ends with _exit on any failure. Every wait is bounded.
+// The module proxy when one end's process dies or floods. The other end runs in a child
+// process made by fork() before this process starts any thread; the child starts its
+// library objects only after the fork, and ends with _exit on any failure.
 #include "support/fault_scenario.h"
 #include "support/log_capture.h"
 #include "ztModuleProxyServer.h"
@@ -34,9 +31,8 @@ bool readBytes(int fd, void* p, std::size_t n, int timeoutMs)
     return ::poll(&pfd, 1, timeoutMs) == 1 && ::read(fd, p, n) == static_cast<ssize_t>(n);
 }
 
-// A child process with a pipe each way. The child runs body(in, out) and ends with
-// _exit(0); an alarm ends it should the parent never let it go, and it dies with the
-// parent.
+// A child process with a pipe each way, running body(in, out); it dies with the parent, or
+// by an alarm should the parent never let it go.
 class Child {
 public:
     template <class Body>
@@ -68,8 +64,8 @@ public:
         return readBytes(m_in, &c, 1, timeoutMs) && c == want;
     }
     int input() const { return m_in; }
-    // SIGSTOP: the child holds its connections but does nothing. Returns once every thread
-    // of the child has stopped: a stop only asked for may still let a running thread answer.
+    // The child holds its connections but does nothing; returns once every thread of it has
+    // stopped (a stop only asked for may still let a running thread answer).
     void freeze()
     {
         ::kill(m_pid, SIGSTOP);
@@ -83,8 +79,7 @@ public:
             m_pid = -1;
         }
     }
-    // Lets the child go (its input closes) and returns its exit status, or -1 when it has
-    // not ended within timeoutMs (it is then killed).
+    // Closes the child's input and returns its exit status (-1: killed after timeoutMs).
     int finish(int timeoutMs)
     {
         ::close(m_out);
@@ -104,9 +99,8 @@ private:
     int m_in = -1;
 };
 
-// Child body: waits for 'g', runs a simulated module (its ports may still be held for a
-// moment by a module just killed), reports 'r' once it listens and 's' once a host has
-// sent its register request, and serves until its input closes.
+// Child body: on 'g', runs a simulated module (its ports may still be held for a moment by
+// a module just killed); says 'r' once it listens and 's' once a host asked to register.
 void moduleProcess(int in, int out)
 {
     char c = 0;
@@ -138,17 +132,19 @@ TEST(ModuleFaults, ModuleProcessKilledMidRequestAndStartedAgain)
     EXPECT_EQ(host.heartbeat(&hb), 0);
     EXPECT_EQ(hb.deviceCount, 1);
 
-    // The module process, stopped so that it cannot answer, dies while a request waits
-    // for its reply: the request fails at the end of its 4001 ms reply window, and the
-    // failing heartbeat releases the session. (The kill leaves the connections reset,
-    // which the host's receive threads do not notice by themselves.)
+    // The module process, stopped so that it cannot answer, dies while a request waits:
+    // the request fails at the end of its 4001 ms reply window, and the failing heartbeat
+    // releases the session (the host's receive threads do not notice the reset).
     first.freeze();
-    std::atomic<long> took{0};
+    std::atomic<long> took{-1};
     std::thread request([&] {
         const auto t = Clock::now();
+        took = 0;
         EXPECT_EQ(host.heartbeat(&hb), -1);
         took = msSince(t);
     });
+    // The request is under way (its send takes no time) before the process dies.
+    EXPECT_TRUE(waitUntil(5000, [&] { return took == 0; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     first.kill();
     request.join();
@@ -159,8 +155,7 @@ TEST(ModuleFaults, ModuleProcessKilledMidRequestAndStartedAgain)
     EXPECT_EQ(host.heartbeat(&hb), -1); // the dead session, or no session at all
     EXPECT_EQ(hb.deviceCount, 42);
 
-    // A new module process: the host connects again, registers after 2000 ms, and its
-    // requests are answered.
+    // A new module process: the host connects again and registers after 2000 ms.
     ASSERT_TRUE(second.send('g') && second.expect('r', 5000));
     const auto restarted = Clock::now();
     ASSERT_TRUE(second.expect('s', 8000));
@@ -175,9 +170,8 @@ TEST(ModuleFaults, ModuleProcessKilledMidRequestAndStartedAgain)
     EXPECT_EQ(second.finish(5000), 0);
 }
 
-// Child body: waits for 'g', runs a host against the module on loopback and reports 'r'
-// once it has registered and a request to it succeeded. With answer set, it answers SET
-// file size queries with 4242; without, it leaves every query unanswered.
+// Child body: on 'g', runs a host and says 'r' once it has registered and a request
+// succeeded. With answer set, it answers SET file size queries with 4242.
 void hostProcess(int in, int out, bool answer)
 {
     char c = 0;
@@ -211,12 +205,14 @@ TEST(ModuleFaults, HostProcessKilledWhileTheModuleWaitsForAFile)
     // The host process dies while the module waits for the size: the query still waits
     // out its whole 5000 ms and fails with its log line.
     unsigned int size = 7;
-    std::atomic<long> took{0};
+    std::atomic<long> took{-1};
     std::thread query([&] {
         const auto t = Clock::now();
+        took = 0;
         EXPECT_EQ(module.client().getSETFileSize("scanner", "set-1", &size), -1);
         took = msSince(t);
     });
+    EXPECT_TRUE(waitUntil(5000, [&] { return took == 0; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     silent.kill();
     ASSERT_TRUE(answering.send('g')); // connects and registers while the query waits
@@ -245,9 +241,8 @@ std::vector<unsigned char> floodPayload(int i)
     return p;
 }
 
-// Child body: a module that, once the host has registered, sends device-data
-// notifications as fast as it can, while it answers the host's requests, until its input
-// says 's' (or kFloodCap were sent); then it reports how many it sent.
+// Child body: a module that, once the host has registered, sends device-data notifications
+// as fast as it can until its input says 's'; then it reports how many it sent.
 void floodingModule(int in, int out)
 {
     ztSimModule module;
@@ -302,8 +297,7 @@ TEST(ModuleFaults, NotificationFloodWhileRequestsAreAnswered)
     ASSERT_EQ(host.init("127.0.0.1"), 0);
     ASSERT_TRUE(host.waitRegistered(8000) && waitUntil(8000, [&] { return flood.next > 100; }));
 
-    // Requests in the middle of the flood (it goes on until it is told to stop): every one
-    // has its reply.
+    // Requests in the middle of the flood: every one has its reply.
     int answered = 0;
     for (int i = 0; i < 100; ++i) {
         std::string version;
@@ -315,10 +309,8 @@ TEST(ModuleFaults, NotificationFloodWhileRequestsAreAnswered)
     EXPECT_LT(sent, kFloodCap) << "the flood ended before the requests";
     ASSERT_TRUE(waitUntil(60000, [&] { return flood.next >= sent; }));
     EXPECT_EQ(flood.wrong, 0);
-    // Most of a GiB went through; what the host holds does not grow with it: its receive
-    // queue stops taking bytes at the largest message (200 MiB), and how much of that a
-    // loaded machine fills depends on how far the callback lags. (Sanitizer builds keep
-    // freed memory in quarantine.)
+    // What the host holds does not grow with the flood: its receive queue stops taking
+    // bytes at the largest message (200 MiB). Sanitizer builds keep freed memory.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     EXPECT_LT(residentKiB() - rssBefore, 256 * 1024);
 #endif

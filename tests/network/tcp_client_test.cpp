@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
@@ -79,7 +83,7 @@ TEST(TcpClient, NoServerParksTheReceiverAndTearsDown)
     EXPECT_EQ(GetCapturedStderr(), "net::TcpClient: Can not connect to server: 127.0.0.1:" + std::to_string(port) + "\n");
 }
 
-TEST(TcpClient, BlocksInOrderReconnectOnSendAndTeardownWhileReceiving)
+TEST(TcpClient, BlocksInOrderConcurrentSendersReconnectOnSendAndTeardownWhileReceiving)
 {
     RawListener l;
     ASSERT_TRUE(l.listen(0));
@@ -95,6 +99,19 @@ TEST(TcpClient, BlocksInOrderReconnectOnSendAndTeardownWhileReceiving)
     }
     EXPECT_EQ(rec.blocks, (std::vector<std::string>{"one", "two"}));
 
+    // Two senders at once, the echo read back by the receiver: every byte once.
+    std::thread echo([&] { peer.sendBytes(peer.readBytes(20000, 5000)); });
+    auto sender = [&](char c) {
+        for (int i = 0; i < 200; ++i)
+            EXPECT_EQ(client->send(std::string(50, c)), 50);
+    };
+    std::thread a(sender, 'a'), b(sender, 'b');
+    a.join();
+    b.join();
+    echo.join();
+    ASSERT_TRUE(rec.waitFor([&] { return rec.bytes == 20006; }));
+    EXPECT_EQ(rec.aCount, 10000u);
+
     // The server closes: reported once; the next send connects again before sending.
     peer.close();
     ASSERT_TRUE(rec.waitFor([&] { return rec.connections.size() == 1; }));
@@ -109,28 +126,32 @@ TEST(TcpClient, BlocksInOrderReconnectOnSendAndTeardownWhileReceiving)
     expectPromptTeardown(client, rec);
 }
 
-TEST(TcpClient, ConcurrentSendersAndReceiver)
+// A connection the server resets is a receive error: reported once through the error
+// callback and the log, not as a close.
+TEST(TcpClient, ResetConnectionIsAReceiveError)
 {
-    RawListener l;
-    ASSERT_TRUE(l.listen(0));
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    ASSERT_TRUE(::bind(listener, reinterpret_cast<sockaddr*>(&a), len) == 0 && ::listen(listener, 1) == 0 &&
+                ::getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len) == 0);
     CaptureStdout();
-    auto client = std::make_shared<net::TcpClient>("127.0.0.1", l.port());
+    auto client = std::make_shared<net::TcpClient>("127.0.0.1", ntohs(a.sin_port));
     GetCapturedStdout();
     Recorder rec(*client);
-    RawConnection peer;
-    ASSERT_TRUE(l.accept(peer, 2000));
-    std::thread echo([&] { peer.sendBytes(peer.readBytes(20000, 5000)); });
-    auto sender = [&](char c) {
-        for (int i = 0; i < 200; ++i)
-            EXPECT_EQ(client->send(std::string(50, c)), 50);
-    };
-    std::thread a(sender, 'a'), b(sender, 'b');
-    a.join();
-    b.join();
-    echo.join();
-    ASSERT_TRUE(rec.waitFor([&] { return rec.bytes == 20000; }));
-    EXPECT_EQ(rec.aCount, 10000u);
-    client.reset(); // before the recorder goes
+    const int peer = ::accept(listener, nullptr, nullptr);
+    const linger abort{1, 0};
+    ASSERT_EQ(::setsockopt(peer, SOL_SOCKET, SO_LINGER, &abort, sizeof abort), 0);
+    CaptureStderr();
+    ::close(peer);
+    ::close(listener);
+    EXPECT_TRUE(rec.waitFor([&] { return rec.errors == 1; }));
+    EXPECT_TRUE(rec.connections.empty());
+    client.reset();
+    EXPECT_EQ(GetCapturedStderr(), "net::TcpClient: recvThreadFunc:recv error!\n");
+    EXPECT_EQ(rec.errors, 1);
 }
 
 } // namespace

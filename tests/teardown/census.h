@@ -1,6 +1,5 @@
-// What a teardown may leave behind: the threads and open descriptors of this process, and
-// a runner that repeats one bring-up and teardown on several lanes at once, checking after
-// every round that both counts are back where they started.
+// The threads and open descriptors of this process, and a runner that repeats a bring-up
+// and teardown on several lanes at once, checking after each round that both are as before.
 #pragma once
 
 #include "support/fault_scenario.h"
@@ -15,8 +14,7 @@
 
 namespace zt::test {
 
-// What a loaded machine adds to the time bounds of a teardown: the tests run in parallel
-// with others.
+// What a loaded machine adds to the time bounds of a teardown.
 constexpr long kAllowanceMs = 2000 + kSanitizerSlackMs;
 
 struct Census {
@@ -37,10 +35,9 @@ struct Census {
     std::string text() const { return std::to_string(threads) + " threads, " + std::to_string(fds) + " descriptors"; }
 };
 
-// Runs iteration(lane, round) on `lanes` threads at once, `rounds` times; every lane first
-// runs prepare(lane) on its own thread. After each round, with all lanes waiting, the
-// counts must come back to those taken before the first round: a joined thread leaves
-// /proc a moment after its join, so they are waited for (3 s at most).
+// Runs iteration(lane, round) on `lanes` threads, `rounds` times, after prepare(lane) on
+// each. After each round the counts must come back (within 3 s: a joined thread leaves
+// /proc a moment after its join) to those taken before the first.
 inline void runRounds(int lanes, int rounds, const std::function<void(int lane, int round)>& iteration,
                       const std::function<bool(int lane)>& prepare = {})
 {

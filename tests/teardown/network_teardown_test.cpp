@@ -1,10 +1,6 @@
-// Teardown of the classes that own threads and talk over TCP. Under load: each is brought
-// up against its peer, traffic runs from other threads, and deInit (or the destructor
-// alone) must return within the time its threads need to notice the stop, leaving no
-// thread and no descriptor behind; repeated on parallel lanes, the module proxy lanes each
-// in a network namespace of their own (its ports are fixed), the device server lanes each
-// on a loopback address of their own. With a silent peer: the module proxy's far end stays
-// connected and says nothing.
+// Teardown of the classes that own threads and talk over TCP, under load on parallel lanes
+// (the module proxy's in network namespaces of their own, its ports being fixed; the device
+// server's on loopback addresses of their own), and with a peer that says nothing.
 #include "census.h"
 #include "host_peer.h"
 #include "support/log_capture.h"
@@ -41,8 +37,7 @@ bool privateNetwork(int)
 }
 
 // The host stops its process thread within 1 ms, its connect thread within one 200 ms
-// round and its data receive at once (its socket is shut down); the sockets go once the
-// request in flight has its reply, which the module sends at once.
+// round and its data receive at once (its socket is shut down).
 TEST(Teardown, ModuleProxyServerWithNotificationsAndRequestsInFlight)
 {
     std::atomic<int> answered{0};
@@ -104,10 +99,9 @@ TEST(Teardown, ModuleProxyClientWithRequestsNotificationsAndQueriesInFlight)
     EXPECT_GE(replies, kLanes * kRounds * 3);
 }
 
-// The device server's receive threads notice the stop within their rounds (at most the
-// 500 ms heartbeat), release waits its 500 ms, and a command in flight, its connection
-// gone, polls out its 5000 ms reply window. Without one, the destructor joins the
-// heartbeat and light-pen threads after at most one more heartbeat period.
+// The device server's receivers notice the stop within a 500 ms round, release waits 500 ms,
+// and a command in flight polls out its 5000 ms reply window; without one, the destructor
+// joins the heartbeat and light-pen threads within one more heartbeat period.
 TEST(Teardown, EmbeddedServerWithStreamAndCommandsInFlight)
 {
     std::atomic<int> commands{0};
@@ -165,10 +159,10 @@ TEST(SilentPeer, ModuleProxyBothEnds)
     returnsWithin(1000 + kAllowanceMs, "ztModuleProxyClient destructor with a silent host", [&] { module.reset(); });
 }
 
-// A module whose host connected, then stopped reading, while one thread streams device
-// data and another waits for a file: teardown neither waits for the host nor deadlocks
-// with the senders; without teardown, a send the host never takes gives up after 3 s and
-// its connection goes, so that no half message can follow.
+// A module whose host stopped reading, while one thread streams device data and another
+// waits for a file: teardown neither waits for the host nor deadlocks with the senders;
+// without teardown, a send the host never takes gives up after 3 s and drops the
+// connection, so that no half message can follow.
 TEST(SilentPeer, ModuleWithAHostThatStopsReading)
 {
     LogCapture log;

@@ -1,14 +1,8 @@
 #!/usr/bin/env bash
-# The ztproxy tool as a user meets it. Runs inside a private network namespace
-# (netns_run.sh). Usage: ztproxy_test.sh ZTPROXY PART
-#   basics    help, errors, the simulated module, and ztproxy net|usb: bad input, replies,
-#             the wire, JSON, the emulated USB head, a head that never comes online, Ctrl-C
-#   commands  every device command of ztproxy net on a simulated head
-#   demo      the whole demo and the image it writes
-#   stream    ztproxy stream on both simulated heads: counters, JSON, saved images, bad
-#             input, a missing device, a head that vanishes, Ctrl-C
-# A part runs its pieces side by side, each in a network namespace of its own (the heads'
-# ports are fixed), and fails when one of them does.
+# The ztproxy tool as a user meets it, inside a private network namespace (netns_run.sh).
+# Usage: ztproxy_test.sh ZTPROXY PART, PART one of basics, commands (every device command
+# on a simulated head), demo, stream. A part runs its pieces side by side, each in a
+# network namespace of its own (the heads' ports are fixed).
 set -uo pipefail
 ztproxy=$1
 top=$(cd "$(dirname "$0")/../.." && pwd)
@@ -69,8 +63,8 @@ wait_for() { # file, fixed text: true once the file holds it (up to 5 s)
     done
     return 1
 }
-# Starts a process in the background, its output in $tmp/NAME, and waits until it says
-# "listening"; its id in $bg.
+# Starts a process in the background (output in $tmp/NAME, id in $bg) and waits until it
+# says "listening".
 start_listening() { # name, command...
     local name=$1
     shift
@@ -78,9 +72,8 @@ start_listening() { # name, command...
     bg=$!
     wait_for "$tmp/$name" listening || { echo "FAIL: $* did not start listening"; fail=1; }
 }
-# Runs the given pieces of this script side by side, each in a network namespace of its
-# own; a sanitizer build, many times slower, runs two at a time so that no head misses its
-# heartbeats.
+# Runs pieces of this script side by side; a sanitizer build, many times slower, two at a
+# time so that no head misses its heartbeats.
 at_once=16
 ldd "$ztproxy" | grep -qE 'lib[at]san' && at_once=2
 side_by_side() {
@@ -101,7 +94,6 @@ side_by_side() {
 net=("$ztproxy" --log-level off net --sim)
 usb=("$ztproxy" --log-level off usb --sim)
 sim_set_file=$(printf 'result: 0\ncallbacks: 264 (28 bytes)')
-program_version=$(printf 'result: 0\nmajor: 1\nminor: 2\nrevision: 3\nbuild: 4')
 ability=$(printf 'result: 0\nability.abilityHeader: 1\nability.productType: 42')
 for n in 2 3 4 5 6 7 8 9 10 11; do ability+=$'\n'"ability.ability$n: $n"; done
 
@@ -111,14 +103,9 @@ general() {
     run "$ztproxy" --version
     [ "$(head -1 "$tmp/out")" = "ztproxy $(sed -n 's/^project(ztProxyProtocol VERSION \([0-9.]*\) .*/\1/p' "$top/CMakeLists.txt")" ] ||
         failed "--version"
-    expect_status "demo help" 0 "$ztproxy" demo --help
-    expect_status "sim usb help" 0 "$ztproxy" sim usb --help
     expect_status "no command" 2 "$ztproxy"
     usage_error "unknown command" "$ztproxy" frobnicate
-    usage_error "unknown option" "$ztproxy" --loud demo
     usage_error "bad log level" "$ztproxy" --log-level loud demo
-    usage_error "sim without an end" "$ztproxy" sim
-    expect_status "sim usb with a command" 2 "$ztproxy" sim usb -- true
     # A level the environment names wrongly is reported, not ignored.
     run env ZTPROXY_LOG_LEVEL=loud "$ztproxy" net --local 127.0.0.1 --remote 127.0.0.1 getCameraExposure
     grep -q "ZTPROXY_LOG_LEVEL=loud is no level (trace, debug, info, warn, error, off): the level stays warn" "$tmp/err" ||
@@ -128,8 +115,8 @@ general() {
     [ $rc -eq 3 ] && [ "$(head -1 "$tmp/err")" = "ztproxy: no network head came online at 127.0.0.1:42001 (from 127.0.0.1, init returned 205)" ] ||
         failed "no head: exit $rc, expected 3 and the plain line first"
 
-    # The simulated module answers a host until it is stopped: a register request by hand
-    # (magic 0x2324, type 3, sub type 1, no payload), then a host request from the tool.
+    # The simulated module answers a register request by hand (magic 0x2324, type 3, sub
+    # type 1), then a host request from the tool.
     start_listening module "$ztproxy" sim module
     local sim=$bg
     exec 3<>/dev/tcp/127.0.0.1/9479
@@ -142,10 +129,6 @@ general() {
     wait $sim || { echo "FAIL: sim module did not stop cleanly"; fail=1; }
     grep -q "request sendRegister (0x00001)" "$tmp/module" && grep -q "request getFirmwareVersion (0x10013)" "$tmp/module" ||
         failed "sim module did not name the requests"
-    run "$ztproxy" sim module --help
-    [ $rc -eq 0 ] && grep -q "^usage: ztproxy sim module" "$tmp/out" || failed "sim module --help"
-    run "$ztproxy" sim module --bind 10.0.0.1
-    [ $rc -eq 2 ] && grep -q "unknown option '--bind'" "$tmp/err" || failed "sim module with an unknown option: exit $rc"
 }
 
 usage() {
@@ -166,7 +149,6 @@ usage() {
     usage_error "net without an address" "$ztproxy" net sendTrigger
     usage_error "net --sim with an address" "$ztproxy" net --sim --remote 127.0.0.1 sendTrigger
     usage_error "net with a bad address" "$ztproxy" net --local 127.0.0.1 --remote 300.1.1.1 sendTrigger
-    usage_error "net with an unknown option" "$ztproxy" net --loud --sim sendTrigger
     usage_error "unknown device command" "${net[@]}" frobnicate
     grep -qF "ztproxy: unknown device command 'frobnicate'" "$tmp/err" || failed "unknown command not named"
     run "${net[@]}" setCameraExposure
@@ -174,21 +156,11 @@ usage() {
     usage_error "too many arguments" "${net[@]}" sendTrigger 1
     run "${net[@]}" setCameraExposure fast
     expect_one_line "bad argument" 2 "ztproxy: setCameraExposure: EXPOSURE_US 'fast' is not a number (usage: setCameraExposure EXPOSURE_US)"
-    usage_error "short out of range" "${net[@]}" setCameraROI roi 0 0 32768 10
-    usage_error "negative system id" "${net[@]}" setSystemId -1
-    usage_error "not hex" "${net[@]}" setRegisterValue 1 0x10 0g
-    usage_error "directory as file" "${net[@]}" updateFirmware "$tmp"
-    usage_error "a bad log level after the command" "$ztproxy" net getImageSize --sim --log-level=loud
     usage_error "network-only command on usb" "${usb[@]}" getTemp
     usage_error "usb with a bad vendor id" "$ztproxy" usb --vid zz getImageSize
     grep -qF "'zz' is not a hexadecimal number" "$tmp/err" || failed "the bad vendor id is not named"
     usage_error "sim head port out of range" "$ztproxy" sim head --port 70000
-    usage_error "sim head with a bad address" "$ztproxy" sim head --bind 300.1.1.1
-    usage_error "sim head with a negative rate" "$ztproxy" sim head --stream-rate -3
-    run "$ztproxy" sim head --help
-    [ $rc -eq 0 ] && grep -q -- "--stream-rate MBPS" "$tmp/out" || failed "sim head --help names no options"
     usage_error "module without an address" "$ztproxy" module sendTrigger
-    usage_error "module with a bad argument" "$ztproxy" module --sim setPeriod soon
 }
 
 replies() {
@@ -216,15 +188,13 @@ usb() {
         "${usb[@]}" getSETFile 1 --save "$tmp/set"
     [ "$(wc -c <"$tmp/set")" -eq 28 ] && grep -aq "SET file" "$tmp/set" ||
         failed "getSETFile --save: the file does not hold the SET file"
-    expect_json "usb json ability" 'd["command"] == "getDeviceAbilityInfo" and d["result"] == 0 and d["ability.productType"] == 42' \
-        "${usb[@]}" --json getDeviceAbilityInfo
     run "$ztproxy" usb --vid 0x1234 --pid 0x5678 sendTrigger
     [ $rc -eq 3 ] && [ "$(wc -l <"$tmp/err")" -eq 1 ] && grep -q "^ztproxy: no USB device 1234:5678" "$tmp/err" &&
         [ ! -s "$tmp/out" ] || failed "usb without such a device: exit $rc, expected 3 and one line"
 }
 
-# The commands on the wire, through ztproxy net --local/--remote to a simulated head in a
-# process of its own, which logs each command's type and payload size.
+# The commands on the wire to a simulated head in a process of its own, which logs each
+# command's type and payload size.
 wire() {
     printf 'simulated SET file' >"$tmp/file"
     start_listening head "$ztproxy" sim head
@@ -256,9 +226,8 @@ LIST
         { echo "FAIL: the head did not see one host per command"; cat "$tmp/head"; fail=1; }
 }
 
-# A head that takes one connection and then none: the host's connect times out (3 s), and
-# Ctrl-C while connecting lets the connect finish, sends nothing and exits 130. Without a
-# module the host never registers.
+# A head that takes one connection and then none: Ctrl-C while connecting lets the connect
+# finish, sends nothing and exits 130. Without a module the host never registers.
 offline() {
     start_listening stuck python3 -c '
 import socket, time
@@ -269,8 +238,6 @@ s.listen(0)
 print("listening", flush=True)
 time.sleep(120)'
     local stuck=$bg host=("$ztproxy" --log-level off net --local 127.0.0.1 --remote 127.0.0.1)
-    run "${host[@]}" sendTrigger
-    expect_one_line "head not online" 3 "ztproxy: no network head came online at 127.0.0.1:42001 (from 127.0.0.1, init returned 205)"
     "${host[@]}" sendTrigger </dev/null >"$tmp/out" 2>"$tmp/err" &
     local tool=$!
     # Interrupted once its connect is under way.
@@ -305,15 +272,6 @@ sample() {
     esac
 }
 
-# What the simulated head's defaults make some commands print; every other command prints
-# "result: 0" and, for a query, its values.
-expected() {
-    case $1 in
-    getRKProgramVersion) echo "$program_version" ;;
-    getCurDeviceAbilityInfo | getDeviceAbilityInfo) echo "$ability" ;;
-    getSETFile) echo "$sim_set_file" ;;
-    esac
-}
 chunks=13
 
 # Every command of the list whose line number is `chunk` modulo $chunks, one process each.
@@ -333,8 +291,6 @@ command_chunk() {
         # for each output value.
         if [ $rc -ne 0 ] || [ "$(head -1 "$tmp/out")" != "result: 0" ] || tail -n +2 "$tmp/out" | grep -Evq '^[A-Za-z0-9.]+: '; then
             failed "net --sim $name ${args[*]}: exit $rc, expected 0, 'result: 0' and 'name: value' lines"
-        elif [ -n "$(expected "$name")" ] && [ "$(cat "$tmp/out")" != "$(expected "$name")" ]; then
-            failed "net --sim $name: expected the output: $(expected "$name")"
         fi
         echo "$name" >>"$tmp/ran"
     done < <("$ztproxy" net --commands)
@@ -349,8 +305,7 @@ commands() {
     side_by_side "${pieces[@]}"
 }
 
-# Width and height from a PNG file's header (signature, then the IHDR chunk); fails when
-# the file does not start as a PNG file does.
+# Width and height from a PNG file's header; fails when it is no PNG header.
 png_size() {
     python3 -c '
 import struct, sys
@@ -384,7 +339,6 @@ stream_sim() {
     [ $rc -eq 0 ] && grep -q -- "--save-every N" "$tmp/out" || failed "stream --help"
     usage_error "stream without a source" "$ztproxy" stream
     usage_error "stream with two sources" "${sim[@]}" --sim-net --sim-usb
-    usage_error "stream with a bad vendor id" "${sim[@]}" --vid xyz --pid 1
     usage_error "stream for a while" "${sim[@]}" --sim-net --seconds 2s
     usage_error "stream into a missing folder" "${sim[@]}" --sim-net --save-every 5 --out "$tmp/missing"
     run "${sim[@]}" --vid 1234 --pid 5678
