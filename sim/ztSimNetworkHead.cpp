@@ -1,5 +1,7 @@
 #include "ztSimNetworkHead.h"
 
+#include "platform/le_bytes.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -25,6 +27,9 @@
 
 namespace {
 
+using zt::getU16;
+using zt::getU32;
+using zt::putLE;
 using Clock = std::chrono::steady_clock;
 
 // A request larger than this cannot come from a host (its largest transfer, a firmware
@@ -39,25 +44,6 @@ constexpr int kListenBacklog = 128;
 constexpr int kRefuseHoldMs = 150;
 // A stopped stream gives up the unit it is writing when the peer takes nothing this long.
 constexpr auto kStalledWrite = std::chrono::milliseconds(1000);
-
-void putLE(char* p, std::uint64_t v, int bytes)
-{
-    for (int i = 0; i < bytes; ++i)
-        p[i] = static_cast<char>((v >> (8 * i)) & 0xFF);
-}
-
-std::uint32_t getU32(const char* p)
-{
-    std::uint32_t v = 0;
-    for (int i = 3; i >= 0; --i)
-        v = (v << 8) | static_cast<unsigned char>(p[i]);
-    return v;
-}
-
-std::uint16_t getU16(const char* p)
-{
-    return static_cast<std::uint16_t>(static_cast<unsigned char>(p[0]) | (static_cast<unsigned char>(p[1]) << 8));
-}
 
 void signalFd(int fd)
 {

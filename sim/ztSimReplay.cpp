@@ -2,6 +2,8 @@
 
 #include "ztSimUsbHead.h"
 
+#include "platform/le_bytes.h"
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -14,17 +16,10 @@
 
 namespace {
 
+using zt::getLE;
 using Clock = std::chrono::steady_clock;
 constexpr unsigned short kHeartbeatType = 2;
 constexpr std::uint32_t kMaxMessageSize = 128u << 20;
-
-std::uint32_t getLE(const char* p, int bytes)
-{
-    std::uint32_t v = 0;
-    for (int i = bytes - 1; i >= 0; --i)
-        v = (v << 8) | static_cast<unsigned char>(p[i]);
-    return v;
-}
 
 unsigned short typeOf(const std::vector<char>& message)
 {
@@ -41,7 +36,7 @@ public:
         m_held.insert(m_held.end(), bytes.begin(), bytes.end());
         std::size_t at = 0;
         while (m_held.size() - at >= 7) {
-            const std::uint32_t size = getLE(&m_held[at + 1], 4);
+            const auto size = static_cast<std::uint32_t>(getLE(&m_held[at + 1], 4));
             if (size < 8 || size > kMaxMessageSize) {
                 at = m_held.size(); // no boundary can be found in what is held
                 break;

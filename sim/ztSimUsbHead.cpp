@@ -2,6 +2,8 @@
 
 #include "ztSimNetworkHead.h"
 
+#include "platform/le_bytes.h"
+
 #include <fcntl.h>
 #include <libusb.h>
 #include <linux/ioctl.h>
@@ -25,6 +27,8 @@
 
 namespace {
 
+using zt::getLE;
+using zt::putLE;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kDevNode[] = "/dev/bus/usb/001/001";
@@ -48,20 +52,6 @@ constexpr bool kDirectMemory = true;
 #endif
 // A rate-limited stream hands out what its rate allows at this interval.
 constexpr auto kStreamTick = std::chrono::milliseconds(1);
-
-void putLE(unsigned char* p, unsigned long long v, int n)
-{
-    for (int i = 0; i < n; ++i)
-        p[i] = static_cast<unsigned char>(v >> (8 * i));
-}
-
-unsigned long long getLE(const char* p, int n)
-{
-    unsigned long long v = 0;
-    for (int i = n - 1; i >= 0; --i)
-        v = (v << 8) | static_cast<unsigned char>(p[i]);
-    return v;
-}
 
 // String descriptor: length, type 3, the text in UTF-16LE.
 std::vector<unsigned char> stringDescriptor(const char* text)

@@ -3,25 +3,12 @@
 #include "command_run.h"
 #include "command_values.h"
 #include "device_commands.h"
-#include "net_command.h"
+#include "head_session.h"
 #include "sim_presets.h"
-#include "stream_command.h"
 #include "stream_view.h"
-#include "ztEmbeddedModuleProxyServer.h"
-#include "ztSimNetworkHead.h"
-#ifdef ZT_WITH_USB
-#include "usb_command.h"
-#include "usb_emulation.h"
-#include "usb_open.h"
-#include "ztSimUsbHead.h"
-#include "ztUsbProxyServer.h"
-#endif
 
 #include <chrono>
 #include <cstdio>
-#include <functional>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -69,93 +56,39 @@ const char* const kCheckStatus =
     "the head stayed online; 1 otherwise; 2 on a usage error; 3 when the head did not come\n"
     "online or the USB device could not be opened; 130 when interrupted.\n";
 
-constexpr int kHeadPort = ztSimNetworkHead::kDefaultPort;
 constexpr long long kDefaultSeconds = 3;
-
-enum class Source { None, SimNet, SimUsb, Net, Usb };
 
 struct Options {
     bool help = false;
     bool json = false;
-    Source source = Source::None;
-    std::string local, remote, sn;
-    std::string vid, pid, serial;
+    HeadOptions head;
     long long seconds = kDefaultSeconds;
     SimPresets presets;
     bool anyPreset = false;
 };
 
-// The options that take a value, and where it goes.
-struct ValueOption {
-    const char* name;
-    std::string Options::*field;
-};
-constexpr ValueOption kValueOptions[] = {
-    {"--local", &Options::local}, {"--remote", &Options::remote}, {"--sn", &Options::sn},
-    {"--vid", &Options::vid},     {"--pid", &Options::pid},       {"--serial", &Options::serial},
-};
-
 bool parse(int argc, char** argv, Options& o, std::string& error)
 {
-    std::vector<Source> sources;
     std::string seconds;
-    for (int i = 0; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "-h" || arg == "--help") {
-            o.help = true;
-            continue;
-        }
-        if (arg == "--json") {
-            o.json = true;
-            continue;
-        }
-        if (arg == "--sim-net" || arg == "--sim-usb") {
-            sources.push_back(arg == "--sim-net" ? Source::SimNet : Source::SimUsb);
-            continue;
-        }
-        std::string* value = arg == "--seconds" ? &seconds : nullptr;
-        for (const ValueOption& v : kValueOptions)
-            if (arg == v.name)
-                value = &(o.*v.field);
-        const bool preset = isSimPresetOption(arg);
-        if (value == nullptr && !preset) {
-            error = "check: unknown option '" + arg + "' (see ztproxy check --help)";
-            return false;
-        }
-        if (i + 1 >= argc) {
-            error = "check: " + arg + " needs a value";
-            return false;
-        }
-        if (value != nullptr) {
-            *value = argv[++i];
-        } else {
-            o.anyPreset = true;
-            if (!parseSimPreset("check", arg, argv[++i], o.presets, error))
-                return false;
-        }
-    }
+    CommandOptions own{true, {{"--json", &o.json}}, {{"--seconds", &seconds}}};
+    own.isOther = &isSimPresetOption;
+    own.takeOther = [&](const std::string& option, const std::string& value, std::string& why) {
+        o.anyPreset = true;
+        return parseSimPreset("check", option, value, o.presets, why);
+    };
+    if (!readCommandOptions("check", argc, argv, o.head, own, o.help, error))
+        return false;
     if (o.help)
         return true;
-    const bool net = !o.local.empty() || !o.remote.empty() || !o.sn.empty();
-    const bool usb = !o.vid.empty() || !o.pid.empty() || !o.serial.empty();
-    if (sources.size() + (net ? 1 : 0) + (usb ? 1 : 0) != 1) {
-        error = "check: give one head: --sim-net, --sim-usb, --local IP --remote IP, or --vid V --pid P";
+    if (!o.head.resolve("check", "give one head: --sim-net, --sim-usb, --local IP --remote IP, or --vid V --pid P",
+                        error))
         return false;
-    }
-    o.source = !sources.empty() ? sources[0] : net ? Source::Net : Source::Usb;
-    if (o.source == Source::Net && !checkHeadAddresses("check", o.local, o.remote, error))
-        return false;
-#ifndef ZT_WITH_USB
-    if (o.source == Source::SimUsb || o.source == Source::Usb) {
-        error = "check: this build has no USB link";
-        return false;
-    }
-#endif
-    if (o.anyPreset && o.source != Source::SimNet && o.source != Source::SimUsb) {
+    const HeadSource source = o.head.source;
+    if (o.anyPreset && source != HeadSource::SimNet && source != HeadSource::SimUsb) {
         error = "check: --set, --status, --no-reply and --delay shape a simulated head: give --sim-net or --sim-usb";
         return false;
     }
-    if (o.source == Source::SimUsb && o.presets.delayMs >= 0) {
+    if (source == HeadSource::SimUsb && o.presets.delayMs >= 0) {
         error = "check: --delay: the emulated USB head does not delay its replies (--sim-net does)";
         return false;
     }
@@ -174,35 +107,14 @@ bool parse(int argc, char** argv, Options& o, std::string& error)
 // runner; frames and offline events are counted.
 struct Watcher {
     CommandRunner runner;
-    std::mutex mutex;
-    long long frames = 0;
-    long long bytes = 0;
-    int offlineEvents = 0;
+    FrameCount count;
 
     static void cb(int type, char* data, int length, void* user)
     {
         auto* self = static_cast<Watcher*>(user);
         CommandRunner::onData(type, data, length, &self->runner);
-        std::lock_guard<std::mutex> lock(self->mutex);
-        if (type == ZT_CODE_DEVICE_OFFLINE) {
-            ++self->offlineEvents;
-        } else if (isFramePacket(type)) {
-            ++self->frames;
-            self->bytes += length;
-        }
+        self->count.add(type, length);
     }
-    long long framesSoFar()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return frames;
-    }
-};
-
-// A simulated head's stream, run while the check listens.
-struct SimFeed {
-    std::function<void(const std::vector<char>& unit)> start;
-    std::function<void()> stop;
-    std::function<std::size_t()> sentBytes;
 };
 
 struct Row {
@@ -236,33 +148,23 @@ void runQueries(DeviceLink link, const CommandTarget& target, Watcher& watcher, 
     }
 }
 
-void listen(long long seconds, Watcher& watcher, const SimFeed* feed, Report& report)
+void listen(long long seconds, Watcher& watcher, const SimStream* sim, Report& report)
 {
-    long long framesBefore = 0;
-    long long bytesBefore = 0;
-    {
-        // Replies to the queries are no frames, but a real head may already be streaming.
-        std::lock_guard<std::mutex> lock(watcher.mutex);
-        framesBefore = watcher.frames;
-        bytesBefore = watcher.bytes;
-    }
-    const std::vector<char> unit = feed != nullptr ? simFramePacket() : std::vector<char>{};
-    if (feed != nullptr)
-        feed->start(unit);
+    // Replies to the queries are no frames, but a real head may already be streaming.
+    const FrameCount::Totals before = watcher.count.totals();
+    if (sim != nullptr)
+        sim->start();
     const UsageMeter meter;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     while (!wasInterrupted() && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const double listened = meter.seconds();
     const double cpu = meter.cpuPercent();
-    if (feed != nullptr) {
-        feed->stop();
-        const auto sent = static_cast<long long>(feed->sentBytes() / unit.size());
-        report.dropped = framesDropped(sent, [&] { return watcher.framesSoFar() - framesBefore; });
-    }
-    std::lock_guard<std::mutex> lock(watcher.mutex);
-    report.stream = {watcher.frames - framesBefore, watcher.bytes - bytesBefore, listened, cpu};
-    report.offlineEvents = watcher.offlineEvents;
+    if (sim != nullptr)
+        report.dropped = sim->stopAndCountDropped([&] { return watcher.count.totals().frames - before.frames; });
+    const FrameCount::Totals after = watcher.count.totals();
+    report.stream = {after.frames - before.frames, after.bytes - before.bytes, listened, cpu};
+    report.offlineEvents = after.offlineEvents;
 }
 
 std::vector<std::string> failures(const Report& report)
@@ -334,12 +236,13 @@ void printJson(const char* link, const Report& report, bool ok)
 }
 
 // Runs the check on a head that is online and prints it; the exit status.
-int check(const Options& o, DeviceLink link, const CommandTarget& target, Watcher& watcher, const SimFeed* feed)
+int check(const Options& o, const OnlineHead& head, Watcher& watcher)
 {
+    const DeviceLink link = head.link;
     Report report;
-    runQueries(link, target, watcher, report);
+    runQueries(link, head.target, watcher, report);
     if (!wasInterrupted())
-        listen(o.seconds, watcher, feed, report);
+        listen(o.seconds, watcher, head.sim, report);
     if (wasInterrupted())
         return reportInterrupted();
     const std::vector<std::string> failed = failures(report);
@@ -360,103 +263,6 @@ int check(const Options& o, DeviceLink link, const CommandTarget& target, Watche
     return ok ? 0 : kFailedStatus;
 }
 
-int checkNetwork(const Options& o)
-{
-    std::unique_ptr<ztSimNetworkHead> head;
-    std::string local = o.local;
-    std::string remote = o.remote;
-    if (o.source == Source::SimNet) {
-        local = remote = "127.0.0.1";
-        head = std::make_unique<ztSimNetworkHead>(remote, kHeadPort);
-        applySimPresets(o.presets, *head);
-        if (head->start() != 0) {
-            std::fprintf(stderr, "ztproxy: the simulated head cannot listen on %s:%d (in use?)\n", remote.c_str(),
-                         kHeadPort);
-            return kOfflineStatus;
-        }
-    }
-    int status = 0;
-    {
-        Watcher watcher;
-        ztEmbeddedModuleProxyServer server;
-        server.registerModuleServerDataCB(&Watcher::cb, &watcher);
-        const CommandTarget target{&server, &server, nullptr};
-        if (!bringNetworkHeadOnline(server, local, remote, o.sn)) {
-            status = wasInterrupted() ? reportInterrupted() : kOfflineStatus;
-        } else if (head) {
-            const SimFeed feed{
-                [&](const std::vector<char>& unit) {
-                    head->startStream(ztSimNetworkHead::Data, unit, 0,
-                                      static_cast<double>(unit.size()) * kSimFramesPerSecond);
-                },
-                [&] { head->stopStream(); }, [&] { return head->streamedBytes(); }};
-            status = check(o, DeviceLink::Network, target, watcher, &feed);
-        } else {
-            status = check(o, DeviceLink::Network, target, watcher, nullptr);
-        }
-        server.deInit();
-    }
-    if (head)
-        head->stop();
-    return status;
-}
-
-#ifdef ZT_WITH_USB
-int checkUsb(const Options& o)
-{
-    UsbSelector which;
-    if (o.source == Source::SimUsb) {
-        which.vendor = ztSimUsbHead::kVendor;
-        which.product = ztSimUsbHead::kProduct;
-    } else {
-        which.serial = o.serial;
-        std::string error;
-        if (!parseUsbIds("check", o.vid, o.pid, which, error))
-            return usageError(error);
-    }
-    std::unique_ptr<ztSimUsbHead> head;
-    if (o.source == Source::SimUsb) {
-        head = std::make_unique<ztSimUsbHead>();
-        if (head->start() != 0) {
-            reportUsbEmulationMissing();
-            return kOfflineStatus;
-        }
-        applySimPresets(o.presets, *head);
-    }
-    int status = 0;
-    {
-        UsbHead usb;
-        std::string error;
-        if (!usb.open(which, error)) {
-            std::fprintf(stderr, "ztproxy: %s\n", error.c_str());
-            status = kOfflineStatus;
-        } else {
-            Watcher watcher;
-            ztUsbProxyServer server(usb.info(), usb.handle());
-            server.registerModuleServerDataCB(&Watcher::cb, &watcher);
-            const CommandTarget target{&server, nullptr, nullptr};
-            if (!bringUsbHeadOnline(server, usb)) {
-                status = wasInterrupted() ? reportInterrupted() : kOfflineStatus;
-            } else if (head) {
-                const SimFeed feed{
-                    [&](const std::vector<char>& unit) {
-                        head->startStream(unit, 0, static_cast<double>(unit.size()) * kSimFramesPerSecond);
-                    },
-                    [&] { head->stopStream(); }, [&] { return head->streamedBytes(); }};
-                status = check(o, DeviceLink::Usb, target, watcher, &feed);
-            } else {
-                status = check(o, DeviceLink::Usb, target, watcher, nullptr);
-            }
-            server.deInit();
-        }
-    }
-    // Every handle on the emulated head is closed by now.
-    if (head)
-        head->stop();
-    return status;
-}
-#endif
-
 } // namespace
 
 int runCheckCommand(int argc, char** argv, char** programArgv)
@@ -471,17 +277,14 @@ int runCheckCommand(int argc, char** argv, char** programArgv)
         std::fputs(kCheckStatus, stdout);
         return 0;
     }
-#ifdef ZT_WITH_USB
-    if (o.source == Source::SimUsb && !usbEmulationPreloaded())
-        return runAgainWithUsbEmulation(programArgv);
-    catchInterrupts();
-    if (o.source == Source::SimUsb || o.source == Source::Usb)
-        return checkUsb(o);
-#else
-    (void)programArgv;
-    catchInterrupts();
-#endif
-    return checkNetwork(o);
+    Watcher watcher;
+    HeadWork work;
+    work.onData = &Watcher::cb;
+    work.user = &watcher;
+    work.presets = &o.presets;
+    work.sayInterrupted = true;
+    work.online = [&](const OnlineHead& head) { return check(o, head, watcher); };
+    return runOnHead(o.head, work, programArgv);
 }
 
 } // namespace zt::tools

@@ -5,6 +5,7 @@
 #include "ztLog.h"
 
 #include <atomic>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 
@@ -161,6 +162,12 @@ int printLinkHelp(const char* usage, DeviceLink link)
     std::fputs(kSharedHelp, stdout);
     listDeviceCommands(link, stdout, "  ", true);
     return 0;
+}
+
+bool parseCount(const std::string& text, long long& value)
+{
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    return ec == std::errc() && end == text.data() + text.size() && value > 0;
 }
 
 int usageError(const std::string& message)

@@ -76,6 +76,9 @@ bool parseLinkOptions(int argc, char** argv, const char* link, std::initializer_
 // Prints usage, what the links share (output, arguments, exit status) and the commands.
 int printLinkHelp(const char* usage, DeviceLink link);
 
+// A whole number above 0.
+bool parseCount(const std::string& text, long long& value);
+
 // Prints "ztproxy: message" on standard error; 2.
 int usageError(const std::string& message);
 

@@ -1,6 +1,7 @@
 #include "net_command.h"
 
 #include "command_run.h"
+#include "sim_presets.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztSimNetworkHead.h"
 
@@ -75,6 +76,17 @@ bool bringNetworkHeadOnline(ztEmbeddedModuleProxyServer& server, const std::stri
     return false;
 }
 
+std::unique_ptr<ztSimNetworkHead> startSimNetworkHead(const SimPresets* presets)
+{
+    auto head = std::make_unique<ztSimNetworkHead>("127.0.0.1", kHeadPort);
+    if (presets != nullptr)
+        applySimPresets(*presets, *head);
+    if (head->start() == 0)
+        return head;
+    std::fprintf(stderr, "ztproxy: the simulated head cannot listen on 127.0.0.1:%d (in use?)\n", kHeadPort);
+    return nullptr;
+}
+
 int runNetCommand(int argc, char** argv)
 {
     LinkOptions o;
@@ -103,14 +115,8 @@ int runNetCommand(int argc, char** argv)
 
     catchInterrupts();
     std::unique_ptr<ztSimNetworkHead> sim;
-    if (o.sim) {
-        sim = std::make_unique<ztSimNetworkHead>(remote, kHeadPort);
-        if (sim->start() != 0) {
-            std::fprintf(stderr, "ztproxy: the simulated head cannot listen on %s:%d (in use?)\n", remote.c_str(),
-                         kHeadPort);
-            return kOfflineStatus;
-        }
-    }
+    if (o.sim && !(sim = startSimNetworkHead(nullptr)))
+        return kOfflineStatus;
     int status = 0;
     {
         CommandRunner runner;

@@ -1,11 +1,15 @@
 // ztproxy net: one device command against a network scanner head.
 #pragma once
 
+#include <memory>
 #include <string>
 
 class ztEmbeddedModuleProxyServer;
+class ztSimNetworkHead;
 
 namespace zt::tools {
+
+struct SimPresets;
 
 // Runs the options and command that follow "net" (argv[0] is the first of them); the exit
 // status is one of those in command_run.h.
@@ -24,5 +28,9 @@ bool checkHeadAddresses(const char* command, const std::string& local, const std
 // own lines about it.
 bool bringNetworkHeadOnline(ztEmbeddedModuleProxyServer& server, const std::string& local, const std::string& remote,
                             const std::string& sn);
+
+// A simulated head listening on 127.0.0.1:42001, with the presets when given. Null when it
+// cannot listen, after saying so.
+std::unique_ptr<ztSimNetworkHead> startSimNetworkHead(const SimPresets* presets);
 
 } // namespace zt::tools

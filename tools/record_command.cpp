@@ -1,17 +1,11 @@
 #include "record_command.h"
 
 #include "command_run.h"
-#include "net_command.h"
+#include "head_session.h"
 #include "stream_view.h"
-#include "ztEmbeddedModuleProxyServer.h"
+#include "ztDeviceCommandSet.h"
 #include "ztRecorder.h"
-#ifdef ZT_WITH_USB
-#include "usb_command.h"
-#include "usb_open.h"
-#include "ztUsbProxyServer.h"
-#endif
 
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -54,54 +48,22 @@ const char* const kRecordUsage =
 
 constexpr int kRedrawMs = 250;
 
-enum class Start { None, Trigger, Scan };
-
 struct Options {
     bool help = false;
-    std::string local, remote, sn;
-    std::string vid, pid, serial;
+    HeadOptions head;
     std::string out;
     long long seconds = 10;
     long long queueMb = 256;
-    Start start = Start::None;
+    StreamStart start = StreamStart::None;
 };
-
-bool parseCount(const std::string& text, long long& value)
-{
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return ec == std::errc() && end == text.data() + text.size() && value > 0;
-}
 
 bool parse(int argc, char** argv, Options& o, std::string& error)
 {
     std::string seconds, queue, start;
-    for (int i = 0; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "-h" || arg == "--help") {
-            o.help = true;
-            continue;
-        }
-        std::string* value = arg == "--local"     ? &o.local
-                             : arg == "--remote"  ? &o.remote
-                             : arg == "--sn"      ? &o.sn
-                             : arg == "--vid"     ? &o.vid
-                             : arg == "--pid"     ? &o.pid
-                             : arg == "--serial"  ? &o.serial
-                             : arg == "--out"     ? &o.out
-                             : arg == "--seconds" ? &seconds
-                             : arg == "--queue-mb" ? &queue
-                             : arg == "--start"   ? &start
-                                                  : nullptr;
-        if (value == nullptr) {
-            error = "record: unknown option or argument '" + arg + "' (see ztproxy record --help)";
-            return false;
-        }
-        if (i + 1 >= argc) {
-            error = "record: " + arg + " needs a value";
-            return false;
-        }
-        *value = argv[++i];
-    }
+    const CommandOptions own{
+        false, {}, {{"--out", &o.out}, {"--seconds", &seconds}, {"--queue-mb", &queue}, {"--start", &start}}};
+    if (!readCommandOptions("record", argc, argv, o.head, own, o.help, error))
+        return false;
     if (o.help)
         return true;
     if (!seconds.empty() && !parseCount(seconds, o.seconds)) {
@@ -112,31 +74,17 @@ bool parse(int argc, char** argv, Options& o, std::string& error)
         error = "record: --queue-mb needs a whole number above 0, not '" + queue + "'";
         return false;
     }
-    if (start == "trigger")
-        o.start = Start::Trigger;
-    else if (start == "scan")
-        o.start = Start::Scan;
-    else if (!start.empty()) {
+    if (!parseStreamStart(start, o.start)) {
         error = "record: --start takes trigger or scan, not '" + start + "'";
         return false;
     }
-    const bool net = !o.local.empty() || !o.remote.empty();
-    const bool usb = !o.vid.empty() || !o.pid.empty();
-    if (net == usb) {
-        error = "record: give one source: --local IP --remote IP, or --vid V --pid P";
+    if (!o.head.resolve("record", "give one source: --local IP --remote IP, or --vid V --pid P", error))
         return false;
-    }
     if (o.out.empty()) {
         error = "record: --out FILE is needed";
         return false;
     }
-    return !net || checkHeadAddresses("record", o.local, o.remote, error);
-}
-
-int startOrStop(ztDeviceCommandSet& device, Start start, bool on)
-{
-    return start == Start::Trigger ? (on ? device.sendTrigger() : device.sendStopTrigger())
-                                   : device.setScanStatus(on ? 1 : 0);
+    return true;
 }
 
 std::string figures(const ztRecorder::Stats& s)
@@ -154,7 +102,7 @@ int record(const Options& o, ztDeviceCommandSet& device, ztRecorder& recorder)
     const bool progress = stdoutIsTerminal();
     HeldLog log;
     log.release("", progress ? "\r\033[K" : "");
-    if (o.start != Start::None && startOrStop(device, o.start, true) < 0)
+    if (startOrStop(device, o.start, true) < 0)
         std::fprintf(stderr, "ztproxy: the head did not start its stream (recording goes on)\n");
     const auto begin = std::chrono::steady_clock::now();
     const auto end = begin + std::chrono::seconds(o.seconds);
@@ -166,8 +114,7 @@ int record(const Options& o, ztDeviceCommandSet& device, ztRecorder& recorder)
         std::printf("\r  recording %.1f s of %lld s: %s   ", gone, o.seconds, figures(recorder.stats()).c_str());
         std::fflush(stdout);
     }
-    if (o.start != Start::None)
-        startOrStop(device, o.start, false);
+    startOrStop(device, o.start, false);
     return 0;
 }
 
@@ -184,48 +131,6 @@ int finish(ztRecorder& recorder, const Options& o, int status)
                      s.notRecorded, s.notRecordedBytes);
     return status;
 }
-
-int recordNetwork(const Options& o, ztRecorder& recorder)
-{
-    int status = 0;
-    {
-        ztEmbeddedModuleProxyServer server;
-        server.attachRecorder(&recorder);
-        if (!bringNetworkHeadOnline(server, o.local, o.remote, o.sn))
-            status = kOfflineStatus;
-        else
-            status = record(o, server, recorder);
-        server.deInit();
-        server.attachRecorder(nullptr);
-    }
-    return finish(recorder, o, status);
-}
-
-#ifdef ZT_WITH_USB
-int recordUsb(const Options& o, ztRecorder& recorder)
-{
-    UsbSelector which;
-    which.serial = o.serial;
-    std::string error;
-    if (!parseUsbIds("record", o.vid, o.pid, which, error))
-        return usageError(error);
-    int status = 0;
-    {
-        UsbHead usb;
-        if (!usb.open(which, error)) {
-            std::fprintf(stderr, "ztproxy: %s\n", error.c_str());
-            status = kOfflineStatus;
-        } else {
-            ztUsbProxyServer server(usb.info(), usb.handle());
-            server.attachRecorder(&recorder);
-            status = bringUsbHeadOnline(server, usb) ? record(o, server, recorder) : kOfflineStatus;
-            server.deInit();
-            server.attachRecorder(nullptr);
-        }
-    }
-    return finish(recorder, o, status);
-}
-#endif
 
 } // namespace
 
@@ -244,15 +149,10 @@ int runRecordCommand(int argc, char** argv)
         std::fprintf(stderr, "ztproxy: cannot write the recording '%s'\n", o.out.c_str());
         return kFailedStatus;
     }
-    catchInterrupts();
-#ifdef ZT_WITH_USB
-    if (!o.vid.empty() || !o.pid.empty())
-        return recordUsb(o, recorder);
-#else
-    if (!o.vid.empty() || !o.pid.empty())
-        return usageError("record: this build has no USB link");
-#endif
-    return recordNetwork(o, recorder);
+    HeadWork work;
+    work.recorder = &recorder;
+    work.online = [&](const OnlineHead& head) { return record(o, head.device, recorder); };
+    return finish(recorder, o, runOnHead(o.head, work, nullptr));
 }
 
 } // namespace zt::tools

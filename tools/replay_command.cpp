@@ -5,7 +5,6 @@
 #include "stream_view.h"
 #include "ztSimReplay.h"
 
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -51,12 +50,6 @@ struct Options {
     long long port = ztSimNetworkHead::kDefaultPort;
     long long seconds = 0;
 };
-
-bool parseCount(const std::string& text, long long& value)
-{
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return ec == std::errc() && end == text.data() + text.size() && value > 0;
-}
 
 bool parse(int argc, char** argv, Options& o, std::string& error)
 {

@@ -53,26 +53,27 @@ std::string valueNames()
     return names;
 }
 
-// "NAME=VALUE" into its halves; false when there is no '=' or NAME is empty.
-bool splitPair(const std::string& text, std::string& name, std::string& value)
+// "NAME=VALUE" into its halves, and the type of the device command NAME into item. false
+// with why when there is no '=', NAME is empty (form says what was expected) or names no
+// command.
+bool splitPreset(const std::string& text, const char* form, std::string& name, std::string& value,
+                 SimPresets::Item& item, std::string& why)
 {
     const std::size_t eq = text.find('=');
-    if (eq == std::string::npos || eq == 0)
+    if (eq == std::string::npos || eq == 0) {
+        why = "'" + text + "' is not " + form;
         return false;
+    }
     name = text.substr(0, eq);
     value = text.substr(eq + 1);
-    return true;
+    return commandType(name, item.type, why);
 }
 
 bool parseSet(const std::string& text, SimPresets& presets, std::string& why)
 {
     std::string name, value;
-    if (!splitPair(text, name, value)) {
-        why = "'" + text + "' is not NAME=VALUE";
-        return false;
-    }
     SimPresets::Item item{SimPresets::Item::Value, 0, 0, 0, 0};
-    if (!commandType(name, item.type, why))
+    if (!splitPreset(text, "NAME=VALUE", name, value, item, why))
         return false;
     const std::optional<ztSimDevice::ValueKind> kind = valueKind(item.type);
     if (!kind) {
@@ -105,12 +106,8 @@ bool parseSet(const std::string& text, SimPresets& presets, std::string& why)
 bool parseStatus(const std::string& text, SimPresets& presets, std::string& why)
 {
     std::string name, code;
-    if (!splitPair(text, name, code)) {
-        why = "'" + text + "' is not NAME=CODE";
-        return false;
-    }
     SimPresets::Item item{SimPresets::Item::Status, 0, 0, 0, 0};
-    if (!commandType(name, item.type, why))
+    if (!splitPreset(text, "NAME=CODE", name, code, item, why))
         return false;
     if (!parseArgument(code, item.status, why)) {
         why = "status code '" + code + "' " + why;

@@ -2,29 +2,18 @@
 
 #include "command_run.h"
 #include "frame_record.h"
-#include "net_command.h"
+#include "head_session.h"
 #include "stream_view.h"
-#include "ztEmbeddedModuleProxyServer.h"
-#include "ztSimNetworkHead.h"
-#ifdef ZT_WITH_USB
-#include "usb_command.h"
-#include "usb_emulation.h"
-#include "usb_open.h"
-#include "ztSimUsbHead.h"
-#include "ztUsbProxyServer.h"
-#endif
+#include "ztDeviceCommandSet.h"
+#include "ztImageAssembler.h"
 
 #include <sys/stat.h>
 
-#include <charconv>
 #include <chrono>
 #include <cstdio>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace zt::tools {
 
@@ -72,114 +61,37 @@ const char* const kStreamUsage =
     "offline, the start command failed or an image cannot be written; 2 on a usage error; 3\n"
     "when the head did not come online or the USB device could not be opened.\n";
 
-constexpr int kHeadPort = ztSimNetworkHead::kDefaultPort;
 constexpr int kRedrawMs = 250;
-// After a simulated stream ends, frames still on their way get this long to arrive.
-constexpr int kTailWaitMs = 2000;
-
-enum class Source { None, SimNet, SimUsb, Net, Usb };
-enum class Start { None, Trigger, Scan };
 
 struct Options {
     bool help = false;
     bool json = false;
-    Source source = Source::None;
-    std::string local, remote, sn;
-    std::string vid, pid, serial;
+    HeadOptions head;
     long long seconds = 5;
     long long saveEvery = 0;
     std::string outDir;
-    Start start = Start::None;
+    StreamStart start = StreamStart::None;
 };
-
-bool parseCount(const std::string& text, long long& value)
-{
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return ec == std::errc() && end == text.data() + text.size() && value > 0;
-}
-
 
 bool parse(int argc, char** argv, Options& o, std::string& error)
 {
-    std::vector<std::string> sources;
     std::string seconds, saveEvery, start;
-    for (int i = 0; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "-h" || arg == "--help") {
-            o.help = true;
-            continue;
-        }
-        if (arg == "--json") {
-            o.json = true;
-            continue;
-        }
-        if (arg == "--sim-net" || arg == "--sim-usb") {
-            sources.push_back(arg);
-            continue;
-        }
-        std::string* value = nullptr;
-        if (arg == "--local")
-            value = &o.local;
-        else if (arg == "--remote")
-            value = &o.remote;
-        else if (arg == "--sn")
-            value = &o.sn;
-        else if (arg == "--vid")
-            value = &o.vid;
-        else if (arg == "--pid")
-            value = &o.pid;
-        else if (arg == "--serial")
-            value = &o.serial;
-        else if (arg == "--seconds")
-            value = &seconds;
-        else if (arg == "--save-every")
-            value = &saveEvery;
-        else if (arg == "--out")
-            value = &o.outDir;
-        else if (arg == "--start")
-            value = &start;
-        if (value == nullptr) {
-            error = "stream: unknown option '" + arg + "' (see ztproxy stream --help)";
-            return false;
-        }
-        if (i + 1 >= argc) {
-            error = "stream: " + arg + " needs a value";
-            return false;
-        }
-        *value = argv[++i];
-    }
+    const CommandOptions own{true,
+                             {{"--json", &o.json}},
+                             {{"--seconds", &seconds}, {"--save-every", &saveEvery}, {"--out", &o.outDir},
+                              {"--start", &start}}};
+    if (!readCommandOptions("stream", argc, argv, o.head, own, o.help, error))
+        return false;
     if (o.help)
         return true;
-    const bool net = !o.local.empty() || !o.remote.empty() || !o.sn.empty();
-    const bool usb = !o.vid.empty() || !o.pid.empty() || !o.serial.empty();
-    if (sources.size() + (net ? 1 : 0) + (usb ? 1 : 0) != 1) {
-        error = "stream: give one source: --sim-net, --sim-usb, --local IP --remote IP, or --vid V --pid P";
+    if (!o.head.resolve("stream", "give one source: --sim-net, --sim-usb, --local IP --remote IP, or --vid V --pid P",
+                        error))
         return false;
-    }
-    if (!sources.empty()) {
-        o.source = sources[0] == "--sim-net" ? Source::SimNet : Source::SimUsb;
-    } else if (net) {
-        if (!checkHeadAddresses("stream", o.local, o.remote, error))
-            return false;
-        o.source = Source::Net;
-    } else {
-        o.source = Source::Usb;
-    }
-#ifndef ZT_WITH_USB
-    if (o.source == Source::SimUsb || o.source == Source::Usb) {
-        error = "stream: this build has no USB link";
-        return false;
-    }
-#endif
     if (!seconds.empty() && (!parseCount(seconds, o.seconds) || o.seconds > 86400)) {
         error = "stream: --seconds '" + seconds + "' is not a whole number from 1 to 86400";
         return false;
     }
-    if (start == "trigger") {
-        o.start = Start::Trigger;
-    } else if (start == "scan") {
-        o.start = Start::Scan;
-    } else if (!start.empty()) {
+    if (!parseStreamStart(start, o.start)) {
         error = "stream: --start '" + start + "' is not trigger or scan";
         return false;
     }
@@ -201,18 +113,16 @@ bool parse(int argc, char** argv, Options& o, std::string& error)
 
 // Counts what the data callback delivers and saves every Nth full-frame record.
 struct Receiver {
-    Receiver(ztImageAssembler& images, const Options& o) : assembler(images), saveEvery(o.saveEvery), outDir(o.outDir) {}
+    explicit Receiver(const Options& o) : saveEvery(o.saveEvery), outDir(o.outDir) {}
 
-    ztImageAssembler& assembler;
+    ztImageAssembler assembler;
     const long long saveEvery;
     const std::string outDir;
+    FrameCount count;
 
     std::mutex mutex;
-    long long frames = 0;
-    long long bytes = 0;
     long long saved = 0;
     std::string saveError;
-    bool offline = false;
     // Full-frame records among the type-1280 packets: only they can be saved.
     long long fullFrames = 0;
     long long notRecords = 0;
@@ -220,13 +130,6 @@ struct Receiver {
     static void cb(int type, char* data, int length, void* user)
     {
         auto* self = static_cast<Receiver*>(user);
-        if (type == ZT_CODE_DEVICE_OFFLINE) {
-            std::lock_guard<std::mutex> lock(self->mutex);
-            self->offline = true;
-            return;
-        }
-        if (!isFramePacket(type))
-            return;
         std::string error;
         bool wrote = false;
         char* record = type == kFullFrameType ? recordIn(data, length) : nullptr;
@@ -237,10 +140,12 @@ struct Receiver {
             std::snprintf(name, sizeof name, "/frame-%06lld.png", number);
             wrote = saveRecordAsPng(self->assembler, record, self->outDir + name, error);
         }
+        // A frame is counted together with what became of it.
         std::lock_guard<std::mutex> lock(self->mutex);
+        self->count.add(type, length);
+        if (!isFramePacket(type))
+            return;
         self->notRecords += record == nullptr ? 1 : 0;
-        ++self->frames;
-        self->bytes += length;
         self->saved += wrote ? 1 : 0;
         if (!error.empty() && self->saveError.empty())
             self->saveError = error;
@@ -248,46 +153,26 @@ struct Receiver {
 
     StreamFigures figures(const UsageMeter& meter)
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        return {frames, bytes, meter.seconds(), meter.cpuPercent()};
+        const FrameCount::Totals t = count.totals();
+        return {t.frames, t.bytes, meter.seconds(), meter.cpuPercent()};
     }
 
-    bool wentOffline()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return offline;
-    }
+    bool wentOffline() { return count.totals().offlineEvents > 0; }
 };
-
-// The simulated head's side: how many whole frames it has sent, and ending its stream.
-struct SimStream {
-    std::function<std::size_t()> sentBytes;
-    std::function<void()> stop;
-    std::size_t unitSize = 0;
-};
-
-// Starts or stops the head's stream as --start asks; the command's result.
-int startOrStop(ztDeviceCommandSet& device, Start start, bool on)
-{
-    switch (start) {
-    case Start::Trigger: return on ? device.sendTrigger() : device.sendStopTrigger();
-    case Start::Scan: return device.setScanStatus(on ? 1 : 0);
-    case Start::None: break;
-    }
-    return 0;
-}
 
 // Receives for the options' time (or until Ctrl-C or the head going offline), prints the
 // counters and the summary.
 int receive(const Options& o, ztDeviceCommandSet& device, Receiver& receiver, const SimStream* sim)
 {
+    if (sim != nullptr)
+        sim->start();
     const bool counters = stdoutIsTerminal() && !o.json;
     // The library's lines go above the counter line instead of into it.
     HeldLog log;
     log.release("", counters ? "\r\033[K" : "");
-    if (o.start != Start::None && startOrStop(device, o.start, true) < 0) {
+    if (startOrStop(device, o.start, true) < 0) {
         std::fprintf(stderr, "ztproxy: the head did not start its stream (%s failed)\n",
-                     o.start == Start::Trigger ? "sendTrigger" : "setScanStatus(1)");
+                     o.start == StreamStart::Trigger ? "sendTrigger" : "setScanStatus(1)");
         return kFailedStatus;
     }
     const UsageMeter meter;
@@ -302,14 +187,12 @@ int receive(const Options& o, ztDeviceCommandSet& device, Receiver& receiver, co
         std::fflush(stdout);
     }
     const bool offline = receiver.wentOffline();
-    if (!offline && o.start != Start::None)
+    if (!offline)
         startOrStop(device, o.start, false);
     StreamFigures figures = receiver.figures(meter);
     long long dropped = -1;
     if (sim != nullptr) {
-        sim->stop();
-        const auto sent = static_cast<long long>(sim->sentBytes() / sim->unitSize);
-        dropped = framesDropped(sent, [&] { return receiver.figures(meter).frames; });
+        dropped = sim->stopAndCountDropped([&] { return receiver.figures(meter).frames; });
         const StreamFigures all = receiver.figures(meter);
         figures.frames = all.frames;
         figures.bytes = all.bytes;
@@ -344,7 +227,7 @@ int receive(const Options& o, ztDeviceCommandSet& device, Receiver& receiver, co
                          figures.frames, static_cast<unsigned>(kFullFrameType));
         else
             std::fprintf(stderr, "ztproxy: nothing saved: fewer than %lld full-frame records arrived", o.saveEvery);
-        std::fputs(o.start == Start::None ? "; does the head stream without --start trigger?\n" : "\n", stderr);
+        std::fputs(o.start == StreamStart::None ? "; does the head stream without --start trigger?\n" : "\n", stderr);
     }
     if (offline) {
         std::fprintf(stderr, "ztproxy: the head went offline after %.1f s\n", figures.seconds);
@@ -357,116 +240,7 @@ int receive(const Options& o, ztDeviceCommandSet& device, Receiver& receiver, co
     return 0;
 }
 
-int streamNetwork(const Options& o)
-{
-    std::unique_ptr<ztSimNetworkHead> head;
-    std::string local = o.local;
-    std::string remote = o.remote;
-    if (o.source == Source::SimNet) {
-        local = remote = "127.0.0.1";
-        head = std::make_unique<ztSimNetworkHead>(remote, kHeadPort);
-        if (head->start() != 0) {
-            std::fprintf(stderr, "ztproxy: the simulated head cannot listen on %s:%d (in use?)\n", remote.c_str(),
-                         kHeadPort);
-            return kOfflineStatus;
-        }
-    }
-    int status = 0;
-    {
-        ztEmbeddedModuleProxyServer server;
-        Receiver receiver(server, o);
-        server.registerModuleServerDataCB(&Receiver::cb, &receiver);
-        if (!bringNetworkHeadOnline(server, local, remote, o.sn)) {
-            status = kOfflineStatus;
-        } else if (head) {
-            const std::vector<char> unit = simFramePacket();
-            head->startStream(ztSimNetworkHead::Data, unit, 0, static_cast<double>(unit.size()) * kSimFramesPerSecond);
-            const SimStream sim{[&] { return head->streamedBytes(); }, [&] { head->stopStream(); }, unit.size()};
-            status = receive(o, server, receiver, &sim);
-        } else {
-            status = receive(o, server, receiver, nullptr);
-        }
-        server.deInit();
-    }
-    if (head)
-        head->stop();
-    return status;
-}
-
-#ifdef ZT_WITH_USB
-int streamUsb(const Options& o)
-{
-    UsbSelector which;
-    if (o.source == Source::SimUsb) {
-        which.vendor = ztSimUsbHead::kVendor;
-        which.product = ztSimUsbHead::kProduct;
-    } else {
-        which.serial = o.serial;
-        std::string error;
-        if (!parseUsbIds("stream", o.vid, o.pid, which, error))
-            return usageError(error);
-    }
-    std::unique_ptr<ztSimUsbHead> head;
-    if (o.source == Source::SimUsb) {
-        head = std::make_unique<ztSimUsbHead>();
-        if (head->start() != 0) {
-            reportUsbEmulationMissing();
-            return kOfflineStatus;
-        }
-    }
-    int status = 0;
-    {
-        UsbHead usb;
-        std::string error;
-        if (!usb.open(which, error)) {
-            std::fprintf(stderr, "ztproxy: %s\n", error.c_str());
-            status = kOfflineStatus;
-        } else {
-            ztUsbProxyServer server(usb.info(), usb.handle());
-            Receiver receiver(server, o);
-            server.registerModuleServerDataCB(&Receiver::cb, &receiver);
-            if (!bringUsbHeadOnline(server, usb)) {
-                status = kOfflineStatus;
-            } else if (head) {
-                const std::vector<char> unit = simFramePacket();
-                head->startStream(unit, 0, static_cast<double>(unit.size()) * kSimFramesPerSecond);
-                const SimStream sim{[&] { return head->streamedBytes(); }, [&] { head->stopStream(); }, unit.size()};
-                status = receive(o, server, receiver, &sim);
-            } else {
-                status = receive(o, server, receiver, nullptr);
-            }
-            server.deInit();
-        }
-    }
-    // Every handle on the emulated head is closed by now.
-    if (head)
-        head->stop();
-    return status;
-}
-#endif
-
 } // namespace
-
-std::vector<char> simFramePacket()
-{
-    return scanPacket(1280, 1024, 1);
-}
-
-bool isFramePacket(int type)
-{
-    return type == 512 || type == 513 || type == 514 || type == 1280 || type == 1281;
-}
-
-long long framesDropped(long long sent, const std::function<long long()>& arrived)
-{
-    const auto tail = std::chrono::steady_clock::now() + std::chrono::milliseconds(kTailWaitMs);
-    long long got = arrived();
-    while (got < sent && std::chrono::steady_clock::now() < tail) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        got = arrived();
-    }
-    return sent > got ? sent - got : 0;
-}
 
 int runStreamCommand(int argc, char** argv, char** programArgv)
 {
@@ -478,17 +252,12 @@ int runStreamCommand(int argc, char** argv, char** programArgv)
         std::fputs(kStreamUsage, stdout);
         return 0;
     }
-#ifdef ZT_WITH_USB
-    if (o.source == Source::SimUsb && !usbEmulationPreloaded())
-        return runAgainWithUsbEmulation(programArgv);
-    catchInterrupts();
-    if (o.source == Source::SimUsb || o.source == Source::Usb)
-        return streamUsb(o);
-#else
-    (void)programArgv;
-    catchInterrupts();
-#endif
-    return streamNetwork(o);
+    Receiver receiver(o);
+    HeadWork work;
+    work.onData = &Receiver::cb;
+    work.user = &receiver;
+    work.online = [&](const OnlineHead& head) { return receive(o, head.device, receiver, head.sim); };
+    return runOnHead(o.head, work, programArgv);
 }
 
 } // namespace zt::tools

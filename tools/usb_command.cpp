@@ -79,6 +79,15 @@ bool bringUsbHeadOnline(ztUsbProxyServer& server, const UsbHead& head)
     return false;
 }
 
+std::unique_ptr<ztSimUsbHead> startSimUsbHead()
+{
+    auto head = std::make_unique<ztSimUsbHead>();
+    if (head->start() == 0)
+        return head;
+    reportUsbEmulationMissing();
+    return nullptr;
+}
+
 int runUsbCommand(int argc, char** argv, char** programArgv)
 {
     LinkOptions o;
@@ -113,13 +122,8 @@ int runUsbCommand(int argc, char** argv, char** programArgv)
 
     catchInterrupts();
     std::unique_ptr<ztSimUsbHead> sim;
-    if (o.sim) {
-        sim = std::make_unique<ztSimUsbHead>();
-        if (sim->start() != 0) {
-            reportUsbEmulationMissing();
-            return kOfflineStatus;
-        }
-    }
+    if (o.sim && !(sim = startSimUsbHead()))
+        return kOfflineStatus;
     int status = 0;
     if (o.list) {
         status = listHeads();

@@ -1,6 +1,9 @@
 // ztproxy usb: one device command against a USB scanner head.
 #pragma once
 
+#include <memory>
+
+class ztSimUsbHead;
 class ztUsbProxyServer;
 
 namespace zt::tools {
@@ -17,5 +20,8 @@ int runUsbCommand(int argc, char** argv, char** programArgv);
 // its first heartbeat within one 500 ms period). false when it did not, after saying so in
 // one line (link, serial number, bus and address) before the library's own lines about it.
 bool bringUsbHeadOnline(ztUsbProxyServer& server, const UsbHead& head);
+
+// The emulated USB head, started. Null when the emulation is missing, after saying so.
+std::unique_ptr<ztSimUsbHead> startSimUsbHead();
 
 } // namespace zt::tools

@@ -3,6 +3,7 @@
 #include "RecorderCore.h"
 
 #include "platform/TThread.h"
+#include "platform/le_bytes.h"
 #include "platform/zt_log.h"
 #include "ztProxyVersion.h"
 
@@ -15,31 +16,6 @@ namespace zt {
 namespace {
 
 const char kMagic[8] = {'Z', 'T', 'R', 'E', 'C', '0', '0', '1'};
-
-void putU32(char* p, std::uint32_t v)
-{
-    for (int i = 0; i < 4; ++i)
-        p[i] = static_cast<char>((v >> (8 * i)) & 0xFF);
-}
-
-void putU64(char* p, std::uint64_t v)
-{
-    for (int i = 0; i < 8; ++i)
-        p[i] = static_cast<char>((v >> (8 * i)) & 0xFF);
-}
-
-std::uint32_t getU32(const char* p)
-{
-    std::uint32_t v = 0;
-    for (int i = 3; i >= 0; --i)
-        v = (v << 8) | static_cast<unsigned char>(p[i]);
-    return v;
-}
-
-std::uint64_t getU64(const char* p)
-{
-    return getU32(p) | (static_cast<std::uint64_t>(getU32(p + 4)) << 32);
-}
 
 // A zero-padded text field: at most size - 1 characters, so that it always ends in a zero.
 void putText(char* p, std::size_t size, const std::string& text)
@@ -154,12 +130,12 @@ void RecorderCore::put(ztRecorder::Kind kind, unsigned channel, int status, std:
     auto record = [&](ztRecorder::Kind k, unsigned ch, int st, std::uint32_t x, const void* p1, std::size_t n1,
                       const void* p2, std::size_t n2) {
         char head[kRecordHeaderSize] = {};
-        putU32(head, static_cast<std::uint32_t>(kRecordHeaderSize + n1 + n2));
+        putLE(head, static_cast<std::uint32_t>(kRecordHeaderSize + n1 + n2), 4);
         head[4] = static_cast<char>(k);
         head[5] = static_cast<char>(ch & 0xFF);
-        putU32(head + 8, static_cast<std::uint32_t>(st));
-        putU32(head + 12, x);
-        putU64(head + 16, time);
+        putLE(head + 8, static_cast<std::uint32_t>(st), 4);
+        putLE(head + 12, x, 4);
+        putLE(head + 16, time, 8);
         copyIn(head, sizeof head);
         copyIn(p1, n1);
         copyIn(p2, n2);
@@ -177,7 +153,7 @@ void RecorderCore::put(ztRecorder::Kind kind, unsigned channel, int status, std:
     }
     if (lostNote > 0) {
         char count[8];
-        putU64(count, m_pendingLostBytes);
+        putLE(count, m_pendingLostBytes, 8);
         record(ztRecorder::NotRecorded, 0, static_cast<int>(std::min<std::uint64_t>(m_pendingLost, INT32_MAX)), 0,
                count, sizeof count, nullptr, 0);
         m_pendingLost = m_pendingLostBytes = 0;
@@ -232,15 +208,15 @@ void RecorderCore::writeHeader()
         std::lock_guard<std::mutex> lock(m_mutex);
         m_headerDirty = false;
         std::memcpy(h, kMagic, sizeof kMagic);
-        putU32(h + 8, static_cast<std::uint32_t>(kRecordingHeaderSize));
-        putU32(h + 12, m_header.link);
+        putLE(h + 8, static_cast<std::uint32_t>(kRecordingHeaderSize), 4);
+        putLE(h + 12, m_header.link, 4);
         putText(h + 16, 32, m_header.libraryVersion);
         putText(h + 48, 32, m_header.serialNumber);
-        putU32(h + 80, m_header.abilityKnown ? 1 : 0);
+        putLE(h + 80, m_header.abilityKnown ? 1 : 0, 4);
         std::uint32_t words[12];
         std::memcpy(words, &m_header.ability, sizeof words);
         for (int i = 0; i < 12; ++i)
-            putU32(h + 84 + 4 * i, words[i]);
+            putLE(h + 84 + 4 * i, words[i], 4);
         std::memcpy(h + 132, m_header.endpoints, sizeof m_header.endpoints);
     }
     const long end = std::ftell(m_file);
@@ -290,13 +266,13 @@ void RecorderCore::writerLoop()
     if (m_pendingLost > 0) {
         // The last records lost are noted at the end.
         char head[kRecordHeaderSize + 8] = {};
-        putU32(head, sizeof head);
+        putLE(head, sizeof head, 4);
         head[4] = static_cast<char>(ztRecorder::NotRecorded);
-        putU32(head + 8, static_cast<std::uint32_t>(std::min<std::uint64_t>(m_pendingLost, INT32_MAX)));
-        putU64(head + 16, static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+        putLE(head + 8, static_cast<std::uint32_t>(std::min<std::uint64_t>(m_pendingLost, INT32_MAX)), 4);
+        putLE(head + 16, static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
                                                          std::chrono::steady_clock::now() - m_origin)
-                                                         .count()));
-        putU64(head + kRecordHeaderSize, m_pendingLostBytes);
+                                                         .count()), 8);
+        putLE(head + kRecordHeaderSize, m_pendingLostBytes, 8);
         m_pendingLost = m_pendingLostBytes = 0;
         lock.unlock();
         if (!failed)
@@ -379,7 +355,7 @@ int ztRecorder::load(const std::string& path, Contents& out)
         rec.channel = static_cast<unsigned char>(r[5]);
         rec.status = static_cast<int>(getU32(r + 8));
         rec.requestSize = rec.kind == Command ? aux : 0;
-        rec.timeNs = getU64(r + 16);
+        rec.timeNs = getLE(r + 16, 8);
         rec.bytes.assign(r + kRecordHeaderSize, r + size);
         out.records.push_back(std::move(rec));
         at += size;

@@ -1,6 +1,6 @@
 // A USB head's session recorded, then replayed through the emulated head to a fresh
 // server: the application sees the same results and the same callbacks, in the same order.
-#include "support/data_calls.h"
+#include "record_app.h"
 #include "support/usb_online.h"
 #include "ztRecorder.h"
 #include "ztSimReplay.h"
@@ -18,16 +18,9 @@
 namespace {
 
 using namespace zt::test;
-using Calls = std::vector<std::pair<int, std::string>>;
 
 constexpr std::size_t kFrames = 3;
 constexpr std::size_t kFrameBytes = 200000; // several stream transfers per frame
-
-struct Outcome {
-    std::vector<int> results;
-    float exposure = 0;
-    Calls calls; // without the heartbeat answers, whose number depends on time
-};
 
 // libusb's default context and the emulated head's handle, while a head is up.
 struct Opened {
@@ -51,33 +44,16 @@ struct Opened {
     bool claimed = false;
 };
 
-// The application, as on the network link: online, a setting, a trigger, frames and a
-// marker, a query, two events, stop.
+// The application, as on the network link; the stream's marker packet is of type 512.
 Outcome runApplication(libusb_device_handle* handle, ztRecorder* recorder, const std::function<void(int)>& between)
 {
-    DataCalls seen;
-    ztUsbProxyServer server(ztSimUsbHead::deviceInfo(), handle);
-    server.registerModuleServerDataCB(&DataCalls::cb, &seen);
-    if (recorder != nullptr)
-        server.attachRecorder(recorder);
-    Outcome o;
-    o.results.push_back(server.init());
-    EXPECT_TRUE(waitUntil(3000, [&] { return server.isConnected(); }));
-    o.results.push_back(server.setCameraExposure(2500.0f));
-    o.results.push_back(server.sendTrigger());
-    between(0);
-    EXPECT_EQ(seen.waitCount(1280, kFrames, 5000), kFrames);
-    EXPECT_EQ(seen.waitCount(512, 1, 5000), 1u);
-    o.results.push_back(server.getCameraExposure(&o.exposure));
-    between(1);
-    EXPECT_EQ(seen.waitCount(301, 1, 5000), 1u);
-    o.results.push_back(server.sendStopTrigger());
-    server.deInit();
-    server.attachRecorder(nullptr);
-    for (auto& c : seen.all())
-        if (c.first != 2)
-            o.calls.push_back(c);
-    return o;
+    const auto online = [](ztUsbProxyServer& s) {
+        const int result = s.init();
+        EXPECT_TRUE(waitUntil(3000, [&] { return s.isConnected(); }));
+        return result;
+    };
+    return runApplicationOn<ztUsbProxyServer>(online, kFrames, 512, recorder, between,
+                                                      ztSimUsbHead::deviceInfo(), handle);
 }
 
 void liveHead(ztSimUsbHead& head, int phase)
@@ -150,13 +126,7 @@ TEST(UsbRecord, ReplayGivesTheApplicationWhatItSawLive)
     }
     EXPECT_TRUE(replay.waitDone(5000));
     replay.stop();
-    EXPECT_EQ(again.results, live.results);
-    EXPECT_EQ(again.exposure, live.exposure);
-    ASSERT_EQ(again.calls.size(), live.calls.size());
-    for (std::size_t i = 0; i < live.calls.size(); ++i) {
-        EXPECT_EQ(again.calls[i].first, live.calls[i].first) << "callback " << i;
-        EXPECT_TRUE(again.calls[i].second == live.calls[i].second) << "payload of callback " << i;
-    }
+    expectSameOutcome(again, live);
     EXPECT_EQ(replay.unmatchedCommands(), 0);
     std::remove(path.c_str());
 }

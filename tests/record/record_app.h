@@ -1,0 +1,71 @@
+// The application the record tests run on either link, live against a head with a
+// recorder attached and again against the replay of its recording: online, a setting, a
+// trigger, frames and a marker packet, a query, two events, stop.
+#pragma once
+
+#include "support/data_calls.h"
+#include "ztRecorder.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace zt::test {
+
+// What the application saw.
+struct Outcome {
+    std::vector<int> results;
+    float exposure = 0;
+    std::vector<std::pair<int, std::string>> calls; // without the heartbeat answers, whose number depends on time
+};
+
+// Runs the application on a Server made of serverArgs: online() brings it online (its result
+// counts among the results), then it waits for `frames` frames and one packet of
+// markerType, and for the two events. between(n) runs at the two points where the head
+// has something to send.
+template <class Server, class... ServerArgs>
+Outcome runApplicationOn(const std::function<int(Server&)>& online, std::size_t frames, int markerType,
+                       ztRecorder* recorder, const std::function<void(int)>& between, ServerArgs&&... serverArgs)
+{
+    DataCalls seen;
+    Server server(std::forward<ServerArgs>(serverArgs)...);
+    server.registerModuleServerDataCB(&DataCalls::cb, &seen);
+    if (recorder != nullptr)
+        server.attachRecorder(recorder);
+    Outcome o;
+    o.results.push_back(online(server));
+    o.results.push_back(server.setCameraExposure(2500.0f));
+    o.results.push_back(server.sendTrigger());
+    between(0);
+    EXPECT_EQ(seen.waitCount(1280, frames, 5000), frames);
+    EXPECT_EQ(seen.waitCount(markerType, 1, 5000), 1u);
+    o.results.push_back(server.getCameraExposure(&o.exposure));
+    between(1);
+    EXPECT_EQ(seen.waitCount(301, 1, 5000), 1u);
+    o.results.push_back(server.sendStopTrigger());
+    server.deInit();
+    server.attachRecorder(nullptr);
+    for (auto& c : seen.all())
+        if (c.first != 2)
+            o.calls.push_back(c);
+    return o;
+}
+
+// The replayed session gave the application the same results, values and callbacks, in
+// the same order.
+inline void expectSameOutcome(const Outcome& again, const Outcome& live)
+{
+    EXPECT_EQ(again.results, live.results);
+    EXPECT_EQ(again.exposure, live.exposure);
+    ASSERT_EQ(again.calls.size(), live.calls.size());
+    for (std::size_t i = 0; i < live.calls.size(); ++i) {
+        EXPECT_EQ(again.calls[i].first, live.calls[i].first) << "callback " << i;
+        EXPECT_TRUE(again.calls[i].second == live.calls[i].second) << "payload of callback " << i;
+    }
+}
+
+} // namespace zt::test
