@@ -160,7 +160,8 @@ TEST(TCPServer, StopClosesConnectionsReleasesSendersAndFreesThePortAtOnce)
         std::string big(64 << 20, 'z');
         blocked = server.sendMsg(big.data(), static_cast<int>(big.size()));
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // gives the sender time to fill the buffers
+    // Once its first bytes arrive the sender is inside sendMsg, with 64 MiB to go.
+    ASSERT_FALSE(receive(peer, 1).empty());
     server.stopThread();
     sender.join();
     EXPECT_EQ(blocked, -1);
