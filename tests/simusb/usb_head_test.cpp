@@ -1,6 +1,7 @@
 // The emulated USB head against plain libusb calls: descriptors, command exchange, split and
-// coalesced replies, heartbeats and events, errors, unplug and reconnect. (The stream and
-// the device's own replies are read by the server's and the catalogue's tests.)
+// coalesced replies, an idle event loop, errors, unplug and reconnect. (The stream, the
+// heartbeat answers, events and the device's own replies are read by the server's, the
+// fault and the catalogue tests.)
 #include "ztSimUsbHead.h"
 
 #include <gtest/gtest.h>
@@ -188,39 +189,6 @@ TEST_F(UsbHead, EnumeratesAndAnswersCommandsWithExactBytes)
     }
     EXPECT_EQ(sizes, (std::vector<size_t>{8, 8, 1, 1}));
     EXPECT_EQ(got, msg);
-}
-
-TEST_F(UsbHead, HeartbeatsAreAnsweredOnEventInAndEventsArePushed)
-{
-    Xfer& ev = xfer(Head::kEventIn, 4096, 300);
-    const Bytes beat = Head::message(Head::kHeartbeatType, nullptr, 0);
-    ASSERT_EQ(beat, (Bytes{'\xAA', 8, 0, 0, 0, 2, 0, '\xBB'}));
-    ASSERT_EQ(ev.submit(), 0);
-    ASSERT_EQ(sendOut(beat, Head::kHeartbeatOut), 0);
-    ASSERT_TRUE(wait(ev));
-    EXPECT_EQ(ev.got, beat);
-    // Not answered: the event transfer times out, as with a head that has nothing to say.
-    head.setAnswerHeartbeats(false);
-    ASSERT_EQ(ev.submit(), 0);
-    ASSERT_EQ(sendOut(beat, Head::kHeartbeatOut), 0);
-    ASSERT_TRUE(wait(ev));
-    EXPECT_EQ(ev.status, LIBUSB_TRANSFER_TIMED_OUT);
-    EXPECT_EQ(head.heartbeatsReceived(), 2);
-
-    // Pushed events: one per completion, in order; silence holds them back.
-    head.setSilent(true);
-    const Bytes e1 = Head::message(0x0200, "x", 1), e2 = Head::message(0x0201, "yz", 2);
-    ASSERT_EQ(head.pushEvent(e1), 9);
-    ASSERT_EQ(head.pushEvent(e2), 10);
-    ASSERT_EQ(ev.submit(), 0);
-    ASSERT_TRUE(wait(ev));
-    EXPECT_EQ(ev.status, LIBUSB_TRANSFER_TIMED_OUT);
-    head.setSilent(false);
-    for (const Bytes& e : {e1, e2}) {
-        ASSERT_EQ(ev.submit(), 0);
-        ASSERT_TRUE(wait(ev));
-        EXPECT_EQ(ev.got, e);
-    }
 }
 
 double processCpuSeconds()
