@@ -216,6 +216,14 @@ TEST(ImageAssembler, RecordsFullAndCutout)
     EXPECT_TRUE(std::equal(first.begin(), first.end(), out.image)); // b's calls left a's image alone
     ASSERT_EQ(convert(a, Cutout, cut, out), 0);
     EXPECT_EQ(out.image[10], 10);
+    // More than 255 parts, some beyond column 255: the count and the positions are 16 bits.
+    Record many(97, 400, 2);
+    many.u16(300);
+    for (int x = 0; x < 300; ++x)
+        many.part(x, 0, 1, 1, static_cast<unsigned char>(x + 1));
+    ASSERT_EQ(convert(a, Cutout, many, out), 0);
+    for (int x = 0; x < 800; ++x)
+        ASSERT_EQ(out.image[x], x < 300 ? static_cast<unsigned char>(x + 1) : 0) << x;
 
     // A null record or output fails without touching the outputs.
     zt::test::LogCapture log;
