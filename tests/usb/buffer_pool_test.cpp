@@ -45,10 +45,11 @@ struct TrackingAllocator {
     ztPoolDataAllocator seam() { return {&allocate, &release, this}; }
 };
 
+// Every free frame; no more than 1000, so that a pool handing out a frame twice ends.
 std::vector<ztPoolFrame*> takeAll(ztBufferPool& pool)
 {
     std::vector<ztPoolFrame*> taken;
-    while (ztPoolFrame* f = pool.getOneFramefromPool())
+    for (ztPoolFrame* f = pool.getOneFramefromPool(); f != nullptr && taken.size() < 1000; f = pool.getOneFramefromPool())
         taken.push_back(f);
     return taken;
 }
