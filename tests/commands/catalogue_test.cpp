@@ -13,10 +13,7 @@
 #include "ztSimNetworkHead.h"
 
 #ifdef ZT_TEST_LINK_USB
-#include "ztSimUsbHead.h"
-#include "ztUsbProxyServer.h"
-
-#include <libusb.h>
+#include "support/usb_online.h"
 #endif
 
 #include <gtest/gtest.h>
@@ -536,21 +533,19 @@ std::vector<Row> edges()
 }
 
 // The link under test, online against its simulated head.
-class Link {
-public:
-    ~Link() { disconnect(); }
-    // An empty text once online, else what went wrong.
-    std::string start() { return head.start() == 0 ? connect() : "the simulated head cannot start"; }
-    void feed(unsigned short type, const Feed& f)
-    {
-        switch (f.kind) {
-        case Feed::Status: head.setStatusReply(type, f.status); break;
-        case Feed::Echo: head.setEchoReply(type, f.bytes); break;
-        case Feed::Raw: head.setRawReply(type, {f.bytes}); break;
-        case Feed::None: head.setNoReply(type); break;
-        }
-    }
 #ifdef ZT_TEST_LINK_NETWORK
+struct Online {
+    Head head;
+    zt::test::DataCalls calls;
+    std::unique_ptr<Server> server;
+
+    bool start() { return head.start() == 0 && startServer(); }
+    bool startServer()
+    {
+        server = std::make_unique<Server>();
+        server->registerModuleServerDataCB(&zt::test::DataCalls::cb, &calls);
+        return server->init("127.0.0.1", "127.0.0.1", "SN-CATALOGUE") == 0 && server->isConnected();
+    }
     // Makes every later exchange fail at its send: the head closes the command connection.
     // The first request after that still leaves the host and is answered with a reset;
     // from then on each send fails at once. The pre-trigger, which waits for nothing,
@@ -566,25 +561,17 @@ public:
         return false;
     }
     // A new server object, online over four new connections.
-    std::string restore()
+    bool restore()
     {
         server.reset();
         for (const auto c : {Head::Command, Head::Data, Head::CommandData, Head::LightPen})
             if (!head.waitDisconnected(c, 5000))
-                return "the head still holds channel " + std::to_string(c);
-        return connect();
+                return false;
+        return startServer();
     }
-
-private:
-    std::string connect()
-    {
-        server = std::make_unique<Server>();
-        server->registerModuleServerDataCB(&zt::test::DataCalls::cb, &calls);
-        const int rc = server->init("127.0.0.1", "127.0.0.1", "SN-CATALOGUE");
-        return rc == 0 && server->isConnected() ? std::string() : "init returned " + std::to_string(rc);
-    }
-    void disconnect() { server.reset(); }
+};
 #else
+struct Online : zt::test::UsbOnline {
     // Unplugged, the device fails every transfer on the open handle at once; plugged back
     // in, a new handle and a new server object come online.
     bool breakExchanges()
@@ -592,73 +579,47 @@ private:
         head.unplug();
         return head.isUnplugged();
     }
-    std::string restore()
+    bool restore()
     {
-        disconnect();
+        close();
         head.replug();
-        return connect();
+        return openHandle() && startServer();
     }
-
-private:
-    std::string connect()
-    {
-        if (libusb_init(nullptr) != 0)
-            return "libusb_init failed";
-        m_libusb = true;
-        if ((m_handle = libusb_open_device_with_vid_pid(nullptr, Head::kVendor, Head::kProduct)) == nullptr ||
-            libusb_claim_interface(m_handle, Head::kInterface) != 0)
-            return "the emulated head cannot be opened and claimed";
-        server = std::make_unique<Server>(Head::deviceInfo(), m_handle);
-        server->registerModuleServerDataCB(&zt::test::DataCalls::cb, &calls);
-        const int rc = server->init();
-        return rc == 0 ? std::string() : "init returned " + std::to_string(rc);
-    }
-    void disconnect()
-    {
-        if (server)
-            server->deInit();
-        server.reset();
-        if (m_handle != nullptr) {
-            libusb_release_interface(m_handle, Head::kInterface);
-            libusb_close(m_handle);
-            m_handle = nullptr;
-        }
-        if (m_libusb)
-            libusb_exit(nullptr);
-        m_libusb = false;
-    }
-    bool m_libusb = false;
-    libusb_device_handle* m_handle = nullptr;
+};
 #endif
 
-public:
-    Head head;
-    zt::test::DataCalls calls;
-    std::unique_ptr<Server> server;
-};
+void feed(Head& head, unsigned short type, const Feed& f)
+{
+    switch (f.kind) {
+    case Feed::Status: head.setStatusReply(type, f.status); break;
+    case Feed::Echo: head.setEchoReply(type, f.bytes); break;
+    case Feed::Raw: head.setRawReply(type, {f.bytes}); break;
+    case Feed::None: head.setNoReply(type); break;
+    }
+}
 
 // One link per test program, brought online by the first test and shared by the rest.
 class DeviceCommands : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        s_link = new Link;
-        s_problem = s_link->start();
+        s_link = new Online;
+        s_online = s_link->start();
     }
     static void TearDownTestSuite() { delete s_link; }
-    void SetUp() override { ASSERT_TRUE(s_problem.empty()) << s_problem; }
+    void SetUp() override { ASSERT_TRUE(s_online) << "the link did not come online"; }
 
     // Runs a row against its answer: the request, the result, the outputs, the lines and the
     // reply handed on.
     static void run(const Row& row)
     {
-        Link& link = *s_link;
+        Online& link = *s_link;
         SCOPED_TRACE(row.name + ", type " + std::to_string(row.type));
         if (!row.has(kRefused)) {
             link.head.resetReplies();
             link.head.clearCommands();
         }
-        link.feed(row.type, row.waits() ? row.feed : kNoReply);
+        feed(link.head, row.type, row.waits() ? row.feed : kNoReply);
         const std::size_t handedBefore = link.calls.count(row.type);
         LogCapture log(ZTLOG_LEVEL_INFO);
         Out out;
@@ -687,8 +648,8 @@ protected:
         EXPECT_FALSE(s_link->head.nextCommand(got, 0)) << "a further request of type " << got.type;
     }
 
-    static inline Link* s_link = nullptr;
-    static inline std::string s_problem;
+    static inline Online* s_link = nullptr;
+    static inline bool s_online = false;
 };
 
 TEST_F(DeviceCommands, EveryCatalogueRowOnTheWireWithItsResultsAndFailures)
@@ -723,8 +684,8 @@ TEST_F(DeviceCommands, EveryCatalogueRowOnTheWireWithItsResultsAndFailures)
         EXPECT_EQ(dump(out), dump(Out()));
         expectLines(log, row.name, row.sendFailure());
     }
-    s_problem = s_link->restore();
-    ASSERT_TRUE(s_problem.empty()) << "the link did not come back online: " << s_problem;
+    s_online = s_link->restore();
+    ASSERT_TRUE(s_online) << "the link did not come back online";
 }
 
 TEST_F(DeviceCommands, EdgeCasesShortRepliesAndRefusedArguments)

@@ -19,6 +19,8 @@ using zt::test::Clock;
 using zt::test::DataCalls;
 using zt::test::LogCapture;
 using zt::test::msSince;
+using zt::test::RawCommand;
+using zt::test::streamPacket;
 using zt::test::UsbOnline;
 using Head = ztSimUsbHead;
 
@@ -30,30 +32,12 @@ constexpr long long kSlackMs = 2000;
 // The offline declaration: five silent 500 ms heartbeat periods, then the release pause.
 constexpr long long kOfflineMs = 3000;
 
-// A raw exchange through the server's control path with its own reply buffer.
-struct Exchange {
-    std::vector<char> reply = std::vector<char>(4096, 0);
-    int run(ztUsbProxyServer& server, unsigned short type, int timeoutMs)
-    {
-        std::fill(reply.begin(), reply.end(), 0);
-        auto req = Head::message(type, "\x01\x00\x00\x00", 4);
-        return server.sendCtrlCmd(req.data(), static_cast<int>(req.size()), reply.data(), true, timeoutMs);
-    }
-    std::vector<char> status() const { return std::vector<char>(reply.begin(), reply.begin() + 12); }
-};
-
-std::vector<char> streamPacket(std::size_t bodySize)
-{
-    const std::string body(bodySize, 'u');
-    return Head::extendedPacket(1280, 1, body.data(), body.size());
-}
-
 // Every frame delivered is the unit; how many there are.
 std::size_t unitsDelivered(UsbOnline& o, const std::vector<char>& unit)
 {
     const auto got = o.calls.payloads(1280);
     for (const auto& p : got)
-        EXPECT_EQ(p, std::string(unit.begin() + 7, unit.end() - 1));
+        EXPECT_EQ(p, zt::test::payloadOf(unit));
     return got.size();
 }
 
@@ -70,7 +54,7 @@ TEST(UsbFaults, StreamAndCommandsThroughTransferErrorBursts)
     const auto unit = streamPacket(50000);
     o.head.startStream(unit, 0, 2e6);
     ASSERT_TRUE(o.startServer());
-    Exchange x;
+    RawCommand x;
     for (int i = 0; i < 2000 && (i < 10 || o.calls.count(1280) < 10); ++i) {
         o.head.setStatusReply(13, i);
         ASSERT_EQ(x.run(*o.server, 13, 3000), 0);
@@ -234,20 +218,25 @@ TEST(UsbFaults, StaleRepliesAndTheNextCommand)
     ASSERT_TRUE(o.start());
     ASSERT_TRUE(o.waitConnected());
     o.head.startStream(streamPacket(20000), 0, 2e6);
-    Exchange x;
+    RawCommand x;
     short w = 0, h = 0;
     auto getSize = [&] { return o.server->getImageSize(&w, &h); };
-    // A command's reply may reach the host after the command returned (it took an
-    // earlier one): control IN hands out whatever is queued before the next phase.
-    auto settle = [&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        EXPECT_TRUE(o.head.waitPending(Head::kCtrlIn, 1, 2000));
+    // No reply is left in the head for the host once a command is answered with its own
+    // status: replies leave in the order of their requests.
+    int tag = 900;
+    auto flush = [&] {
+        for (int i = 0; i < 10; ++i, ++tag) {
+            o.head.setStatusReply(13, tag);
+            if (x.run(*o.server, 13, 3000) == 0 && x.status() == Head::statusMessage(tag))
+                return;
+        }
+        ADD_FAILURE() << "the head still holds replies";
     };
     // A command times out while control IN fails, so its reply waits in the head; the
     // next command's reply is set, and control IN delivers again once that command's
     // request is out.
     auto nextWhileHeld = [&](unsigned short staleType) {
-        settle();
+        flush();
         o.head.failTransfers(true, EPROTO);
         EXPECT_EQ(x.run(*o.server, staleType, 300), -1);
         o.head.setEchoReply(4, {0, 0, 0, 0, 0, 4, 0, 3}); // 1024 x 768
@@ -263,23 +252,19 @@ TEST(UsbFaults, StaleRepliesAndTheNextCommand)
         return result;
     };
 
-    // A late reply of the expected type passes for the next command's own.
+    // A late reply of the expected type passes for the next command's own; a late status
+    // reply fails a query: wrong type.
     o.head.setEchoReply(4, {0, 0, 0, 0, '\x80', 2, '\xE0', 1}); // 640 x 480
     EXPECT_EQ(nextWhileHeld(4), 0);
-    EXPECT_EQ(w, 640);
-    EXPECT_EQ(h, 480);
-    // Its own reply came after it and is emptied by the command after.
-    settle();
+    EXPECT_EQ(w * 10000 + h, 640 * 10000 + 480);
+    flush();
     EXPECT_EQ(getSize(), 0);
-    EXPECT_EQ(w, 1024);
-    EXPECT_EQ(h, 768);
-
-    // A late status reply fails a query: wrong type.
+    EXPECT_EQ(w * 10000 + h, 1024 * 10000 + 768);
     w = h = 0;
     EXPECT_EQ(nextWhileHeld(13), -1);
     EXPECT_EQ(log.count("ztUsbProxyServer::[getImageSize] receive data error"), 1);
     EXPECT_EQ(w, 0);
-    settle();
+    flush();
     EXPECT_EQ(getSize(), 0);
     EXPECT_EQ(w, 1024);
     EXPECT_EQ(log.count("ztUsbProxyServer::sendCtrlCmd timeout"), 2);
@@ -301,7 +286,7 @@ TEST(UsbFaults, FullStreamPoolStallsNeitherCommandsNorEventsNorTheHeartbeat)
     for (int i = 0; i < 100; ++i)
         o.head.pushStream(packet);
 
-    Exchange x;
+    RawCommand x;
     const auto t0 = Clock::now();
     for (int i = 0; msSince(t0) < kOfflineMs; ++i) {
         o.head.setStatusReply(13, 50 + i);

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -16,63 +15,43 @@ Msg create(int type, unsigned int sub, int length, const void* data)
 {
     return Msg(zt_msg_create(type, sub, length, data), &zt_msg_release);
 }
-Bytes bytesOf(const void* msg)
-{
-    const auto* p = static_cast<const unsigned char*>(msg);
-    return Bytes(p, p + zt_msg_get_full_size(msg));
-}
 
-TEST(ProxyMessage, CreateWritesTheHeaderAndPayloadLittleEndian)
+TEST(ProxyMessage, HeaderAndPayloadOnTheWireAndWhatTheGettersRead)
 {
     const unsigned char payload[] = {0xDE, 0xAD, 0xBE, 0xEF, 0x01};
     Msg msg = create(3, 0x20002, 5, payload);
     ASSERT_NE(msg, nullptr);
-    EXPECT_EQ(bytesOf(msg.get()), (Bytes{0x24, 0x23, 0x00, 0x00, 0x03, 0x00, 0x00, 0x00, 0x02, 0x00, 0x02, 0x00, 0x05,
-                                         0x00, 0x00, 0x00, 0xDE, 0xAD, 0xBE, 0xEF, 0x01}));
-    EXPECT_EQ(zt_msg_is_avalible(msg.get()), 0);
-    EXPECT_EQ(zt_msg_get_msg_type(msg.get()), 3);
-    EXPECT_EQ(zt_msg_get_sub_type(msg.get()), 0x20002u);
-    EXPECT_EQ(zt_msg_get_data_len(msg.get()), 5);
+    const auto* p = reinterpret_cast<const unsigned char*>(msg.get());
+    EXPECT_EQ(Bytes(p, p + zt_msg_get_full_size(msg.get())),
+              (Bytes{0x24, 0x23, 0, 0, 3, 0, 0, 0, 0x02, 0, 0x02, 0, 5, 0, 0, 0, 0xDE, 0xAD, 0xBE, 0xEF, 0x01}));
     EXPECT_EQ(zt_msg_get_data(msg.get()), reinterpret_cast<char*>(msg.get()) + 16);
 
-    // No payload: a bare 16-byte header; the high half of the sub type travels too.
+    // The high half of the sub type travels; a length without data leaves the payload to
+    // the caller; a negative length is stored as given; type 0 is refused.
     msg = create(-7, 0xFFFF0001u, 0, nullptr);
     EXPECT_EQ(zt_msg_get_full_size(msg.get()), 16);
     EXPECT_EQ(zt_msg_get_msg_type(msg.get()), -7);
     EXPECT_EQ(zt_msg_get_sub_type(msg.get()), 0xFFFF0001u);
-    // A length without data leaves the payload to the caller.
-    msg = create(1, 0x40001, 8, nullptr);
-    EXPECT_EQ(zt_msg_get_full_size(msg.get()), 24);
-    // A negative length is stored as given, nothing is copied.
+    EXPECT_EQ(zt_msg_get_full_size(create(1, 0x40001, 8, nullptr).get()), 24);
     const char some[16] = {1};
     msg = create(2, 0x20000, -5, some);
     EXPECT_EQ(zt_msg_get_data_len(msg.get()), -5);
     EXPECT_EQ(zt_msg_get_full_size(msg.get()), 11);
-    // Type 0 is refused.
     EXPECT_EQ(create(0, 0x10001, 4, some), nullptr);
-    EXPECT_EQ(create(0, 0, 0, nullptr), nullptr);
-}
 
-TEST(ProxyMessage, AvailabilityLooksAtTheMagicOnlyAndGettersCheckNothingElse)
-{
-    // Type, sub type, length and the reserved bytes do not matter.
+    // Only the little-endian magic makes a message; the getters read any header.
     unsigned char raw[16] = {0x24, 0x23, 0xFF, 0xFF, 3, 0, 0, 0, 0x05, 0, 1, 0, 4, 0, 0, 0};
     EXPECT_EQ(zt_msg_is_avalible(raw), 0);
-    // The big-endian magic, or any other pair, is not a message; the getters read anyway.
     for (const auto& magic : {Bytes{0x23, 0x24}, Bytes{0x24, 0x00}, Bytes{0x25, 0x23}}) {
         std::memcpy(raw, magic.data(), 2);
         EXPECT_EQ(zt_msg_is_avalible(raw), -1);
     }
-    EXPECT_EQ(zt_msg_get_msg_type(raw), 3);
     EXPECT_EQ(zt_msg_get_sub_type(raw), 0x10005u);
-    EXPECT_EQ(zt_msg_get_data_len(raw), 4);
     EXPECT_EQ(zt_msg_get_full_size(raw), 20);
 
     EXPECT_EQ(zt_msg_is_avalible(nullptr), -1);
     EXPECT_EQ(zt_msg_get_msg_type(nullptr), 0);
-    EXPECT_EQ(zt_msg_get_sub_type(nullptr), 0u);
     EXPECT_EQ(zt_msg_get_data(nullptr), nullptr);
-    EXPECT_EQ(zt_msg_get_data_len(nullptr), 0);
     EXPECT_EQ(zt_msg_get_full_size(nullptr), 0);
     zt_msg_release(nullptr);
 }

@@ -83,34 +83,28 @@ int convert(ztImageAssembler& a, Kind kind, Record& rec, Outputs& out)
 } // namespace
 
 // Every 16-bit value against the formula (black below 144, 255 up to 1027, then the byte
-// wraps), in the image and rewritten into the source, by the vector code and, in runs of
-// 31 pixels (shorter than one vector turn), by the one-pixel code too; only count pixels,
-// the rest of the image 0 and of the source untouched.
+// wraps), in the image and rewritten into the source: by the vector code in one image, and
+// in runs of 31 pixels (shorter than one vector turn) by the one-pixel code. Only count
+// pixels are converted: the rest of the image is 0 and of the source untouched.
 TEST(ImageAssembler, ScalesExactlyTheCountedPixels)
 {
-    std::vector<unsigned short> src(65536);
-    for (int v = 0; v < 65536; ++v)
-        src[v] = static_cast<unsigned short>(v);
     ztImageAssembler a;
-    const cv::Mat image = a.imageFormat_16To8(src.data(), 65536, 256, 256);
-    ASSERT_EQ(image.type(), CV_8UC1);
-    ASSERT_EQ(image.size(), cv::Size(256, 256));
-    ASSERT_TRUE(image.isContinuous());
-    for (int v = 0; v < 65536; ++v) {
-        ASSERT_EQ(src[v], formula(v)) << v;
-        ASSERT_EQ(image.data[v], static_cast<unsigned char>(formula(v))) << v;
+    for (const int run : {65536, 31}) {
+        std::vector<unsigned short> src(65536);
+        for (int v = 0; v < 65536; ++v)
+            src[v] = static_cast<unsigned short>(v);
+        for (int start = 0; start < 65536; start += run) {
+            const int n = std::min(run, 65536 - start);
+            const cv::Mat image = a.imageFormat_16To8(src.data() + start, n, n / 256 + (n < 256), std::min(n, 256));
+            ASSERT_EQ(image.type(), CV_8UC1);
+            ASSERT_TRUE(image.isContinuous());
+            for (int i = 0; i < n; ++i)
+                ASSERT_EQ(image.data[i], static_cast<unsigned char>(formula(start + i))) << start + i;
+        }
+        for (int v = 0; v < 65536; ++v)
+            ASSERT_EQ(src[v], formula(v)) << v;
+        EXPECT_EQ(std::vector<int>({src[143], src[1027], src[1028], src[65535]}), std::vector<int>({0, 255, 256, 18948}));
     }
-    EXPECT_EQ(std::vector<int>({src[143], src[1027], src[1028], src[1200], src[65535]}), std::vector<int>({0, 255, 256, 306, 18948}));
-    for (int v = 0; v < 65536; ++v)
-        src[v] = static_cast<unsigned short>(v);
-    for (int start = 0; start < 65536; start += 31) {
-        const int n = std::min(31, 65536 - start);
-        const cv::Mat run = a.imageFormat_16To8(src.data() + start, n, 1, n);
-        for (int i = 0; i < n; ++i)
-            ASSERT_EQ(run.data[i], static_cast<unsigned char>(formula(start + i))) << start + i;
-    }
-    for (int v = 0; v < 65536; ++v)
-        ASSERT_EQ(src[v], formula(v)) << v;
 
     const int rows = 61, cols = 173;
     for (int count : {0, 1, 3, 17, 4097, 10001}) {
@@ -222,6 +216,14 @@ TEST(ImageAssembler, RecordsFullAndCutout)
     EXPECT_TRUE(std::equal(first.begin(), first.end(), out.image)); // b's calls left a's image alone
     ASSERT_EQ(convert(a, Cutout, cut, out), 0);
     EXPECT_EQ(out.image[10], 10);
+    // More than 255 parts, some beyond column 255: the count and the positions are 16 bits.
+    Record many(97, 400, 2);
+    many.u16(300);
+    for (int x = 0; x < 300; ++x)
+        many.part(x, 0, 1, 1, static_cast<unsigned char>(x + 1));
+    ASSERT_EQ(convert(a, Cutout, many, out), 0);
+    for (int x = 0; x < 800; ++x)
+        ASSERT_EQ(out.image[x], x < 300 ? static_cast<unsigned char>(x + 1) : 0) << x;
 
     // A null record or output fails without touching the outputs.
     zt::test::LogCapture log;

@@ -156,11 +156,13 @@ TEST(TCPServer, StopClosesConnectionsReleasesSendersAndFreesThePortAtOnce)
     const int port = server.port();
     // A sender blocked on a peer that never reads is released by the stop.
     std::atomic<int> blocked{1};
-    std::thread sender([&] {
-        std::string big(64 << 20, 'z');
-        blocked = server.sendMsg(big.data(), static_cast<int>(big.size()));
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // gives the sender time to fill the buffers
+    const std::string big(64 << 20, 'z');
+    std::thread sender([&] { blocked = server.sendMsg(big.data(), static_cast<int>(big.size())); });
+    // Once its first bytes arrive the sender is inside sendMsg, with 64 MiB to go.
+    std::vector<char> first;
+    for (int i = 0; i < 500 && first.empty(); ++i)
+        first = peer.readFor(20);
+    EXPECT_FALSE(first.empty());
     server.stopThread();
     sender.join();
     EXPECT_EQ(blocked, -1);

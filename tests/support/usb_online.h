@@ -9,10 +9,13 @@
 
 #include <libusb.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace zt::test {
 
@@ -31,6 +34,32 @@ inline bool waitUntil(int timeoutMs, const std::function<bool()>& pred)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     return pred();
 }
+
+// What the data callback is given for an embedded message: its payload.
+inline std::string payloadOf(const std::vector<char>& message)
+{
+    return std::string(message.begin() + 7, message.end() - 1);
+}
+
+// One extended-header stream packet of type 1280 with bodySize payload bytes.
+inline std::vector<char> streamPacket(std::size_t bodySize, char fill = 'u')
+{
+    const std::string body(bodySize, fill);
+    return ztSimUsbHead::extendedPacket(1280, 1, body.data(), body.size());
+}
+
+// A request of the given type (payload 1) through the server's control path, into a reply
+// buffer of its own; status() is the first 12 bytes of the reply, a whole status reply.
+struct RawCommand {
+    std::vector<char> reply = std::vector<char>(4096, 0);
+    int run(ztUsbProxyServer& server, unsigned short type, int timeoutMs)
+    {
+        std::fill(reply.begin(), reply.end(), 0);
+        auto req = ztSimUsbHead::message(type, "\x01\x00\x00\x00", 4);
+        return server.sendCtrlCmd(req.data(), static_cast<int>(req.size()), reply.data(), true, timeoutMs);
+    }
+    std::vector<char> status() const { return std::vector<char>(reply.begin(), reply.begin() + 12); }
+};
 
 struct UsbOnline {
     ztSimUsbHead head;

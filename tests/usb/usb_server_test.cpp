@@ -17,14 +17,10 @@
 using zt::test::Clock;
 using zt::test::LogCapture;
 using zt::test::msSince;
+using zt::test::payloadOf;
 using Head = ztSimUsbHead;
 
 namespace {
-
-std::string payloadOf(const std::vector<char>& message)
-{
-    return std::string(message.begin() + 7, message.end() - 1);
-}
 
 int requestsOf(Head& head, unsigned short type)
 {
@@ -228,36 +224,31 @@ TEST(UsbServer, ControlExchange)
     LogCapture log;
     zt::test::UsbOnline o;
     ASSERT_TRUE(o.start());
-    std::vector<char> reply(0xA00000, 0);
-    auto send = [&](unsigned short type, int timeoutMs) {
-        auto req = Head::message(type, "\x01\x00\x00\x00", 4);
-        return o.server->sendCtrlCmd(req.data(), static_cast<int>(req.size()), reply.data(), true, timeoutMs);
-    };
-    auto replyBytes = [&]() { return std::vector<char>(reply.begin(), reply.begin() + 12); };
+    zt::test::RawCommand x;
 
     // A reply split so that its tail byte comes alone completes normally; short pieces
     // before a reply are noise.
     const auto status = Head::statusMessage(7);
     o.head.setRawReply(13, {{0x01, 0x02, 0x03}, std::vector<char>(status.begin(), status.end() - 1), {'\xBB'}});
-    ASSERT_EQ(send(13, 3000), 0);
-    EXPECT_EQ(replyBytes(), status);
+    ASSERT_EQ(x.run(*o.server, 13, 3000), 0);
+    EXPECT_EQ(x.status(), status);
 
-    // Two replies in one transfer: the first is taken...
+    // Two replies in one transfer: the first is taken, and the second does not pass for
+    // the next command's reply: it is emptied first.
     auto two = Head::statusMessage(1);
     const auto second = Head::statusMessage(2);
     two.insert(two.end(), second.begin(), second.end());
     o.head.setRawReply(13, {two});
-    ASSERT_EQ(send(13, 3000), 0);
-    EXPECT_EQ(replyBytes(), Head::statusMessage(1));
-    // ...and the second does not pass for the next command's reply: it is emptied first.
+    ASSERT_EQ(x.run(*o.server, 13, 3000), 0);
+    EXPECT_EQ(x.status(), Head::statusMessage(1));
     o.head.setStatusReply(13, 3);
-    ASSERT_EQ(send(13, 3000), 0);
-    EXPECT_EQ(replyBytes(), Head::statusMessage(3));
+    ASSERT_EQ(x.run(*o.server, 13, 3000), 0);
+    EXPECT_EQ(x.status(), Head::statusMessage(3));
 
     // No reply: the time-out with its log line.
     o.head.setNoReply(13);
     const auto t0 = Clock::now();
-    EXPECT_EQ(send(13, 200), -1);
+    EXPECT_EQ(x.run(*o.server, 13, 200), -1);
     EXPECT_GE(msSince(t0), 200);
     EXPECT_EQ(log.count("ztUsbProxyServer::sendCtrlCmd timeout"), 1);
 
@@ -285,8 +276,8 @@ TEST(UsbServer, ControlExchange)
     // Without a device handle: -1 at once, no log.
     log.clear();
     ztUsbProxyServer none(Head::deviceInfo(), nullptr);
-    EXPECT_EQ(none.sendCtrlCmd(req.data(), 8, reply.data(), true, 1000), -1);
-    EXPECT_EQ(none.sendCtrlCmd_2(req.data(), 8, reply.data(), 100, true, 1000), -1);
+    EXPECT_EQ(none.sendCtrlCmd(req.data(), 8, large.data(), true, 1000), -1);
+    EXPECT_EQ(none.sendCtrlCmd_2(req.data(), 8, large.data(), 100, true, 1000), -1);
     EXPECT_TRUE(log.lines().empty());
 }
 
