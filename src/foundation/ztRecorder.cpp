@@ -122,9 +122,10 @@ void RecorderCore::copyIn(const void* p, std::size_t n)
 void RecorderCore::put(ztRecorder::Kind kind, unsigned channel, int status, std::uint32_t aux, const void* a,
                        std::size_t na, const void* b, std::size_t nb)
 {
-    const auto now = std::chrono::steady_clock::now();
     const std::size_t size = kRecordHeaderSize + na + nb;
     std::lock_guard<std::mutex> lock(m_mutex);
+    // Read under the lock, so that the records of several threads are in time order.
+    const auto now = std::chrono::steady_clock::now();
     const std::uint64_t time = static_cast<std::uint64_t>(
         std::max<std::int64_t>(0, std::chrono::duration_cast<std::chrono::nanoseconds>(now - m_origin).count()));
     auto record = [&](ztRecorder::Kind k, unsigned ch, int st, std::uint32_t x, const void* p1, std::size_t n1,
