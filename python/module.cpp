@@ -89,6 +89,9 @@ PYBIND11_MODULE(ztproxy, m)
     using namespace ztpy;
     m.doc() = "Python bindings of libztProxyProtocol: the scanner-head links, the module proxy and the simulated "
               "heads.";
+    // NumPy is loaded now rather than by the first callback, on one of the library's threads.
+    py::module_::import("numpy");
+    py::array_t<unsigned char> warmUp(0);
     installLogRouting();
     defineCommandError(m);
     bindRecords(m);
