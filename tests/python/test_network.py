@@ -1,9 +1,13 @@
 """The network head server from Python, against the simulated network head."""
 
 import gc
+import os
 import struct
+import subprocess
+import sys
 import threading
 import time
+from pathlib import Path
 
 import numpy as np
 import pytest
@@ -219,3 +223,20 @@ def test_teardown_while_streaming(head, how):
         gc.collect()
     assert time.monotonic() - start < 5.0
     head.stopStream()
+
+
+@pytest.mark.skipif("ZTPROXY_TOOL" not in os.environ, reason="needs the ztproxy tool (ZTPROXY_TOOL)")
+def test_the_example_runs_against_the_tool_s_simulated_head():
+    example = Path(__file__).resolve().parents[2] / "examples" / "stream_frames.py"
+    sim = subprocess.Popen([os.environ["ZTPROXY_TOOL"], "sim", "head", "--stream-rate", "100", "--full-frames"],
+                           stdout=subprocess.PIPE, text=True)
+    try:
+        assert "listening" in sim.stdout.readline()
+        run = subprocess.run([sys.executable, str(example), "--seconds", "0.5"], capture_output=True, text=True,
+                             timeout=30)
+    finally:
+        sim.terminate()
+        sim.wait(10)
+    assert run.returncode == 0, run.stderr
+    assert "head online, firmware 1-2-10-3, image 1280x1024" in run.stdout
+    assert "frame 1: 1280x1024 image, 8-bit mean" in run.stdout
