@@ -7,6 +7,7 @@
 #include <pybind11/eval.h>
 
 #include <cstdio>
+#include <optional>
 #include <set>
 
 namespace ztpy {
@@ -159,6 +160,39 @@ bool isLinkNotice(int code)
 
 } // namespace
 
+// The GIL for a call on one of the library's threads. A thread that Python does not know
+// gets a thread state on its first call and keeps it until it ends, instead of making and
+// freeing one per call.
+class LibraryThreadGil {
+public:
+    LibraryThreadGil()
+    {
+        const bool known = PyGILState_GetThisThreadState() != nullptr;
+        m_gil.emplace();
+        if (!known && !t_kept.kept) {
+            m_gil->inc_ref();
+            t_kept.kept = true;
+        }
+    }
+
+private:
+    struct Kept {
+        bool kept = false;
+        ~Kept()
+        {
+            // Threads of a closed object end before the interpreter does (see atexit).
+            if (kept && Py_IsInitialized()) {
+                py::gil_scoped_acquire gil;
+                gil.dec_ref();
+            }
+        }
+    };
+    static thread_local Kept t_kept;
+    std::optional<py::gil_scoped_acquire> m_gil;
+};
+
+thread_local LibraryThreadGil::Kept LibraryThreadGil::t_kept;
+
 Dispatcher::~Dispatcher()
 {
     // The owner stops the queue thread with the GIL released before the object goes.
@@ -218,7 +252,7 @@ void Dispatcher::onData(int code, char* data, int length, void* user)
     }
     const auto start = Clock::now();
     {
-        py::gil_scoped_acquire gil;
+        LibraryThreadGil gil;
         self->call(code, data, length, nullptr);
     }
     if (Clock::now() - start <= kSlowCall)
@@ -261,7 +295,7 @@ void Dispatcher::run()
         lock.unlock();
         const auto start = Clock::now();
         {
-            py::gil_scoped_acquire gil;
+            LibraryThreadGil gil;
             call(message.code, message.bytes.data(), static_cast<int>(message.bytes.size()), &message.bytes);
         }
         const bool quick = Clock::now() - start <= kSlowCall;
