@@ -1,5 +1,6 @@
 """Helpers shared by the Python suites: a callback recorder and waiting on conditions."""
 
+import faulthandler
 import threading
 import time
 
@@ -40,6 +41,15 @@ class Recorder:
 
     def count(self, code):
         return len(self.of(code))
+
+
+@pytest.fixture(autouse=True)
+def deadlock_watchdog():
+    """A test that hangs (a thread waiting for the GIL while another joins it) ends the run
+    with every thread's stack instead of waiting for the suite's time-out."""
+    faulthandler.dump_traceback_later(30, exit=True)
+    yield
+    faulthandler.cancel_dump_traceback_later()
 
 
 @pytest.fixture
