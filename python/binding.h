@@ -163,12 +163,35 @@ public:
     }
     ~Owned() override { Owned::close(); }
 
-    T& get()
-    {
-        if (!m_object)
-            throw std::runtime_error("the object is closed");
-        return *m_object;
-    }
+    // The object for the duration of one call: close() waits until no call holds it, so
+    // that a thread closing the object never frees it under another thread's call.
+    class Use {
+    public:
+        explicit Use(Owned& owner) : m_owner(owner)
+        {
+            std::lock_guard<std::mutex> lock(owner.m_mutex);
+            if (!owner.m_object)
+                throw std::runtime_error("the object is closed");
+            m_object = owner.m_object.get();
+            ++owner.m_inUse;
+        }
+        ~Use()
+        {
+            std::lock_guard<std::mutex> lock(m_owner.m_mutex);
+            if (--m_owner.m_inUse == 0)
+                m_owner.m_idle.notify_all();
+        }
+        Use(const Use&) = delete;
+        Use& operator=(const Use&) = delete;
+        T& operator*() const { return *m_object; }
+        T* operator->() const { return m_object; }
+
+    private:
+        Owned& m_owner;
+        T* m_object;
+    };
+
+    Use use() { return Use(*this); }
     Dispatcher& dispatcher() { return m_dispatcher; }
     // A native counter registered as the callback stays alive while registered.
     py::object counter;
@@ -177,8 +200,9 @@ public:
     {
         std::unique_ptr<T> object;
         {
-            std::lock_guard<std::mutex> lock(m_closeMutex);
+            std::unique_lock<std::mutex> lock(m_mutex);
             object = std::move(m_object);
+            m_idle.wait(lock, [this] { return m_inUse == 0; });
         }
         object.reset();
         m_keep.reset();
@@ -187,7 +211,9 @@ public:
 
 private:
     Dispatcher m_dispatcher;
-    std::mutex m_closeMutex;
+    std::mutex m_mutex;
+    std::condition_variable m_idle;
+    int m_inUse = 0; // calls holding the object, guarded by m_mutex
     std::shared_ptr<void> m_keep;
     std::unique_ptr<T> m_object;
 };
@@ -214,7 +240,8 @@ using OwnedClass = py::class_<Owned<T>, std::unique_ptr<Owned<T>, ReleasingDelet
 template <class T, class Register>
 void setDataCallback(Owned<T>& w, py::object fn, std::size_t queue, Register reg)
 {
-    T& object = w.get();
+    const auto use = w.use();
+    T& object = *use;
     if (!fn.is_none() && !py::isinstance<FrameCounter>(fn) && !PyCallable_Check(fn.ptr()))
         throw py::type_error("the callback must be callable (code, data), a FrameCounter or None");
     if (queue == 0)
@@ -384,7 +411,8 @@ struct Command {
     static auto function(const char* name, std::tuple<A...>*)
     {
         return [name](W& w, A... args, bool check) -> py::object {
-            Self& self = w.get();
+            const auto use = w.use();
+            Self& self = *use;
             Held held{};
             std::tuple<A...> inputs(std::move(args)...);
             [&]<std::size_t... I>(std::index_sequence<I...>) {

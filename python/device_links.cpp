@@ -249,7 +249,8 @@ py::array_t<unsigned char> imageOf(const cv::Mat& mat)
 template <class W>
 py::tuple assembleImage(W& w, py::buffer record, bool cutout)
 {
-    ztImageAssembler& assembler = w.get();
+    const auto use = w.use();
+    ztImageAssembler& assembler = *use;
     const py::buffer_info info = contiguousBytes(record, true);
     char* bytes = static_cast<char*>(info.ptr);
     const char* name = cutout ? "getCutoutImageData" : "getOriImageData";
@@ -286,7 +287,8 @@ void addImageHelpers(Cls& c)
     c.def(
          "imageFormat_16To8",
          [](W& w, py::array_t<unsigned short, py::array::c_style> src, int count, int rows, int cols) {
-             ztImageAssembler& assembler = w.get();
+             const auto use = w.use();
+             ztImageAssembler& assembler = *use;
              if (!src.writeable())
                  throw py::value_error("imageFormat_16To8: src is rewritten in place and must be writable");
              if (count < 0 || count > src.size())
@@ -311,7 +313,8 @@ void addImageHelpers(Cls& c)
             "MergePart2Complete",
             [](W& w, py::array_t<unsigned char, py::array::c_style> full, py::buffer part, int x, int y, int partWidth,
                int partRows) {
-                ztImageAssembler& assembler = w.get();
+                const auto use = w.use();
+                ztImageAssembler& assembler = *use;
                 if (full.ndim() != 2 || !full.writeable())
                     throw py::value_error("MergePart2Complete: full must be a writable 2-D uint8 array");
                 const py::buffer_info info = contiguousBytes(part, false);
@@ -354,24 +357,27 @@ void addLinkBasics(OwnedClass<Link>& c)
     c.def(
          "deInit",
          [](W& w) {
-             Link& link = w.get();
+             const auto use = w.use();
+             Link& link = *use;
              py::gil_scoped_release release;
              link.deInit();
          },
          "Stops every thread of the link; init may follow.")
-        .def("isConnected", [](W& w) { return w.get().isConnected(); })
-        .def("getDeviceSN", [](W& w) { return deviceText(w.get().getDeviceSN()); })
-        .def("setHeartBeatAlive", [](W& w, bool alive) { w.get().setHeartBeatAlive(alive); }, py::arg("alive"))
+        .def("isConnected", [](W& w) { return w.use()->isConnected(); })
+        .def("getDeviceSN", [](W& w) { return deviceText(w.use()->getDeviceSN()); })
+        .def("setHeartBeatAlive", [](W& w, bool alive) { w.use()->setHeartBeatAlive(alive); }, py::arg("alive"))
         .def("releaseClient", [](W& w) {
-            Link& link = w.get();
+            const auto use = w.use();
+            Link& link = *use;
             py::gil_scoped_release release;
             link.releaseClient();
         })
-        .def("resetQlensNetProto", [](W& w) { w.get().resetQlensNetProto(); })
+        .def("resetQlensNetProto", [](W& w) { w.use()->resetQlensNetProto(); })
         .def(
             "sendData",
             [](W& w, std::string data, bool check) {
-                Link& link = w.get();
+                const auto use = w.use();
+                Link& link = *use;
                 int result;
                 std::string log;
                 {
@@ -389,7 +395,8 @@ void addLinkBasics(OwnedClass<Link>& c)
 template <class Link, int (Link::*Method)()>
 py::object runPlain(Owned<Link>& w, const char* name, bool check, bool zeroOnly)
 {
-    Link& link = w.get();
+    const auto use = w.use();
+    Link& link = *use;
     int result;
     std::string log;
     {
@@ -411,7 +418,8 @@ void bindNetworkServer(py::module_& m)
     c.def(
          "init",
          [](W& w, const std::string& localIP, const std::string& remoteIP, const std::string& deviceSN, bool check) {
-             Net& net = w.get();
+             const auto use = w.use();
+             Net& net = *use;
              int result;
              std::string log;
              {
@@ -424,14 +432,15 @@ void bindNetworkServer(py::module_& m)
          },
          py::arg("localIP"), py::arg("remoteIP"), py::arg("deviceSN") = "", py::kw_only(), py::arg("check") = true,
          "Connects to the head and brings it online; raises CommandError on -1 or 205 (connect time-out).")
-        .def("getDataPort", [](W& w) { return w.get().getDataPort(); })
-        .def("releaseClientSignal", [](W& w) { w.get().releaseClientSignal(); })
+        .def("getDataPort", [](W& w) { return w.use()->getDataPort(); })
+        .def("releaseClientSignal", [](W& w) { w.use()->releaseClientSignal(); })
         .def(
             "sendHeartbeat",
             [](W& w, bool check) { return runPlain<Net, &Net::sendHeartbeat>(w, "sendHeartbeat", check, false); },
             py::kw_only(), py::arg("check") = true)
         .def("recvOnceData", [](W& w) {
-            Net& net = w.get();
+            const auto use = w.use();
+            Net& net = *use;
             std::string out;
             int result;
             std::string log;
@@ -452,7 +461,7 @@ void bindNetworkServer(py::module_& m)
                 payload.resize(std::max<std::size_t>(payload.size(), 5 + 255 * 4), '\0');
                 int code = 0;
                 std::vector<float> temps;
-                w.get().analysisTempInfo(payload.data(), &code, &temps);
+                w.use()->analysisTempInfo(payload.data(), &code, &temps);
                 return py::make_tuple(code, temps);
             },
             py::arg("payload"), "A temperature reply's payload as (status, [temperatures]).");

@@ -174,26 +174,29 @@ void bindHost(py::module_& m)
     c.def(
          "deInit",
          [](W& w) {
-             Host& host = w.get();
+             const auto use = w.use();
+             Host& host = *use;
              py::gil_scoped_release release;
              host.deInit();
          })
-        .def("isRegistered", [](W& w) { return w.get().isRegistered(); })
+        .def("isRegistered", [](W& w) { return w.use()->isRegistered(); })
         .def(
             "waitRegistered",
             [](W& w, unsigned int timeoutMs) {
-                Host& host = w.get();
+                const auto use = w.use();
+                Host& host = *use;
                 py::gil_scoped_release release;
                 return host.waitRegistered(timeoutMs);
             },
             py::arg("timeout_ms"))
-        .def("releaseClientSignal", [](W& w) { w.get().releaseClientSignal(); })
+        .def("releaseClientSignal", [](W& w) { w.use()->releaseClientSignal(); })
         .def("releaseClient", [](W& w) {
-            Host& host = w.get();
+            const auto use = w.use();
+            Host& host = *use;
             py::gil_scoped_release release;
             host.releaseClient();
         })
-        .def("getDataPort", [](W& w) { return w.get().getDataPort(); });
+        .def("getDataPort", [](W& w) { return w.use()->getDataPort(); });
     static_assert(sizeof(host_adapter::Levels) == sizeof(double[12][3]), "twelve rows of three doubles");
     ZT_PY_COMMAND(c, Host, init, "address");
     ZT_PY_COMMAND(c, Host, getState);
@@ -296,7 +299,8 @@ void bindClient(py::module_& m)
     c.def(py::init([] { return new W(std::make_unique<Client>()); }));
     addOwnedBasics<Client>(c, "registerModuleClientDataCB", &Client::registerModuleClientDataCB);
     c.def("deInit", [](W& w) {
-        Client& client = w.get();
+        const auto use = w.use();
+        Client& client = *use;
         py::gil_scoped_release release;
         client.deInit();
     });

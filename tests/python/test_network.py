@@ -212,9 +212,26 @@ def test_teardown_while_streaming(head, how):
     server.init(IP, IP, "SIM")
     head.startStream(Head.Data, Head.extendedPacket(FRAME, 1, b"\x02" * 100000), 0, 0)
     assert busy.wait(5)
+    ended = []
+
+    def commands():
+        # Commands from another thread run into the close, never into a freed object.
+        for _ in range(2000):
+            try:
+                server.getImageSize()
+            except RuntimeError as e:  # CommandError included
+                if "closed" in str(e):
+                    ended.append(e)
+                    return
+
+    worker = threading.Thread(target=commands)
     start = time.monotonic()
     if how == "close":
+        worker.start()
+        time.sleep(0.05)
         server.close()
+        worker.join(10)
+        assert ended
     elif how == "deInit":
         server.deInit()
         server.deInit()
