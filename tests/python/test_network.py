@@ -2,6 +2,7 @@
 
 import gc
 import os
+import socket
 import struct
 import subprocess
 import sys
@@ -257,3 +258,36 @@ def test_the_example_runs_against_the_tool_s_simulated_head():
     assert run.returncode == 0, run.stderr
     assert "head online, firmware 1-2-10-3, image 1280x1024" in run.stdout
     assert "frame 1: 1280x1024 image, 8-bit mean" in run.stdout
+
+
+def test_udp_client_broadcasts_and_collects_one_reply():
+    # Broadcasts reach only this namespace's loopback once the limited broadcast address is
+    # routed there.
+    route = subprocess.run(["ip", "route", "add", "255.255.255.255/32", "dev", "lo"], capture_output=True, text=True)
+    if route.returncode != 0 and "File exists" not in route.stderr:
+        pytest.skip("needs a private network namespace: " + route.stderr.strip())
+    responder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    responder.bind(("0.0.0.0", 42002))
+    reply = Head.message(7, b"sn=ZT0001")
+    seen = []
+
+    def answer():
+        request, sender = responder.recvfrom(2048)
+        seen.append((request, sender))
+        responder.sendto(reply[:5], sender)  # one message in two datagrams
+        responder.sendto(reply[5:], sender)
+
+    server = threading.Thread(target=answer)
+    server.start()
+    client = ztproxy.ztScanEmbeddedUDPClient()
+    try:
+        client.init()
+        client.connect(IP, 42002)
+        assert client.sendn(Head.message(1, b"?")) == reply
+        server.join(5)
+        assert seen == [(Head.message(1, b"?"), (IP, 32002))]
+        assert client.getConnectIP() == IP
+        assert client.recv() is None  # nothing more arrives
+    finally:
+        client.deInit()
+        responder.close()
