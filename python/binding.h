@@ -71,8 +71,8 @@ py::str deviceText(const std::string& bytes);
 // are quick again. Online and offline notices (283, 284) are never dropped.
 class Dispatcher {
 public:
+    // The owner stops it (stop()) before it goes.
     Dispatcher() = default;
-    ~Dispatcher();
     Dispatcher(const Dispatcher&) = delete;
     Dispatcher& operator=(const Dispatcher&) = delete;
 
@@ -82,12 +82,9 @@ public:
     static void onData(int code, char* data, int length, void* user);
     // Ends the queue thread; queued messages are discarded. GIL released.
     void stop();
-    // GIL held: drops the callable.
-    void clear();
 
     std::size_t delivered() const { return m_delivered; }
     std::size_t dropped() const { return m_dropped; }
-    bool queued();
 
     static constexpr std::chrono::milliseconds kSlowCall{20};
 
@@ -314,7 +311,7 @@ struct Param<const char*> {
     static constexpr bool kOutput = false;
     static const char* pass(Held& held) { return held.c_str(); }
 };
-// A byte travels as a number from 0 to 255 (Python would take a char for a text).
+// A byte travels as a number from 0 to 255 (pybind11 takes a char from a one-letter str).
 template <>
 struct Param<char> {
     using Held = char;

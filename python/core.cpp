@@ -193,31 +193,12 @@ private:
 
 thread_local LibraryThreadGil::Kept LibraryThreadGil::t_kept;
 
-Dispatcher::~Dispatcher()
-{
-    // The owner stops the queue thread with the GIL released before the object goes.
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_stopping = true;
-}
-
 void Dispatcher::setCallable(py::object fn, std::size_t capacity)
 {
     m_fn = fn.is_none() ? py::object() : fn;
     std::lock_guard<std::mutex> lock(m_mutex);
     m_capacity = capacity;
     m_active = static_cast<bool>(m_fn);
-}
-
-void Dispatcher::clear()
-{
-    m_active = false;
-    m_fn = py::object();
-}
-
-bool Dispatcher::queued()
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_queuedMode;
 }
 
 void Dispatcher::stop()
