@@ -175,7 +175,8 @@ bool UsbHead::open(const UsbSelector& which, std::string& error)
         if (libusb_get_device_descriptor(list[i], &d) != 0 ||
             (!anyIds && (d.idVendor != which.vendor || d.idProduct != which.product)))
             continue;
-        if (byPlace && (libusb_get_bus_number(list[i]) != which.bus || libusb_get_device_address(list[i]) != which.address))
+        if (byPlace &&
+            (libusb_get_bus_number(list[i]) != which.bus || libusb_get_device_address(list[i]) != which.address))
             continue;
         libusb_device_handle* h = nullptr;
         rc = libusb_open(list[i], &h);
