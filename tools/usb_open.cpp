@@ -144,8 +144,16 @@ void UsbHead::close()
 bool UsbHead::open(const UsbSelector& which, std::string& error)
 {
     close();
-    char ids[16];
-    std::snprintf(ids, sizeof ids, "%04x:%04x", which.vendor, which.product);
+    const bool byPlace = which.bus >= 0 && which.address >= 0;
+    const bool anyIds = byPlace && which.vendor == 0 && which.product == 0;
+    char ids[48];
+    if (anyIds)
+        std::snprintf(ids, sizeof ids, "at bus %d address %d", which.bus, which.address);
+    else if (byPlace)
+        std::snprintf(ids, sizeof ids, "%04x:%04x at bus %d address %d", which.vendor, which.product, which.bus,
+                      which.address);
+    else
+        std::snprintf(ids, sizeof ids, "%04x:%04x", which.vendor, which.product);
     const std::string wanted =
         std::string("USB device ") + ids + (which.serial.empty() ? "" : " with serial number " + which.serial);
     int rc = libusb_init(nullptr);
@@ -164,8 +172,11 @@ bool UsbHead::open(const UsbSelector& which, std::string& error)
     std::string problem;
     for (ssize_t i = 0; i < count && m_handle == nullptr; ++i) {
         libusb_device_descriptor d{};
-        if (libusb_get_device_descriptor(list[i], &d) != 0 || d.idVendor != which.vendor ||
-            d.idProduct != which.product)
+        if (libusb_get_device_descriptor(list[i], &d) != 0 ||
+            (!anyIds && (d.idVendor != which.vendor || d.idProduct != which.product)))
+            continue;
+        if (byPlace &&
+            (libusb_get_bus_number(list[i]) != which.bus || libusb_get_device_address(list[i]) != which.address))
             continue;
         libusb_device_handle* h = nullptr;
         rc = libusb_open(list[i], &h);

@@ -12,11 +12,14 @@ struct libusb_device_handle;
 
 namespace zt::tools {
 
-// Which device to open; an empty serial takes the first device with the ids.
+// Which device to open; an empty serial takes the first device with the ids. With a bus
+// and an address (both 0 or more), the device there, whatever its ids when both are 0.
 struct UsbSelector {
     unsigned short vendor = 0;
     unsigned short product = 0;
     std::string serial;
+    int bus = -1;
+    int address = -1;
 };
 
 // One opened head on libusb's default context (the one ztUsbProxyServer handles events
