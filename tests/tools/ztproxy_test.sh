@@ -11,32 +11,12 @@ tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 export LC_ALL=C
 
-# Runs a command with its output in $tmp/out and $tmp/err and its exit status in $rc.
-run() {
-    "$@" </dev/null >"$tmp/out" 2>"$tmp/err"
-    rc=$?
-}
-failed() {
-    echo "FAIL: $*"
-    echo "--- stdout:"
-    cat "$tmp/out"
-    echo "--- stderr:"
-    cat "$tmp/err"
-    fail=1
-}
+. "$top/tests/support/tool_test_lib.sh"
 expect_status() { # description, expected status, command...
     local what=$1 want=$2
     shift 2
     run "$@"
     [ $rc -eq "$want" ] || failed "$what: exit $rc, expected $want"
-}
-# A usage error: exit 2, one line on standard error, nothing on standard output.
-usage_error() { # description, command...
-    local what=$1
-    shift
-    run "$@"
-    [ $rc -eq 2 ] && [ "$(wc -l <"$tmp/err")" -eq 1 ] && [ ! -s "$tmp/out" ] ||
-        failed "$what: exit $rc, expected 2 with one line on standard error"
 }
 expect_output() { # description, expected standard output, command...
     local what=$1 want=$2
@@ -48,47 +28,13 @@ expect_json() { # description, Python condition on the object d, command...
     local what=$1 condition=$2
     shift 2
     run "$@"
-    [ $rc -eq 0 ] && python3 -c "import json, sys; d = json.load(sys.stdin); sys.exit(0 if ($condition) else 1)" <"$tmp/out" ||
+    [ $rc -eq 0 ] && json_holds "$condition" ||
         failed "$what: exit $rc, or the output is not one JSON object with $condition"
 }
 # One line on standard error that is exactly this, nothing on standard output.
 expect_one_line() { # description, expected status, line
     [ $rc -eq "$2" ] && [ "$(cat "$tmp/err")" = "$3" ] && [ ! -s "$tmp/out" ] ||
         failed "$1: exit $rc, expected $2 and the line: $3"
-}
-wait_for() { # file, fixed text: true once the file holds it (up to 5 s)
-    for _ in $(seq 50); do
-        grep -qF -- "$2" "$1" && return 0
-        sleep 0.1
-    done
-    return 1
-}
-# Starts a process in the background (output in $tmp/NAME, id in $bg) and waits until it
-# says "listening".
-start_listening() { # name, command...
-    local name=$1
-    shift
-    "$@" >"$tmp/$name" 2>&1 &
-    bg=$!
-    wait_for "$tmp/$name" listening || { echo "FAIL: $* did not start listening"; fail=1; }
-}
-# Runs pieces of this script side by side; a sanitizer build, many times slower, two at a
-# time so that no head misses its heartbeats.
-at_once=16
-ldd "$ztproxy" | grep -qE 'lib[at]san' && at_once=2
-side_by_side() {
-    local piece
-    for piece in "$@"; do
-        while [ "$(jobs -rp | wc -l)" -ge $at_once ]; do wait -n; done
-        (
-            unshare -n sh -c 'ip link set lo up && exec "$@"' sh bash "$0" "$ztproxy" "$piece" >"$tmp/piece.$piece" 2>&1
-            echo $? >"$tmp/rc.$piece"
-        ) &
-    done
-    wait
-    for piece in "$@"; do
-        [ "$(cat "$tmp/rc.$piece")" = 0 ] || { echo "FAIL in $piece:"; cat "$tmp/piece.$piece"; fail=1; }
-    done
 }
 
 net=("$ztproxy" --log-level off net --sim)
