@@ -32,6 +32,8 @@ namespace zt {
 
 constexpr std::size_t kRecordingHeaderSize = 140;
 constexpr std::size_t kRecordHeaderSize = 24;
+// How often the writer looks for records when no full batch has woken it.
+constexpr int kWriterPeriodMs = 20;
 
 class RecorderCore {
 public:

@@ -160,7 +160,10 @@ void RecorderCore::put(ztRecorder::Kind kind, unsigned channel, int status, std:
         m_pendingLost = m_pendingLostBytes = 0;
     }
     record(kind, channel, status, aux, a, na, b, nb);
-    if (m_writerWaiting)
+    // The writer is woken once a batch is waiting, not for every record: a wake-up per
+    // receive would cost the stream more than the copy. It looks by itself every
+    // kWriterPeriodMs for what is less.
+    if (m_writerWaiting && m_head - m_tail >= m_capacity / 8)
         m_wake.notify_one();
 }
 
@@ -237,7 +240,8 @@ void RecorderCore::writerLoop()
     bool reported = false;
     for (;;) {
         m_writerWaiting = true;
-        m_wake.wait(lock, [&] { return m_head != m_tail || m_headerDirty || m_stop; });
+        m_wake.wait_for(lock, std::chrono::milliseconds(kWriterPeriodMs),
+                        [&] { return m_head - m_tail >= m_capacity / 8 || m_headerDirty || m_stop; });
         m_writerWaiting = false;
         const std::uint64_t tail = m_tail;
         const std::uint64_t head = m_head;
