@@ -2,6 +2,7 @@
 // here), their command set, the image helpers and the UDP client.
 #include "binding.h"
 
+#include "device_outputs.h"
 #include "usb_open.h"
 #include "ztDeviceCommandSet.h"
 #include "ztEmbeddedModuleProxyServer.h"
@@ -28,22 +29,13 @@ using Usb = ztUsbProxyServer;
 // an output parameter. Bytes arrive as std::string, which takes bytes and str alike.
 namespace adapter {
 
-// Every reply, and so every name in it, fits in the links' reply buffer of 10 MiB.
-constexpr std::size_t kLargestReply = 0xA00000;
+using zt::device_outputs::getCameraROI;
+using zt::device_outputs::getCurDeviceAbilityInfo;
+using zt::device_outputs::getWifi;
 
 int setCameraROI(Set& d, std::string name, short x, short y, short width, short height)
 {
     return d.setCameraROI(name.data(), static_cast<int>(name.size()), x, y, width, height);
-}
-
-int getCameraROI(Set& d, std::string& name, short& x, short& y, short& width, short& height)
-{
-    std::vector<char> buffer(kLargestReply);
-    int length = 0;
-    const int result = d.getCameraROI(buffer.data(), length, x, y, width, height);
-    if (result == 0 && length >= 0 && static_cast<std::size_t>(length) <= buffer.size())
-        name.assign(buffer.data(), static_cast<std::size_t>(length));
-    return result;
 }
 
 int setCameraReverse(Set& d, std::string name, int value)
@@ -55,12 +47,6 @@ int setCameraReverse(Set& d, std::string name, int value)
 int setQRBarCenter(Set& d, std::string name, bool flag, std::array<int, 3> a, std::array<int, 3> b)
 {
     return d.setQRBarCenter(name.data(), static_cast<int>(name.size()), flag, a.data(), b.data());
-}
-
-int getCurDeviceAbilityInfo(Set& d, DeviceAbilityInfo& ability)
-{
-    ability = d.getCurDeviceAbilityInfo();
-    return 0;
 }
 
 int parseDeviceAblityInfo(Set& d, std::string payload, DeviceAbilityInfo& ability)
@@ -78,17 +64,6 @@ int setRegisterValue(Set& d, int device, unsigned int address, std::string data)
 int setWifi(Set& d, std::string ssid, std::string password)
 {
     return d.setWifi(ssid.data(), static_cast<int>(ssid.size()), password.data(), static_cast<int>(password.size()));
-}
-
-int getWifi(Set& d, std::string& ssid, std::string& password)
-{
-    // Each text has a one-byte length: 255 bytes and the terminator the zeros provide.
-    char ssidBuffer[256] = {};
-    char passwordBuffer[256] = {};
-    const int result = d.getWifi(ssidBuffer, passwordBuffer);
-    ssid.assign(ssidBuffer, strnlen(ssidBuffer, sizeof ssidBuffer));
-    password.assign(passwordBuffer, strnlen(passwordBuffer, sizeof passwordBuffer));
-    return result;
 }
 
 int sendSETFile(Set& d, std::string data)

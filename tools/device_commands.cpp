@@ -1,6 +1,7 @@
 #include "device_commands.h"
 
 #include "command_values.h"
+#include "device_outputs.h"
 #include "ztDeviceCommandSet.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztModuleProxyServer.h"
@@ -247,22 +248,13 @@ constexpr DeviceCommand makeRow(const char* name, const char* arguments, const c
 // than through an output parameter, are called through these.
 namespace adapter {
 
-// Every reply, and so every name in it, fits in the links' reply buffer of 10 MiB.
-constexpr std::size_t kLargestReply = 0xA00000;
+using device_outputs::getCameraROI;
+using device_outputs::getCurDeviceAbilityInfo;
+using device_outputs::getWifi;
 
 int setCameraROI(ztDeviceCommandSet& d, ShortText name, short x, short y, short width, short height)
 {
     return d.setCameraROI(name.text.data(), static_cast<int>(name.text.size()), x, y, width, height);
-}
-
-int getCameraROI(ztDeviceCommandSet& d, std::string& name, short& x, short& y, short& width, short& height)
-{
-    std::vector<char> buffer(kLargestReply);
-    int length = 0;
-    const int result = d.getCameraROI(buffer.data(), length, x, y, width, height);
-    if (result == 0 && length >= 0 && static_cast<std::size_t>(length) <= buffer.size())
-        name.assign(buffer.data(), static_cast<std::size_t>(length));
-    return result;
 }
 
 int setCameraReverse(ztDeviceCommandSet& d, ShortText name, int value)
@@ -278,12 +270,6 @@ int setQRBarCenter(ztDeviceCommandSet& d, ShortText name, bool flag, int a0, int
     return d.setQRBarCenter(name.text.data(), static_cast<int>(name.text.size()), flag, a, b);
 }
 
-int getCurDeviceAbilityInfo(ztDeviceCommandSet& d, DeviceAbilityInfo& ability)
-{
-    ability = d.getCurDeviceAbilityInfo();
-    return 0;
-}
-
 int setRegisterValue(ztDeviceCommandSet& d, int device, unsigned int address, HexBytes data)
 {
     return d.setRegisterValue(device, address, static_cast<int>(data.bytes.size()), data.bytes.data());
@@ -293,17 +279,6 @@ int setWifi(ztDeviceCommandSet& d, ShortText ssid, ShortText password)
 {
     return d.setWifi(ssid.text.data(), static_cast<int>(ssid.text.size()), password.text.data(),
                      static_cast<int>(password.text.size()));
-}
-
-int getWifi(ztDeviceCommandSet& d, std::string& ssid, std::string& password)
-{
-    // Each text has a one-byte length: 255 bytes and the terminator the zeros provide.
-    char ssidBuffer[256] = {};
-    char passwordBuffer[256] = {};
-    const int result = d.getWifi(ssidBuffer, passwordBuffer);
-    ssid.assign(ssidBuffer, strnlen(ssidBuffer, sizeof ssidBuffer));
-    password.assign(passwordBuffer, strnlen(passwordBuffer, sizeof passwordBuffer));
-    return result;
 }
 
 int sendSETFile(ztDeviceCommandSet& d, FileBytes file)
