@@ -1,18 +1,10 @@
 #include "ztSimNetworkHead.h"
 
 #include "platform/le_bytes.h"
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include "sim_socket.h"
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <condition_variable>
@@ -31,6 +23,7 @@ using zt::getU16;
 using zt::getU32;
 using zt::putLE;
 using Clock = std::chrono::steady_clock;
+using namespace zt::simnet;
 
 // A request larger than this cannot come from a host (its largest transfer, a firmware
 // image, stays well below); a size field above it means the stream is broken.
@@ -44,26 +37,6 @@ constexpr int kListenBacklog = 128;
 constexpr int kRefuseHoldMs = 150;
 // A stopped stream gives up the unit it is writing when the peer takes nothing this long.
 constexpr auto kStalledWrite = std::chrono::milliseconds(1000);
-
-void signalFd(int fd)
-{
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t r = ::write(fd, &one, sizeof one);
-}
-
-void drainFd(int fd)
-{
-    std::uint64_t v = 0;
-    while (::read(fd, &v, sizeof v) > 0) {
-    }
-}
-
-// true when the peer has closed its side of the connection (or the connection failed).
-bool peerGone(int fd)
-{
-    pollfd p{fd, POLLRDHUP, 0};
-    return ::poll(&p, 1, 0) == 1 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
-}
 
 bool validChannel(int c)
 {
@@ -80,7 +53,7 @@ struct ztSimNetworkHead::Impl {
     };
 
     struct Conn {
-        int fd = -1;
+        Socket fd = kNoSocket;
         Channel channel = Command;
         std::string peer;
         std::mutex writeMutex;       // one message at a time on the connection
@@ -89,30 +62,18 @@ struct ztSimNetworkHead::Impl {
         std::thread reader;
         ~Conn()
         {
-            if (fd >= 0)
-                ::close(fd);
+            closeSocket(fd);
         }
         // Ends both directions; the peer sees the end of the stream and the reader wakes.
         // The descriptor stays open until the last user lets go of the connection.
         void shut()
         {
             closed = true;
-            ::shutdown(fd, SHUT_RDWR);
+            shutdownBoth(fd);
         }
     };
 
-    Impl(const std::string& ip, int p) : bindIP(ip), port(p)
-    {
-        stopFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    }
-    ~Impl()
-    {
-        if (stopFd >= 0)
-            ::close(stopFd);
-        if (wakeFd >= 0)
-            ::close(wakeFd);
-    }
+    Impl(const std::string& ip, int p) : bindIP(ip), port(p) {}
 
     // --- listening and accepting (listenFd, listenHold and plugFd belong to the accept
     // thread while it runs) ---
@@ -122,7 +83,7 @@ struct ztSimNetworkHead::Impl {
     void unplug();
     void acceptLoop();
     void acceptOne();
-    void adopt(int fd, const sockaddr_in& peer);
+    void adopt(Socket fd, const Endpoint& peer);
     int nextChannelLocked() const;
     int channelAfterLocked(int taken) const;
     void dropGonePeersLocked();
@@ -149,8 +110,8 @@ struct ztSimNetworkHead::Impl {
     // Waits ms unless the head stops first; false when it stops.
     bool pause(int ms)
     {
-        pollfd p{stopFd, POLLIN, 0};
-        return ::poll(&p, 1, ms) == 0;
+        Wait w{stopSignal.socket(), kReadable, 0};
+        return waitFor(&w, 1, ms) == 0;
     }
 
     // --- streaming ---
@@ -159,12 +120,12 @@ struct ztSimNetworkHead::Impl {
 
     const std::string bindIP;
     std::atomic<int> port;
-    int stopFd = -1; // readable from stop() until the next start()
-    int wakeFd = -1; // tells the accept thread to look at its state again
-    int listenFd = -1;
+    Signal stopSignal; // raised from stop() until the next start()
+    Signal wakeSignal; // tells the accept thread to look at its state again
+    Socket listenFd = kNoSocket;
     bool listenHold = false;
-    int plugFd = -1; // the head's own connection that fills the listen queue
-    sockaddr_in plugAddress{};
+    Socket plugFd = kNoSocket; // the head's own connection that fills the listen queue
+    Endpoint plugAddress{};
     std::thread acceptThread;
     std::atomic<bool> stopping{false};
     std::mutex lifeMutex; // start and stop
@@ -206,29 +167,23 @@ struct ztSimNetworkHead::Impl {
 
 bool ztSimNetworkHead::Impl::openListener(bool hold)
 {
-    if (listenFd >= 0) {
+    if (listenFd != kNoSocket) {
         // listen() again only changes the queue length.
-        if (listenHold != hold && ::listen(listenFd, hold ? 0 : kListenBacklog) == 0)
+        if (listenHold != hold && relisten(listenFd, hold ? 0 : kListenBacklog))
             listenHold = hold;
         return true;
     }
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    const Socket fd = openTcp(true);
+    if (fd == kNoSocket)
         return false;
-    const int one = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<unsigned short>(port.load()));
-    socklen_t len = sizeof a;
+    int bound = 0;
     // A queue of one while refusing: the connection after the one waiting in it is dropped
     // by the kernel and retried by the peer about a second later.
-    if (::inet_pton(AF_INET, bindIP.c_str(), &a.sin_addr) != 1 || ::bind(fd, reinterpret_cast<sockaddr*>(&a), len) != 0 ||
-        ::listen(fd, hold ? 0 : kListenBacklog) != 0 || ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
-        ::close(fd);
+    if (!listenOn(fd, bindIP, port.load(), hold ? 0 : kListenBacklog, bound)) {
+        closeSocket(fd);
         return false;
     }
-    port = ntohs(a.sin_port);
+    port = bound;
     listenFd = fd;
     listenHold = hold;
     return true;
@@ -237,33 +192,28 @@ bool ztSimNetworkHead::Impl::openListener(bool hold)
 void ztSimNetworkHead::Impl::closeListener()
 {
     // Whatever waits in the queue, the plug included, is reset with the listener.
-    if (plugFd >= 0)
-        ::close(plugFd);
-    plugFd = -1;
-    if (listenFd >= 0)
-        ::close(listenFd);
-    listenFd = -1;
+    closeSocket(plugFd);
+    plugFd = kNoSocket;
+    closeSocket(listenFd);
+    listenFd = kNoSocket;
 }
 
 // Fills the listen queue (of one) with a connection of the head's own: while it waits
 // there unaccepted, the kernel leaves every further connection attempt unanswered.
 void ztSimNetworkHead::Impl::plug()
 {
-    if (plugFd >= 0 || listenFd < 0)
+    if (plugFd != kNoSocket || listenFd == kNoSocket)
         return;
-    sockaddr_in a{};
-    socklen_t len = sizeof a;
-    if (::getsockname(listenFd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+    Endpoint listening;
+    if (!localEndpoint(listenFd, listening))
         return;
-    if (a.sin_addr.s_addr == htonl(INADDR_ANY))
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    if (listening.address == 0)
+        listening.address = 0x7F000001; // a listener on every address is reached on loopback
+    const Socket fd = openTcp(true);
+    if (fd == kNoSocket)
         return;
-    socklen_t ownLen = sizeof plugAddress;
-    if ((::connect(fd, reinterpret_cast<sockaddr*>(&a), len) != 0 && errno != EINPROGRESS) ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&plugAddress), &ownLen) != 0) {
-        ::close(fd);
+    if (!startConnect(fd, listening) || !localEndpoint(fd, plugAddress)) {
+        closeSocket(fd);
         return;
     }
     plugFd = fd;
@@ -271,23 +221,22 @@ void ztSimNetworkHead::Impl::plug()
 
 void ztSimNetworkHead::Impl::unplug()
 {
-    if (plugFd < 0)
+    if (plugFd == kNoSocket)
         return;
     // Takes everything waiting: the head's own connection is dropped, a peer that got in
     // before it is served as usual.
     for (;;) {
-        sockaddr_in a{};
-        socklen_t len = sizeof a;
-        const int fd = ::accept4(listenFd, reinterpret_cast<sockaddr*>(&a), &len, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd < 0)
+        Endpoint a;
+        const Socket fd = acceptFrom(listenFd, a, true);
+        if (fd == kNoSocket)
             break;
-        if (a.sin_port == plugAddress.sin_port && a.sin_addr.s_addr == plugAddress.sin_addr.s_addr)
-            ::close(fd);
+        if (a == plugAddress)
+            closeSocket(fd);
         else
             adopt(fd, a);
     }
-    ::close(plugFd);
-    plugFd = -1;
+    closeSocket(plugFd);
+    plugFd = kNoSocket;
 }
 
 // The lowest free channel, or 4 when all are taken.
@@ -366,24 +315,24 @@ void ztSimNetworkHead::Impl::acceptLoop()
         } else {
             listenerOk = openListener(true);
             plug();
-            listenerOk = listenerOk && plugFd >= 0;
+            listenerOk = listenerOk && plugFd != kNoSocket;
         }
         {
             std::lock_guard<std::mutex> lock(mutex);
             listenerApplied = asked;
             changed.notify_all();
         }
-        pollfd f[3] = {{stopFd, POLLIN, 0}, {wakeFd, POLLIN, 0}, {listenFd, POLLIN, 0}};
-        const nfds_t n = listenFd >= 0 && plugFd < 0 ? 3 : 2;
+        Wait f[3] = {{stopSignal.socket(), kReadable, 0}, {wakeSignal.socket(), kReadable, 0}, {listenFd, kReadable, 0}};
+        const int n = listenFd != kNoSocket && plugFd == kNoSocket ? 3 : 2;
         // Sleeps until something happens; only a listener that could not be opened again
         // (its address briefly taken) is retried on a timer.
-        if (::poll(f, n, listenerOk ? -1 : 100) < 0)
+        if (waitFor(f, n, listenerOk ? -1 : 100) < 0)
             continue;
         if (f[0].revents)
             break;
         if (f[1].revents)
-            drainFd(wakeFd);
-        if (n == 3 && (f[2].revents & POLLIN))
+            wakeSignal.clear();
+        if (n == 3 && (f[2].revents & kReadable))
             acceptOne();
     }
     closeListener();
@@ -394,7 +343,7 @@ void ztSimNetworkHead::Impl::awaitListener()
     std::unique_lock<std::mutex> lock(mutex);
     const unsigned long asked = ++listenerAsked;
     lock.unlock();
-    signalFd(wakeFd);
+    wakeSignal.raise();
     lock.lock();
     // Bounded: the accept thread may be holding a connection back for a refusal (150 ms).
     changed.wait_for(lock, std::chrono::seconds(2), [&] { return !acceptRunning || listenerApplied >= asked; });
@@ -415,9 +364,8 @@ void ztSimNetworkHead::Impl::acceptOne()
     }
     if (lastBeforeRefused && !pause(kRefuseHoldMs))
         return;
-    sockaddr_in a{};
-    socklen_t len = sizeof a;
-    const int fd = ::accept4(listenFd, reinterpret_cast<sockaddr*>(&a), &len, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    Endpoint a;
+    const Socket fd = acceptFrom(listenFd, a, true);
     if (lastBeforeRefused) {
         // At once, before the next attempt's retry comes.
         if (reset)
@@ -425,19 +373,16 @@ void ztSimNetworkHead::Impl::acceptOne()
         else
             plug();
     }
-    if (fd >= 0)
+    if (fd != kNoSocket)
         adopt(fd, a);
 }
 
-void ztSimNetworkHead::Impl::adopt(int fd, const sockaddr_in& a)
+void ztSimNetworkHead::Impl::adopt(Socket fd, const Endpoint& a)
 {
-    const int one = 1;
-    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    setNoDelay(fd);
     auto conn = std::make_shared<Conn>();
     conn->fd = fd;
-    char ip[INET_ADDRSTRLEN] = "?";
-    ::inet_ntop(AF_INET, &a.sin_addr, ip, sizeof ip);
-    conn->peer = std::string(ip) + ":" + std::to_string(ntohs(a.sin_port));
+    conn->peer = a.text();
 
     std::vector<std::shared_ptr<Conn>> replaced;
     ConnectionObserver obs;
@@ -473,19 +418,19 @@ void ztSimNetworkHead::Impl::readLoop(Conn* c)
     std::vector<char> block(kReadBlock);
     std::vector<char> held; // bytes of a message not yet whole
     while (!c->closed) {
-        pollfd f[2] = {{c->fd, POLLIN | POLLRDHUP, 0}, {stopFd, POLLIN, 0}};
-        if (::poll(f, 2, -1) < 0) {
-            if (errno == EINTR)
+        Wait f[2] = {{c->fd, kReadable, 0}, {stopSignal.socket(), kReadable, 0}};
+        if (waitFor(f, 2, -1) < 0) {
+            if (tryAgain())
                 continue;
             break;
         }
         if (f[1].revents)
             break;
-        const ssize_t r = ::recv(c->fd, block.data(), block.size(), MSG_DONTWAIT);
+        const long r = recvSome(c->fd, block.data(), block.size());
         if (r == 0)
             break;
         if (r < 0) {
-            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)
+            if (tryAgain())
                 continue;
             break;
         }
@@ -619,7 +564,7 @@ void ztSimNetworkHead::Impl::leave(Conn* c)
         obs = observer;
         changed.notify_all();
     }
-    signalFd(wakeFd); // a channel came free: the listener may have to open again
+    wakeSignal.raise(); // a channel came free: the listener may have to open again
     if (obs)
         obs(c->channel, false, c->peer);
     c->finished = true;
@@ -635,20 +580,17 @@ int ztSimNetworkHead::Impl::writeAll(Conn& c, const char* p, std::size_t n, cons
     while (sent < n) {
         if (c.closed)
             return -1;
-        // MSG_NOSIGNAL: a peer that has gone away gives EPIPE, not a signal.
-        const ssize_t r = ::send(c.fd, p + sent, n - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const long r = sendSome(c.fd, p + sent, n - sent);
         if (r > 0) {
             sent += static_cast<std::size_t>(r);
             progress = Clock::now();
             continue;
         }
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        if (r < 0 && tryAgain()) {
             if (giveUp && *giveUp && Clock::now() - progress > kStalledWrite)
                 return -1;
-            pollfd f[2] = {{c.fd, POLLOUT, 0}, {stopFd, POLLIN, 0}};
-            ::poll(f, 2, 100);
+            Wait f[2] = {{c.fd, kWritable, 0}, {stopSignal.socket(), kReadable, 0}};
+            waitFor(f, 2, 100);
             if (f[1].revents)
                 return -1;
             continue;
@@ -734,10 +676,10 @@ int ztSimNetworkHead::start()
     std::lock_guard<std::mutex> life(m.lifeMutex);
     if (m.running)
         return 0;
-    if (m.stopFd < 0 || m.wakeFd < 0)
+    if (!m.stopSignal.ok() || !m.wakeSignal.ok())
         return -1;
-    drainFd(m.stopFd);
-    drainFd(m.wakeFd);
+    m.stopSignal.clear();
+    m.wakeSignal.clear();
     int refuse = -1;
     {
         std::lock_guard<std::mutex> lock(m.mutex);
@@ -762,7 +704,7 @@ void ztSimNetworkHead::stop()
     if (!m.running)
         return;
     m.stopping = true;
-    signalFd(m.stopFd); // wakes every poll of the head, and fails writes that wait
+    m.stopSignal.raise(); // wakes every poll of the head, and fails writes that wait
     stopStream();
     if (m.acceptThread.joinable())
         m.acceptThread.join();
@@ -979,7 +921,7 @@ void ztSimNetworkHead::closeChannel(Channel c)
     }
     if (conn)
         conn->shut();
-    signalFd(m_impl->wakeFd);
+    m_impl->wakeSignal.raise();
 }
 
 void ztSimNetworkHead::startStream(Channel c, std::vector<char> unit, std::size_t count, double bytesPerSecond)

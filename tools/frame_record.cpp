@@ -3,7 +3,9 @@
 #include "ztImageAssembler.h"
 #include "ztSimNetworkHead.h"
 
+#ifdef ZT_TOOL_PNG
 #include <opencv2/imgcodecs.hpp>
+#endif
 
 #include <algorithm>
 #include <cmath>
@@ -173,6 +175,7 @@ bool saveRecordAsPng(ztImageAssembler& assembler, char* record, const std::strin
         error = "the frame cannot be scaled to 8 bits";
         return false;
     }
+#ifdef ZT_TOOL_PNG
     // The pixels stay valid until this assembler makes its next image; the caller keeps
     // that from happening meanwhile.
     const cv::Mat image(static_cast<unsigned short>(height), static_cast<unsigned short>(width), CV_8UC1, pixels);
@@ -183,6 +186,9 @@ bool saveRecordAsPng(ztImageAssembler& assembler, char* record, const std::strin
     } catch (const cv::Exception& e) {
         error = "cannot write " + path + " (" + e.what() + ")";
     }
+#else
+    error = "cannot write " + path + ": this build has no PNG writer (OpenCV's image codecs)";
+#endif
     return false;
 }
 

@@ -1,20 +1,6 @@
 #include "host_peer.h"
 
-#ifdef _WIN32
-#  ifndef WIN32_LEAN_AND_MEAN
-#    define WIN32_LEAN_AND_MEAN
-#  endif
-#  include <winsock2.h>
-#  include <ws2tcpip.h>
-#else
-#  include <arpa/inet.h>
-#  include <netinet/in.h>
-#  include <netinet/tcp.h>
-#  include <poll.h>
-#  include <sys/socket.h>
-#  include <unistd.h>
-#  include <cerrno>
-#endif
+#include "sim_socket.h"
 
 #include <algorithm>
 #include <chrono>
@@ -25,87 +11,7 @@ namespace zt::tools {
 
 namespace {
 
-// The few socket calls that differ between BSD sockets and Winsock.
-#ifdef _WIN32
-using Socket = SOCKET;
-struct WinsockUp {
-    WinsockUp()
-    {
-        WSADATA data;
-        WSAStartup(MAKEWORD(2, 2), &data);
-    }
-};
-
-Socket openTcp()
-{
-    static const WinsockUp up;
-    return ::socket(AF_INET, SOCK_STREAM, 0);
-}
-bool valid(Socket s) { return s != INVALID_SOCKET; }
-void closeSocket(std::intptr_t s) { ::closesocket(static_cast<Socket>(s)); }
-int pollOne(std::intptr_t s, short events, int timeoutMs)
-{
-    WSAPOLLFD p{static_cast<Socket>(s), events, 0};
-    return ::WSAPoll(&p, 1, timeoutMs);
-}
-long sendBlocking(std::intptr_t s, const char* p, std::size_t n)
-{
-    return ::send(static_cast<Socket>(s), p, static_cast<int>(std::min<std::size_t>(n, 1 << 30)), 0);
-}
-// A send that takes only what fits now: -1 with wouldBlock set when nothing did.
-long sendNow(std::intptr_t s, const char* p, std::size_t n, bool& wouldBlock)
-{
-    u_long on = 1, off = 0;
-    ::ioctlsocket(static_cast<Socket>(s), FIONBIO, &on);
-    const long r = sendBlocking(s, p, n);
-    wouldBlock = r < 0 && ::WSAGetLastError() == WSAEWOULDBLOCK;
-    ::ioctlsocket(static_cast<Socket>(s), FIONBIO, &off);
-    return r;
-}
-long recvSome(std::intptr_t s, char* p, std::size_t n)
-{
-    return ::recv(static_cast<Socket>(s), p, static_cast<int>(n), 0);
-}
-std::intptr_t acceptOne(std::intptr_t s)
-{
-    const Socket fd = ::accept(static_cast<Socket>(s), nullptr, nullptr);
-    return fd == INVALID_SOCKET ? -1 : static_cast<std::intptr_t>(fd);
-}
-#else
-using Socket = int;
-Socket openTcp() { return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0); }
-bool valid(Socket s) { return s >= 0; }
-void closeSocket(std::intptr_t s) { ::close(static_cast<int>(s)); }
-int pollOne(std::intptr_t s, short events, int timeoutMs)
-{
-    pollfd p{static_cast<int>(s), events, 0};
-    return ::poll(&p, 1, timeoutMs);
-}
-long sendBlocking(std::intptr_t s, const char* p, std::size_t n)
-{
-    return ::send(static_cast<int>(s), p, n, MSG_NOSIGNAL);
-}
-long sendNow(std::intptr_t s, const char* p, std::size_t n, bool& wouldBlock)
-{
-    const long r = ::send(static_cast<int>(s), p, n, MSG_NOSIGNAL | MSG_DONTWAIT);
-    wouldBlock = r < 0 && errno == EAGAIN;
-    return r;
-}
-long recvSome(std::intptr_t s, char* p, std::size_t n)
-{
-    return ::recv(static_cast<int>(s), p, n, 0);
-}
-std::intptr_t acceptOne(std::intptr_t s)
-{
-    return ::accept4(static_cast<int>(s), nullptr, nullptr, SOCK_CLOEXEC);
-}
-#endif
-
-void setNoDelay(std::intptr_t s)
-{
-    int one = 1;
-    ::setsockopt(static_cast<Socket>(s), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&one), sizeof one);
-}
+using namespace zt::simnet;
 
 using Clock = std::chrono::steady_clock;
 
@@ -178,23 +84,21 @@ RawConnection::~RawConnection()
 bool RawConnection::connect(const std::string& ip, int port, int timeoutMs)
 {
     close();
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    if (::inet_pton(AF_INET, ip.c_str(), &addr.sin_addr) != 1)
+    Endpoint to{0, static_cast<std::uint16_t>(port)};
+    if (!parseIPv4(ip, to.address))
         return false;
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
-        const Socket fd = openTcp();
-        if (!valid(fd))
+        const Socket fd = openTcp(false);
+        if (fd == kNoSocket)
             return false;
-        if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) {
-            m_fd = static_cast<std::intptr_t>(fd);
+        if (startConnect(fd, to)) {
+            m_fd = fd;
             setNoDelay(m_fd);
             m_pending.clear();
             return true;
         }
-        closeSocket(static_cast<std::intptr_t>(fd));
+        closeSocket(fd);
         if (msLeft(deadline) == 0)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -217,11 +121,19 @@ void RawConnection::close()
     m_pending.clear();
 }
 
+void RawConnection::abort()
+{
+    if (m_fd >= 0)
+        resetSocket(m_fd);
+    m_fd = -1;
+    m_pending.clear();
+}
+
 bool RawConnection::sendBytes(const void* data, std::size_t length)
 {
     const char* p = static_cast<const char*>(data);
     while (m_fd >= 0 && length > 0) {
-        const long n = sendBlocking(m_fd, p, length);
+        const long n = sendSome(m_fd, p, length);
         if (n <= 0)
             return false;
         p += n;
@@ -236,11 +148,11 @@ std::size_t RawConnection::sendFor(const void* data, std::size_t length, int tim
     const char* p = static_cast<const char*>(data);
     std::size_t sent = 0;
     while (m_fd >= 0 && sent < length) {
-        if (pollOne(m_fd, POLLOUT, msLeft(deadline)) <= 0)
+        Wait w{m_fd, kWritable, 0};
+        if (waitFor(&w, 1, msLeft(deadline)) <= 0)
             break;
-        bool wouldBlock = false;
-        const long n = sendNow(m_fd, p + sent, length - sent, wouldBlock);
-        if (n <= 0 && !wouldBlock)
+        const long n = sendNow(m_fd, p + sent, length - sent);
+        if (n <= 0 && !(n < 0 && tryAgain()))
             break;
         if (n > 0)
             sent += static_cast<std::size_t>(n);
@@ -252,7 +164,8 @@ bool RawConnection::fill(int timeoutMs)
 {
     if (m_fd < 0)
         return false;
-    if (pollOne(m_fd, POLLIN, timeoutMs) <= 0)
+    Wait w{m_fd, kReadable, 0};
+    if (waitFor(&w, 1, timeoutMs) <= 0)
         return true;
     char buffer[65536];
     const long n = recvSome(m_fd, buffer, sizeof buffer);
@@ -324,25 +237,11 @@ RawListener::~RawListener()
 bool RawListener::listen(int port, int backlog)
 {
     close();
-    const Socket fd = openTcp();
-    if (!valid(fd))
-        return false;
-    m_fd = static_cast<std::intptr_t>(fd);
-#ifndef _WIN32
-    // Windows would let a second listener share the port with this option.
-    int one = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-#endif
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    socklen_t length = sizeof addr;
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, backlog) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length) != 0) {
+    m_fd = openTcp(false);
+    if (m_fd == kNoSocket || !listenOn(m_fd, "0.0.0.0", port, backlog, m_port)) {
         close();
         return false;
     }
-    m_port = ntohs(addr.sin_port);
     return true;
 }
 
@@ -350,10 +249,12 @@ bool RawListener::accept(RawConnection& out, int timeoutMs)
 {
     if (m_fd < 0)
         return false;
-    if (pollOne(m_fd, POLLIN, timeoutMs) <= 0)
+    Wait w{m_fd, kReadable, 0};
+    if (waitFor(&w, 1, timeoutMs) <= 0)
         return false;
-    const std::intptr_t fd = acceptOne(m_fd);
-    if (fd < 0)
+    Endpoint peer;
+    const Socket fd = acceptFrom(m_fd, peer, false);
+    if (fd == kNoSocket)
         return false;
     out.adopt(fd);
     return true;

@@ -47,6 +47,8 @@ public:
     // Takes over an accepted connection.
     void adopt(std::intptr_t fd);
     void close();
+    // Closes with a reset instead of an orderly end.
+    void abort();
 
     bool sendBytes(const void* data, std::size_t length);
     bool sendBytes(const std::vector<char>& bytes) { return sendBytes(bytes.data(), bytes.size()); }

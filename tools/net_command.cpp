@@ -5,8 +5,9 @@
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztSimNetworkHead.h"
 
-#include <arpa/inet.h>
+#include "sim_socket.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -42,8 +43,8 @@ constexpr int kHeadPort = ztSimNetworkHead::kDefaultPort;
 
 bool isIPv4(const std::string& text)
 {
-    in_addr a{};
-    return ::inet_pton(AF_INET, text.c_str(), &a) == 1;
+    std::uint32_t address = 0;
+    return zt::simnet::parseIPv4(text, address);
 }
 
 bool checkHeadAddresses(const char* command, const std::string& local, const std::string& remote,

@@ -1,10 +1,9 @@
 #include "sim_head.h"
 
 #include "frame_record.h"
+#include "net_command.h"
 #include "sim_presets.h"
 #include "ztSimNetworkHead.h"
-
-#include <arpa/inet.h>
 
 #include <atomic>
 #include <cerrno>
@@ -129,8 +128,7 @@ int runSimHead(int argc, char** argv)
             if (!parseSimPreset("sim head", arg, value, presets, error))
                 return bad(error);
         } else if (arg == "--bind") {
-            in_addr a{};
-            if (::inet_pton(AF_INET, value.c_str(), &a) != 1)
+            if (!isIPv4(value))
                 return bad("sim head: '" + value + "' is not an IPv4 address");
             bind = value;
         } else if (arg == "--port") {

@@ -4,10 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
@@ -130,23 +126,16 @@ TEST(TcpClient, BlocksInOrderConcurrentSendersReconnectOnSendAndTeardownWhileRec
 // callback and the log, not as a close.
 TEST(TcpClient, ResetConnectionIsAReceiveError)
 {
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    ASSERT_TRUE(::bind(listener, reinterpret_cast<sockaddr*>(&a), len) == 0 && ::listen(listener, 1) == 0 &&
-                ::getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len) == 0);
+    RawListener listener;
+    ASSERT_TRUE(listener.listen(0, 1));
     CaptureStdout();
-    auto client = std::make_shared<net::TcpClient>("127.0.0.1", ntohs(a.sin_port));
+    auto client = std::make_shared<net::TcpClient>("127.0.0.1", listener.port());
     GetCapturedStdout();
     Recorder rec(*client);
-    const int peer = ::accept(listener, nullptr, nullptr);
-    const linger abort{1, 0};
-    ASSERT_EQ(::setsockopt(peer, SOL_SOCKET, SO_LINGER, &abort, sizeof abort), 0);
+    RawConnection peer;
+    ASSERT_TRUE(listener.accept(peer, 3000));
     CaptureStderr();
-    ::close(peer);
-    ::close(listener);
+    peer.abort();
     EXPECT_TRUE(rec.waitFor([&] { return rec.errors == 1; }));
     EXPECT_TRUE(rec.connections.empty());
     client.reset();

@@ -1,14 +1,10 @@
 // The exported UDP client through the shared library, in a private namespace where
 // broadcasts are routed to loopback.
 #include "host_peer.h"
+#include "sim_socket.h"
 #include "support/fault_scenario.h"
 #include "support/log_capture.h"
 #include "ztScanEmbeddedUDPClient.h"
-
-#include <arpa/inet.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -22,41 +18,23 @@ namespace {
 constexpr unsigned short kDevicePort = 40000;
 const Bytes kRequest = embeddedMessage(0x101);
 
-sockaddr_in ipv4(const char* ip, unsigned short port)
-{
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    inet_pton(AF_INET, ip, &a.sin_addr);
-    return a;
-}
-
 // The head's socket, bound to any address of the namespace (only loopback exists):
 // broadcasts reach no socket bound to 127.0.0.1 alone.
 struct Device {
-    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in from{};
-    Device()
-    {
-        const sockaddr_in a = ipv4("0.0.0.0", kDevicePort);
-        EXPECT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a), 0);
-    }
-    ~Device() { ::close(fd); }
+    zt::simnet::Socket fd = zt::simnet::openUdp("0.0.0.0", kDevicePort);
+    zt::simnet::Endpoint from{};
+    Device() { EXPECT_NE(fd, zt::simnet::kNoSocket); }
+    ~Device() { zt::simnet::closeSocket(fd); }
     // One datagram (empty after 2 s without one), its sender in from.
     Bytes receive()
     {
         Bytes b(256);
-        pollfd p{fd, POLLIN, 0};
-        socklen_t len = sizeof from;
-        const ssize_t n = ::poll(&p, 1, 2000) == 1 ? ::recvfrom(fd, b.data(), 256, 0, (sockaddr*)&from, &len) : 0;
-        b.resize(static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
+        zt::simnet::Wait w{fd, zt::simnet::kReadable, 0};
+        const long n = zt::simnet::waitFor(&w, 1, 2000) == 1 ? zt::simnet::recvFrom(fd, b.data(), 256, from) : 0;
+        b.resize(static_cast<std::size_t>(std::max<long>(n, 0)));
         return b;
     }
-    void answer(const Bytes& b)
-    {
-        const sockaddr_in to = ipv4("127.0.0.1", 32002);
-        ::sendto(fd, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-    }
+    void answer(const Bytes& b) { zt::simnet::sendTo(fd, b.data(), b.size(), {0x7F000001, 32002}); }
 };
 
 struct Client : ztScanEmbeddedUDPClient {
@@ -82,7 +60,7 @@ TEST(UdpClient, BroadcastExchangeReceiveAndCopies)
     const Bytes reply = embeddedMessage(0x101, Bytes(8, 'd'));
     std::thread responder([&] {
         EXPECT_EQ(device.receive(), kRequest);
-        EXPECT_EQ(ntohs(device.from.sin_port), 32002);
+        EXPECT_EQ(device.from.port, 32002);
         device.answer(reply);
     });
     unsigned char buf[64] = {};
@@ -112,7 +90,7 @@ TEST(UdpClient, BroadcastExchangeReceiveAndCopies)
     const auto* request = reinterpret_cast<const unsigned char*>(kRequest.data());
     EXPECT_EQ(copy.send(request, 8), 8);
     EXPECT_EQ(device.receive(), kRequest);
-    EXPECT_EQ(ntohs(device.from.sin_port), 32002);
+    EXPECT_EQ(device.from.port, 32002);
     assigned.deInit();
     EXPECT_EQ(assigned.send(request, 8), -1);
     EXPECT_EQ(client.send(request, 8), -1);
