@@ -35,8 +35,10 @@ class SharedSlot;
 
 class ZT_PROXY_API ztEmbeddedModuleProxyServer : public ztDeviceCommandSet {
 public:
-    // Connect time-out result of init.
-    static constexpr int kConnectTimeout = 205;
+    // Connect time-out result of init. An enumerator rather than a static member: a program
+    // that takes the constant by reference links against the Windows DLL too, which does
+    // not export class data.
+    enum : int { kConnectTimeout = 205 };
 
     ztEmbeddedModuleProxyServer();
     ~ztEmbeddedModuleProxyServer() override;

@@ -182,9 +182,11 @@ struct ztSimReplay::Impl {
     // Sends one step's bytes; false when the replay stops first.
     bool send(const Step& s)
     {
+#ifdef ZT_SIM_USB_HEAD
         if (usbHead) {
             return (s.channel == 0 ? usbHead->pushStream(s.bytes) : usbHead->pushEvent(s.bytes)) >= 0;
         }
+#endif
         const auto channel = static_cast<ztSimNetworkHead::Channel>(s.channel);
         while (!stopping) {
             if (netHead->waitConnected(channel, 100) &&
@@ -240,7 +242,9 @@ struct ztSimReplay::Impl {
     bool fast = false;
 
     std::unique_ptr<ztSimNetworkHead> netHead;
+#ifdef ZT_SIM_USB_HEAD
     std::unique_ptr<ztSimUsbHead> usbHead;
+#endif
     std::thread player;
     std::atomic<bool> stopping{false};
 
@@ -308,6 +312,7 @@ int ztSimReplay::startUsb(bool fast)
         m_impl->say("no USB recording loaded");
         return -1;
     }
+#ifdef ZT_SIM_USB_HEAD
     m_impl->usbHead = std::make_unique<ztSimUsbHead>();
     Impl* impl = m_impl.get();
     m_impl->usbHead->setAnswerer([impl](unsigned char endpoint, const char* m, std::size_t n, std::vector<char>& reply) {
@@ -319,11 +324,20 @@ int ztSimReplay::startUsb(bool fast)
     }
     m_impl->start(fast);
     return 0;
+#else
+    (void)fast;
+    m_impl->say("this build has no emulated USB head (it needs Linux's usbfs emulation)");
+    return -1;
+#endif
 }
 
 _ZT_USB3_DEVICE_INFO_ ztSimReplay::usbDeviceInfo()
 {
+#ifdef ZT_SIM_USB_HEAD
     return ztSimUsbHead::deviceInfo();
+#else
+    return {};
+#endif
 }
 
 bool ztSimReplay::waitDone(int timeoutMs)
@@ -360,5 +374,7 @@ void ztSimReplay::stop()
     if (m_impl->player.joinable())
         m_impl->player.join();
     m_impl->netHead.reset();
+#ifdef ZT_SIM_USB_HEAD
     m_impl->usbHead.reset();
+#endif
 }

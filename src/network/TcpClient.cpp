@@ -148,6 +148,25 @@ int TcpClient::send(const char* data, size_t size)
     return zt::sock::sendOnce(s, data, clampLength(size));
 }
 
+bool TcpClient::bytesComing(zt_socket_t s)
+{
+#ifdef _WIN32
+    // Shutting a socket down ends a receive blocked on it on Linux but not on Windows, so
+    // there the receive waits for bytes in short steps, and a socket shut down meanwhile
+    // (by the destructor or a disconnect) reads as the end of the stream, as on Linux.
+    for (;;) {
+        if (m_stopping || m_socket.load() != s)
+            return false;
+        const int ready = zt::sock::waitReadable(s, kShutdownCheckMs);
+        if (ready != 0)
+            return true; // bytes, an end or an error: the receive tells which
+    }
+#else
+    (void)s;
+    return true;
+#endif
+}
+
 int TcpClient::receive(char* buf, size_t size)
 {
     if (buf == nullptr || size == 0) {
@@ -155,7 +174,7 @@ int TcpClient::receive(char* buf, size_t size)
         return -1;
     }
     const zt_socket_t s = m_socket.load();
-    const int n = s == 0 ? -1 : zt::sock::recvOnce(s, buf, clampLength(size));
+    const int n = s == 0 ? -1 : !bytesComing(s) ? 0 : zt::sock::recvOnce(s, buf, clampLength(size));
     if (n > 0)
         return n;
     if (n == 0)

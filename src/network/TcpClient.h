@@ -61,10 +61,13 @@ public:
 private:
     static constexpr size_t kRecvBufferSize = 0x20000;
     static constexpr size_t kRecvBlock = 0x10000;
+    static constexpr int kShutdownCheckMs = 50; // how often a waiting receive looks (Windows)
 
     void createSocket();
     void closeSocket();
     void recvThreadFunc(unsigned long generation);
+    // Waits until the socket has bytes (or an end) to read; false once it was shut down.
+    bool bytesComing(zt_socket_t s);
     void log(const char* message) const;
     void notifyConnection(bool connected);
 

@@ -4,6 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#ifdef _WIN32
+#  ifndef WIN32_LEAN_AND_MEAN
+#    define WIN32_LEAN_AND_MEAN
+#  endif
+#  ifndef NOMINMAX
+#    define NOMINMAX
+#  endif
+#  include <windows.h>
+#endif
+
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
@@ -126,6 +136,12 @@ TEST(TcpClient, BlocksInOrderConcurrentSendersReconnectOnSendAndTeardownWhileRec
 // callback and the log, not as a close.
 TEST(TcpClient, ResetConnectionIsAReceiveError)
 {
+#ifdef _WIN32
+    // Wine closes a socket in order even with a zero linger time, so a Windows program run
+    // there cannot reset a connection.
+    if (GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version") != nullptr)
+        GTEST_SKIP() << "no connection reset from a program under Wine";
+#endif
     RawListener listener;
     ASSERT_TRUE(listener.listen(0, 1));
     CaptureStdout();

@@ -33,14 +33,14 @@ for name in "${programs[@]}"; do
     # A fresh Wine server per namespace: one from an earlier namespace would keep making
     # its sockets there. The watchdog ends a program that hangs.
     rc=0
-    command=("$wine" "$exe" --gtest_brief=1)
+    command=("$wine" "$exe")
     case $name in
         capi_tests) command=("$here/../capi/with_sim_head.sh" "${ZT_SIM_TOOL:?ZT_SIM_TOOL names the Linux ztproxy}" "$wine" "$exe") ;;
         ztproxy_tool) command=("$here/tool_test.sh" "$wine" "$build/tools/ztproxy.exe") ;;
     esac
     # Broadcasts of the UDP client go to loopback, the only link of the namespace.
     unshare -rn bash -c 'ip link set lo up && ip route add 255.255.255.255/32 dev lo &&
-        timeout -k 5 300 "${@:2}"; rc=$?; "$1" -k 2>/dev/null; "$1" -w; exit $rc' \
+        timeout -k 5 ${ZT_WINE_TIMEOUT:-150} "${@:2}"; rc=$?; "$1" -k 2>/dev/null; "$1" -w; exit $rc' \
         run "$wineserver" "${command[@]}" >"$log" 2>&1 || rc=$?
     # GoogleTest programs say how many tests ran; the C program how many checks.
     ran=$(sed -n -e 's/^\[==========\] \([0-9]*\) tests\{0,1\} from .* ran\..*/\1/p' \
