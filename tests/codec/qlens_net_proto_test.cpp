@@ -208,53 +208,6 @@ TEST(QlensNetProto, LimitsAndGarbageInPiecesOfAnySize)
     EXPECT_TRUE(out.empty());
 }
 
-// Random streams in random pieces: with garbage free of tags every good packet comes out;
-// with tags, cut and refused packets, the model's packets and lines.
-TEST(QlensNetProto, RandomStreamsInRandomPieces)
-{
-    std::mt19937 rng(20240611);
-    auto any = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
-    auto len = [&](int lo, int hi) { return static_cast<std::uint32_t>(any(lo, hi)); };
-    for (int round = 0; round < 60; ++round) {
-        SCOPED_TRACE("round " + std::to_string(round));
-        const bool clean = round % 3 == 0;
-        Bytes in;
-        Packets good;
-        for (int seg = 0; seg < 60; ++seg) {
-            const unsigned seed = static_cast<unsigned>(any(0, 255));
-            const int kind = any(0, clean ? 2 : 9);
-            Bytes s;
-            switch (kind) {
-            case 0: s = packet(static_cast<std::uint16_t>(any(0, 2) ? 1280 + any(0, 1) : 512), len(160, 500), true, 0xBB, seed); break;
-            case 1: s = packet(static_cast<std::uint16_t>(any(513, 514)), len(88, 300), false, 0xBB, seed); break;
-            case 3: s = packet(1281, len(160, 300), true, static_cast<unsigned char>(any(0, 255))); break;
-            case 4: s = extHeader(512, any(0, 1) ? len(100, 159) : 0x1E00000 + len(1, 9)); break;
-            case 5: s = extHeader(1280, 300, static_cast<std::uint32_t>(rng())); break;
-            case 6: s = header(static_cast<std::uint16_t>(any(0, 1300)), len(0, 3000)); break;
-            case 7: s = packet(513, len(88, 200), false, 0xBB, seed);
-                    s.resize(static_cast<std::size_t>(any(1, static_cast<int>(s.size()) - 1))); break;
-            default:
-                for (int n = any(1, 30); n > 0; --n) {
-                    const int c = clean ? any(0, 254) : any(0, 3) ? any(0, 255) : 0xAA;
-                    s.push_back(static_cast<unsigned char>(clean && c == 0xAA ? 0xFF : c));
-                }
-            }
-            // Random bytes, tags included, where a packet's payload would be.
-            if (any(0, 3) == 0)
-                for (std::size_t i = 80; i + 1 < s.size(); ++i)
-                    s[i] = static_cast<unsigned char>(any(0, 255));
-            if (kind < 2)
-                good.push_back(s);
-            in.insert(in.end(), s.begin(), s.end());
-        }
-        expectModel(in, {0}, rng);
-        if (clean) {
-            QlensNetProto d;
-            ASSERT_EQ(decodeAll(d, in, static_cast<std::size_t>(any(1, 900))), good);
-        }
-    }
-}
-
 // The plain entries: any type below 1282 and lengths 8 to 0x5000000, with their own texts;
 // decodePlainHeader reports each header, decodePlain reads the body it accepted.
 TEST(QlensNetProto, PlainEntriesAndHeaderStatus)
