@@ -151,10 +151,10 @@ def test_slow_consumer_drops_frames_instead_of_stalling_the_stream(online, head)
     start = time.monotonic()
     assert head.waitStreamDone(5000)
     assert time.monotonic() - start < 3.0
-    assert wait_for(lambda: online.frames_dropped > 0)
-    # The queue drains, and the link stays up.
-    time.sleep(0.3)
-    assert len(calls) < 200 and online.frames_dropped >= 200 - len(calls) - 3
+    # Every frame is either handed on or counted dropped (up to the queue and the one in
+    # hand), and the link stays up.
+    assert wait_for(lambda: len(calls) + online.frames_dropped >= 200 - 3)
+    assert len(calls) < 200
     assert online.getImageSize() == (1280, 1024)
 
 
