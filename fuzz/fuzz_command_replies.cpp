@@ -10,7 +10,6 @@
 #include "network/EmbeddedFramer.h"
 #include "network/EmbeddedInternals.h"
 #include "ztEmbeddedModuleProxyServer.h"
-#include "zt_embedded_msg.h"
 
 #include <algorithm>
 #include <string>

@@ -7,7 +7,6 @@
 // Input: per completion one byte picks the action and status and one the piece's size.
 #include "fuzz_support.h"
 #include "usb/ztUsbInbound.h"
-#include "zt_embedded_msg.h"
 
 #include <algorithm>
 
