@@ -214,11 +214,13 @@ def test_teardown_while_streaming(head, how):
     head.startStream(Head.Data, Head.extendedPacket(FRAME, 1, b"\x02" * 100000), 0, 0)
     assert busy.wait(5)
     ended = []
+    asking = threading.Event()
 
     def commands():
         # Commands from another thread run into the close, never into a freed object.
         for _ in range(2000):
             try:
+                asking.set()
                 server.getImageSize()
             except RuntimeError as e:  # CommandError included
                 if "closed" in str(e):
@@ -229,7 +231,7 @@ def test_teardown_while_streaming(head, how):
     start = time.monotonic()
     if how == "close":
         worker.start()
-        time.sleep(0.05)
+        assert asking.wait(5)
         server.close()
         worker.join(10)
         assert ended
