@@ -1,15 +1,15 @@
 // Every reply parser of the device command catalogue, reached through the public command
-// methods of a device server whose exchange returns the fuzz bytes as the head's reply,
-// cut the way the link's receive loop cuts them and held in a buffer of exactly their size.
+// methods of a device server whose link hands the fuzz bytes back as the head's reply: the
+// whole message a framer cuts from them, in a buffer of exactly its size (on USB, of at
+// least the 1024 cleared bytes the control exchange reads into).
 //
-// Input: one byte picks the command, one the link's result policy (the network link's
-// 0/-1, or the USB link's status words and reply rule), the rest is what the head sends.
+// Input: one byte picks the command, one the link's result policy (the network link's 0/-1
+// or the USB link's status words), the rest is what the head sends.
 #include "commands/Catalogue.h"
 #include "fuzz_support.h"
 #include "network/EmbeddedFramer.h"
 #include "network/EmbeddedInternals.h"
 #include "ztEmbeddedModuleProxyServer.h"
-#include "zt_embedded_msg.h"
 
 #include <algorithm>
 #include <string>
@@ -17,80 +17,46 @@
 namespace {
 
 using zt::commands::Command;
-using zt::commands::Reply;
 
-// The bytes the head sends in answer to the next command.
-struct HeadBytes {
+// A network device server that is its own command link: its commands, the network-only
+// ones included, run unchanged, and each reply is the input's.
+class Server final : public ztEmbeddedModuleProxyServer, public zt::commands::Link {
+public:
     const std::uint8_t* data = nullptr;
     std::size_t size = 0;
     bool usb = false;
-};
 
-class FakeLink final : public zt::commands::Link {
-public:
-    explicit FakeLink(ztEmbeddedModuleProxyServer& s) : m_server(s) {}
-    HeadBytes next;
+    const char* className() const override { return usb ? "ztUsbProxyServer" : "ztEmbeddedModuleProxyServer"; }
+    bool returnsStatusWord() const override { return usb; }
 
-    const char* className() const override { return next.usb ? "ztUsbProxyServer" : "ztEmbeddedModuleProxyServer"; }
-    bool returnsStatusWord() const override { return next.usb; }
-
-    int exchange(const Command& c, const char* msg, int size, const std::function<int(const char*)>& judge) override
+    int exchange(const Command& c, const char*, int, const std::function<int(const char*)>& judge) override
     {
-        zt::fuzz::check(msg != nullptr && size >= 8 && zt_embedded_msg_get_full_size(msg) == size,
-                        "request message malformed");
-        zt::fuzz::check(zt_embedded_msg_get_msg_type(msg) == c.type, "request carries another type");
-        const bool wait = c.reply != Reply::NoWait && !(next.usb && (c.flags & zt::commands::kUsbNoWait) != 0);
-        if (!wait)
+        if (c.reply == zt::commands::Reply::NoWait || (usb && (c.flags & zt::commands::kUsbNoWait) != 0))
             return 0;
         const bool large = (c.flags & zt::commands::kLargeReply) != 0;
-        std::vector<char> reply;
-        if (next.usb) {
-            // The USB control exchange takes the front message once more than 7 bytes are
-            // held and its size is both held and below the limit; the reply buffer's first
-            // 1024 bytes were cleared before.
-            if (next.size <= 7)
-                return -1;
-            std::uint32_t full;
-            std::memcpy(&full, next.data + 1, sizeof full);
-            const std::uint32_t limit = large ? 0x6400000 : 0xA00000;
-            if (full > next.size || full >= limit)
-                return -1;
-            reply.assign(std::max<std::size_t>(full, 1024), 0);
-            std::memcpy(reply.data(), next.data, full);
-        } else {
-            zt::EmbeddedFramer framer(zt::EmbeddedFramer::kMinHeldRequestReply,
-                                      static_cast<std::size_t>(large ? zt::embedded::kLargeReplyLimit
-                                                                     : zt::embedded::kReplyLimit));
-            framer.append(next.data, next.size);
-            const char* m = framer.front();
-            if (m == nullptr)
-                return -1;
-            reply.assign(m, m + framer.frontSize());
-        }
+        zt::EmbeddedFramer framer(zt::EmbeddedFramer::kMinHeldRequestReply,
+                                  static_cast<std::size_t>(large ? zt::embedded::kLargeReplyLimit
+                                                                 : zt::embedded::kReplyLimit));
+        framer.append(data, size);
+        const char* m = framer.front();
+        if (m == nullptr)
+            return -1;
+        std::vector<char> reply(m, m + framer.frontSize());
+        if (usb)
+            reply.resize(std::max<std::size_t>(reply.size(), 1024), 0);
         return judge(reply.data());
     }
 
     // As the network link does: the reply goes to the data callback.
-    void handOff(char* reply) override { m_server.processMsg(reply); }
+    void handOff(char* reply) override { processMsg(reply); }
     // As the USB link does: a query may read on into the cleared 1024-byte head.
     int readablePayload(int payloadLength) const override
     {
-        return next.usb ? std::max(payloadLength, 1024 - 7) : payloadLength;
+        return usb ? std::max(payloadLength, 1024 - 7) : payloadLength;
     }
 
 private:
-    ztEmbeddedModuleProxyServer& m_server;
-};
-
-// A network device server whose commands go to the fake link; its own methods, the
-// network-only ones included, and the shared command set all run unchanged.
-class Server final : public ztEmbeddedModuleProxyServer {
-public:
-    Server() : link(*this) {}
-    FakeLink link;
-
-private:
-    zt::commands::Link& commandLink() override { return link; }
+    zt::commands::Link& commandLink() override { return *this; }
 };
 
 // Reads every byte a callback is handed, so that a payload reaching past its message
@@ -102,8 +68,6 @@ void onData(int type, char* data, int len, void*)
     for (int i = 0; i < len; ++i)
         g_sink += static_cast<unsigned char>(data[i]);
 }
-
-Server* g_server = nullptr;
 
 // Runs one command; returns its result. Arguments are fixed valid values: the input is
 // the reply, not the request.
@@ -208,27 +172,29 @@ int runCommand(Server& s, unsigned which, std::size_t replySize)
 }
 constexpr unsigned kCommands = 77;
 constexpr unsigned kAbilityQuery = 51;
+Server* g_server = nullptr;
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
+void zt::fuzz::setUp()
 {
-    zt::fuzz::quietLogs();
     g_server = new Server;
     g_server->registerModuleServerDataCB(&onData, nullptr);
-    return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     if (size < 2)
         return 0;
+    Server& server = *g_server;
     const unsigned which = data[0] % kCommands;
-    g_server->link.next = HeadBytes{data + 2, size - 2, (data[1] & 1) != 0};
-    const int result = runCommand(*g_server, which, size);
-    // The network link reduces every result to 0 or -1, except the ability query, which
+    server.data = data + 2;
+    server.size = size - 2;
+    server.usb = (data[1] & 1) != 0;
+    const int result = runCommand(server, which, size);
+    // The network link reduces every result to 0 or -1, except the ability query's, which
     // passes the head's non-zero status on as it stands.
-    if (!g_server->link.next.usb && which != kAbilityQuery)
-        zt::fuzz::check(result == 0 || result == -1, "network result other than 0 or -1");
+    zt::fuzz::check(server.usb || which == kAbilityQuery || result == 0 || result == -1,
+                    "network result other than 0 or -1");
     return 0;
 }

@@ -24,7 +24,29 @@ struct Session {
     zt::tools::RawConnection cmd;
     zt::tools::RawConnection data;
 };
+
 Session* g_session = nullptr;
+
+} // namespace
+
+// The module up in a namespace of its own, with both host connections accepted.
+void zt::fuzz::setUp()
+{
+    check(zt::test::enterPrivateNetwork(), "no private network namespace (unshare)");
+    auto* s = g_session = new Session;
+    check(s->module.init() == 0 && s->data.connect("127.0.0.1", 11300, 3000) && s->cmd.connect("127.0.0.1", 9479, 3000),
+          "module session not up");
+    // Both connections are accepted once a reply sent now reaches the host.
+    bool accepted = false;
+    for (int i = 0; i < 100 && !accepted; ++i) {
+        s->module.sendRegisterRep(true);
+        zt::tools::ProxyMessage m;
+        accepted = s->cmd.readMessage(m, 20);
+    }
+    check(accepted, "module never accepted the host");
+}
+
+namespace {
 
 constexpr int kQueries = static_cast<int>(Query::count) + 1; // and the pre-trigger check
 
@@ -55,25 +77,6 @@ int ask(ztModuleProxyClient& m, int which, std::vector<unsigned char>& out)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    zt::fuzz::quietLogs();
-    if (!zt::test::enterPrivateNetwork())
-        zt::fuzz::fail("no private network namespace (unshare)");
-    g_session = new Session;
-    Session& s = *g_session;
-    if (s.module.init() != 0 || !s.data.connect("127.0.0.1", 11300, 3000) || !s.cmd.connect("127.0.0.1", 9479, 3000))
-        zt::fuzz::fail("module session not up");
-    // Both connections are accepted once a reply sent now reaches the host.
-    for (int i = 0; i < 100; ++i) {
-        s.module.sendRegisterRep(true);
-        zt::tools::ProxyMessage m;
-        if (s.cmd.readMessage(m, 20))
-            return 0;
-    }
-    zt::fuzz::fail("module never accepted the host");
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size)
 {
     FuzzedDataProvider in(bytes, size);
@@ -91,13 +94,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
 
     Session& s = *g_session;
     // The pre-trigger check looks at what the last query's receive left; it receives nothing.
-    if (which < static_cast<int>(Query::count) && !s.data.sendBytes(answer))
-        zt::fuzz::fail("host connection lost");
+    zt::fuzz::check(which == static_cast<int>(Query::count) || s.data.sendBytes(answer), "host connection lost");
     const int result = ask(s.module, which, out);
     zt::fuzz::check(result == 0 || result == -1, "query result other than 0 or -1");
     // The module's notification of this query (or pre-trigger) on the data channel.
     zt::tools::ProxyMessage sent;
-    if (!s.data.readMessage(sent, 3000))
-        zt::fuzz::fail("module sent no notification");
+    zt::fuzz::check(s.data.readMessage(sent, 3000), "module sent no notification");
     return 0;
 }

@@ -109,8 +109,6 @@ SEEDS = {
         "command_data": seed(embedded(301, le("iHH", 1, 5, 6)) + embedded(302, le("ifff", 0, 1.0, 2.0, 3.0)), 2,
                              (0xFF,)),
     },
-    # Query index (0 enumSETFile ... 7 getCurBarFile, 8 the pre-trigger check), the header
-    # choices (0xFF: the right type, sub type and magic), the output size, then the payload.
     "fuzz_usb_inbound": {
         # A plain packet in two completions and an extended one, then processed.
         "stream_packets": usb([(0, 0, packet(513, 100)[:60]), (0, 0, packet(513, 100)[60:]),
@@ -133,6 +131,8 @@ SEEDS = {
         "object_mp_crossed": bytes([52]) + proxy_reply(0x30001, le("i", 1)),
         "led_exposure_split": bytes([28]) + proxy_reply(0x20001, le("f", 2.5)) + b"\x24\x23",
     },
+    # Query index (0 enumSETFile ... 7 getCurBarFile, 8 the pre-trigger check), the header
+    # choices (0xFF: the right type, sub type and magic), the output size, then the payload.
     "fuzz_module_queries": {
         "enum_set_files": le("i", 2) + le("ii", 3, 5) + b"a.setb.set." + bytes([16, 0xFF, 0]),
         "set_file_md5": b"0123456789abcdef0123456789abcdef" + bytes([16, 0xFF, 1]),

@@ -1,5 +1,6 @@
 #include "TThreadC.h"
 #include "foundation/ztWorker.h"
+#include "support/fault_scenario.h"
 
 #include <gtest/gtest.h>
 
@@ -8,19 +9,11 @@
 #endif
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 
 namespace {
 
-// Polls cond every millisecond for up to two seconds.
-template <class Cond>
-bool eventually(Cond cond)
-{
-    for (int i = 0; i < 2000 && !cond(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return cond();
-}
+using zt::test::waitUntil;
 
 // Counts its runs; may end itself with Exit, or wait for its own handle and join it.
 class Body : public TThreadC<void> {
@@ -39,7 +32,7 @@ public:
             afterExit = true; // never reached
         }
         ++runs;
-        if (eventually([this] {
+        if (waitUntil(2000, [this] {
                 ++polls;
                 return joinSelf.load();
             }))
@@ -88,14 +81,14 @@ TEST(TThreadC, CreateJoinDetachKillExitAndTheirFailures)
     h = nullptr;
     ASSERT_EQ(TThreadC<void>::Create(&plainFunction, hout, true, 0, false, false), 0);
     EXPECT_NE(h, nullptr);
-    EXPECT_TRUE(eventually([] { return plainRuns == 2; }));
+    EXPECT_TRUE(waitUntil(2000, [] { return plainRuns == 2; }));
 
     // Kill ends a running thread, which can then be joined; Detach lets one go.
     Body waiting;
     ASSERT_EQ(waiting.Create(hout, false, 0, false, false), 0);
     // Killed once it has slept: a Windows thread terminated inside the first sleep of its
     // life may hold the thread library's own lock, and every thread call after would wait.
-    ASSERT_TRUE(eventually([&] { return waiting.polls >= 2; }));
+    ASSERT_TRUE(waitUntil(2000, [&] { return waiting.polls >= 2; }));
     EXPECT_EQ(TThreadC<void>::Kill(h), 0);
     EXPECT_EQ(TThreadC<void>::Join(h), 0);
     EXPECT_EQ(waiting.selfJoin, -1);
@@ -103,7 +96,7 @@ TEST(TThreadC, CreateJoinDetachKillExitAndTheirFailures)
     detached.exitEarly = true;
     ASSERT_EQ(detached.Create(hout, false, 0, false, false), 0);
     EXPECT_EQ(TThreadC<void>::Detach(h), 0);
-    EXPECT_TRUE(eventually([&] { return detached.runs == 1; }));
+    EXPECT_TRUE(waitUntil(2000, [&] { return detached.runs == 1; }));
 }
 
 #ifndef _WIN32
@@ -155,7 +148,7 @@ TEST(WorkerConvention, StartStopAndEarlyEnd)
     const auto first = w.thread.get_id();
     ASSERT_EQ(zt::startWorker(w.thread, &Worker::onWorkThread, &w, "test"), 0); // not started again
     EXPECT_EQ(w.thread.get_id(), first);
-    ASSERT_TRUE(eventually([&] { return w.rounds > 2; }));
+    ASSERT_TRUE(waitUntil(2000, [&] { return w.rounds > 2; }));
     EXPECT_EQ(zt::FineTimer::holders(), 1);
     w.stop = true;
     zt::joinWorker(w.thread, "test");

@@ -1,5 +1,6 @@
 #include "platform/TCPServer.h"
 #include "host_peer.h"
+#include "support/fault_scenario.h"
 
 #include <gtest/gtest.h>
 
@@ -32,9 +33,7 @@ public:
     }
     bool waitConnections(int n)
     {
-        for (int i = 0; i < 2000 && connectionCount() != n; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return connectionCount() == n;
+        return zt::test::waitUntil(2000, [&] { return connectionCount() == n; });
     }
     // Listening, with a peer connected.
     void startWith(RawConnection& peer)
