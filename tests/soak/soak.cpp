@@ -14,6 +14,7 @@
 // its fixed port) and needs the umockdev preload for the USB head. It fails when a link
 // delivers no frames or does not recover in time, or when descriptors, threads or memory
 // grow.
+#include "fault_scenario.h"
 #include "netns.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztLog.h"
@@ -30,43 +31,24 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <memory>
 #include <random>
-#include <string>
-#include <thread>
 #include <vector>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using zt::test::Clock;
+using zt::test::waitUntil;
 
 double secondsSince(Clock::time_point t)
 {
-    return std::chrono::duration<double>(Clock::now() - t).count();
+    return static_cast<double>(zt::test::msSince(t)) / 1000;
 }
 
 void sleepMs(int ms)
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(std::max(0, ms)));
-}
-
-// Polls pred every 20 ms until it holds or timeoutMs have passed.
-bool waitFor(int timeoutMs, const std::function<bool()>& pred)
-{
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!pred()) {
-        if (Clock::now() >= deadline)
-            return false;
-        sleepMs(20);
-    }
-    return true;
 }
 
 // What the process holds, from /proc/self. The directory and the status file stay open
@@ -210,7 +192,7 @@ public:
             // works, and a server whose connections dropped has let go of their buffers.
             m_c.online = false;
             f.begin();
-            const bool offline = f.offline == Offline::Must && waitFor(kOfflineWithinMs, [&] { return m_c.offlineEvents > before; });
+            const bool offline = f.offline == Offline::Must && waitUntil(kOfflineWithinMs, [&] { return m_c.offlineEvents > before; });
             hold(between(f.loMs, f.hiMs) - static_cast<int>(secondsSince(start) * 1000));
             f.end();
             if (f.offline == Offline::Must && !offline)
@@ -253,7 +235,7 @@ protected:
         const auto since = Clock::now();
         m_c.recovering = true;
         m_c.online = false;
-        const bool ok = waitFor(kOnlineWithinMs, attempt);
+        const bool ok = waitUntil(kOnlineWithinMs, attempt);
         if (!ok)
             problem("not working " + std::to_string(secondsSince(since)) + " s after the fault");
         m_c.worstRecoveryS = ok ? std::max(m_c.worstRecoveryS, secondsSince(since)) : m_c.worstRecoveryS;
@@ -373,7 +355,7 @@ protected:
                      m_head.stop();
                  },
                  [&] {
-                     if (!waitFor(5000, [&] { return m_head.start() == 0; }))
+                     if (!waitUntil(5000, [&] { return m_head.start() == 0; }))
                          problem("the simulated head cannot listen again");
                      startStream();
                      dropServer();
@@ -498,7 +480,7 @@ private:
                 closeHandle();
         }
         newServer(std::make_unique<ztUsbProxyServer>(ztSimUsbHead::deviceInfo(), m_handle));
-        if (m_handle != nullptr && m_server->init() == 0 && waitFor(3000, [&] { return m_server->isConnected(); }))
+        if (m_handle != nullptr && m_server->init() == 0 && waitUntil(3000, [&] { return m_server->isConnected(); }))
             return true;
         dropServer();
         sleepMs(300);
@@ -567,7 +549,7 @@ protected:
         return {{"stop/start", Offline::May, 1000, 3000, [&] { m_module.stop(); },
                  [&] {
                      m_module.clearRequests();
-                     if (!waitFor(5000, [&] { return m_module.start() == 0; }))
+                     if (!waitUntil(5000, [&] { return m_module.start() == 0; }))
                          problem("the simulated module cannot listen again");
                  },
                  back},
@@ -773,13 +755,16 @@ int main(int argc, char** argv)
     for (auto& t : drivers)
         t.join();
     // The end figure, also taken with every link online (a recovery may still be finishing).
-    waitFor(15000, [&] { return allOnline(links); });
+    waitUntil(15000, [&] { return allOnline(links); });
     const long rssEndKb = residentTrimmedKb();
     const long heapEndKb = heapInUseKb();
     std::vector<std::string> failures;
+    auto failIf = [&](bool failed, const std::string& what) {
+        if (failed)
+            failures.push_back(what);
+    };
     for (auto& l : links)
-        if (!l->counters().online)
-            failures.push_back(std::string(l->name()) + ": down at the end of the run");
+        failIf(!l->counters().online, std::string(l->name()) + ": down at the end of the run");
     const double ranS = secondsSince(t0);
     onAll(links, false);
     // Teardown threads may still be ending: up to five seconds to come back to the baseline.
@@ -806,33 +791,28 @@ int main(int argc, char** argv)
                     c.worstRecoveryS);
         for (const auto& p : c.problems)
             failures.push_back(std::string(l->name()) + ": " + p);
-        if (c.framesDelivered == 0)
-            failures.push_back(std::string(l->name()) + ": no frames delivered");
-        if (c.commandsSent == c.commandsFailed)
-            failures.push_back(std::string(l->name()) + ": no command succeeded");
+        failIf(c.framesDelivered == 0, std::string(l->name()) + ": no frames delivered");
+        failIf(c.commandsSent == c.commandsFailed, std::string(l->name()) + ": no command succeeded");
     }
-    if (atEnd.fds.size() > baseline.fds.size()) {
-        std::string extra;
-        for (const auto& d : atEnd.fds)
-            if (std::find(baseline.fds.begin(), baseline.fds.end(), d) == baseline.fds.end())
-                extra += (extra.empty() ? "" : ", ") + d;
-        failures.push_back("descriptors grew: " + std::to_string(baseline.fds.size()) + " -> " +
-                           std::to_string(atEnd.fds.size()) + " (new: " + extra + ")");
-    }
-    if (atEnd.threads > baseline.threads)
-        failures.push_back("threads grew: " + std::to_string(baseline.threads) + " -> " + std::to_string(atEnd.threads));
-    if (heapReferenceKb > 0 && heapEndKb > heapReferenceKb + kHeapMarginMb * 1024)
-        failures.push_back("memory in use grew: " + std::to_string(heapReferenceKb / 1024) + " MB -> " +
-                           std::to_string(heapEndKb / 1024) + " MB");
-    if (heapReferenceKb > 0 && heapAfterKb > heapBaselineKb + kHeapAfterTeardownMarginMb * 1024)
-        failures.push_back("memory still in use after teardown: " + std::to_string(heapAfterKb / 1024) +
-                           " MB (after warm-up " + std::to_string(heapBaselineKb / 1024) + " MB)");
+    std::string extra;
+    for (const auto& d : atEnd.fds)
+        if (std::find(baseline.fds.begin(), baseline.fds.end(), d) == baseline.fds.end())
+            extra += (extra.empty() ? "" : ", ") + d;
+    const auto mb = [](long kb) { return std::to_string(kb / 1024) + " MB"; };
+    failIf(atEnd.fds.size() > baseline.fds.size(), "descriptors grew: " + std::to_string(baseline.fds.size()) + " -> " +
+                                                       std::to_string(atEnd.fds.size()) + " (new: " + extra + ")");
+    failIf(atEnd.threads > baseline.threads,
+           "threads grew: " + std::to_string(baseline.threads) + " -> " + std::to_string(atEnd.threads));
+    failIf(heapReferenceKb > 0 && heapEndKb > heapReferenceKb + kHeapMarginMb * 1024,
+           "memory in use grew: " + mb(heapReferenceKb) + " -> " + mb(heapEndKb));
+    failIf(heapReferenceKb > 0 && heapAfterKb > heapBaselineKb + kHeapAfterTeardownMarginMb * 1024,
+           "memory still in use after teardown: " + mb(heapAfterKb) + " (after warm-up " + mb(heapBaselineKb) + ")");
     // A shorter run has no steady state to compare with: its figures are reported only.
-    if (seconds >= kRssCheckFromS && rssReferenceKb == 0)
-        failures.push_back("no moment with every link online for the memory reference");
-    else if (seconds >= kRssCheckFromS && rssEndKb > rssReferenceKb + kRssMarginMb * 1024)
-        failures.push_back("resident memory grew: " + std::to_string(rssReferenceKb / 1024) + " MB -> " +
-                           std::to_string(rssEndKb / 1024) + " MB (margin " + std::to_string(kRssMarginMb) + " MB)");
+    const bool judged = seconds >= kRssCheckFromS;
+    failIf(judged && rssReferenceKb == 0, "no moment with every link online for the memory reference");
+    failIf(judged && rssReferenceKb > 0 && rssEndKb > rssReferenceKb + kRssMarginMb * 1024,
+           "resident memory grew: " + mb(rssReferenceKb) + " -> " + mb(rssEndKb) + " (margin " +
+               std::to_string(kRssMarginMb) + " MB)");
     std::printf("  process  resident %ld MB at the reference, %ld MB at the end; in use %ld kB after warm-up, %ld kB "
                 "after teardown; descriptors %zu -> %zu, threads %d -> %d; %lld log lines\n",
                 rssReferenceKb / 1024, rssEndKb / 1024, heapBaselineKb, heapAfterKb, baseline.fds.size(),
