@@ -260,15 +260,18 @@ private:
 };
 
 // A device server (network or USB) with a stream of frames of type 1280 from its head,
-// and commands in turn, one each round.
-template <class Server>
+// and commands in turn, one each round. The head is the process's: the network head holds
+// two event descriptors while it exists, and umockdev keeps a socket and event descriptors
+// of every test bed it made, so a head per bring-up would look like a descriptor leak.
+template <class Server, class Head>
 class DeviceLink : public Link {
 public:
-    using Link::Link;
+    DeviceLink(const char* name, const Schedule& s, std::uint64_t seed, Head& head) : Link(name, s, seed), m_head(head) {}
 
 protected:
     void commands(const std::vector<std::function<bool(unsigned)>>& list)
     {
+        m_head.clearCommands();
         if (!m_server || !m_server->isConnected()) {
             sleepMs(100);
             return;
@@ -288,21 +291,22 @@ protected:
         s->registerModuleServerDataCB(&deviceCallback, &m_c);
         m_server = std::move(s);
     }
-    // Frames handed out by the head: whole units of its stream.
-    void countStreamed(std::size_t bytes) { m_c.framesSent += static_cast<long long>(bytes / m_unitBytes); }
+    // Stops the head's stream and counts the frames it handed out: whole units.
+    void stopStream()
+    {
+        m_head.stopStream();
+        m_c.framesSent += static_cast<long long>(m_head.streamedBytes() / m_unitBytes);
+    }
 
+    Head& m_head;
     std::unique_ptr<Server> m_server;
     std::size_t m_unitBytes = 1;
     unsigned m_round = 0;
 };
 
-class NetworkLink : public DeviceLink<ztEmbeddedModuleProxyServer> {
+class NetworkLink : public DeviceLink<ztEmbeddedModuleProxyServer, ztSimNetworkHead> {
 public:
-    // The head (which holds two event descriptors while it exists) is the process's.
-    NetworkLink(const char* name, const Schedule& s, std::uint64_t seed, ztSimNetworkHead& head)
-        : DeviceLink(name, s, seed), m_head(head)
-    {
-    }
+    using DeviceLink::DeviceLink;
     bool up() override
     {
         if (m_head.start() != 0) {
@@ -314,8 +318,7 @@ public:
     }
     void down() override
     {
-        m_head.stopStream();
-        countStreamed(m_head.streamedBytes());
+        stopStream();
         dropServer();
         m_head.stop();
         m_c.online = false;
@@ -324,7 +327,6 @@ public:
 protected:
     void traffic() override
     {
-        m_head.clearCommands();
         commands({[&](unsigned) {
                       int v[4] = {0, 0, 0, 0};
                       return m_server->getRKProgramVersion(&v[0], &v[1], &v[2], &v[3]) == 0 && v[0] == 1 && v[3] == 4;
@@ -350,8 +352,7 @@ protected:
                 // The head process restarts: every connection drops, the port is closed a while.
                 {"restart", Offline::Must, 500, 2500,
                  [&] {
-                     m_head.stopStream();
-                     countStreamed(m_head.streamedBytes());
+                     stopStream();
                      m_head.stop();
                  },
                  [&] {
@@ -387,17 +388,11 @@ private:
         return false;
     }
 
-    ztSimNetworkHead& m_head;
 };
 
-class UsbLink : public DeviceLink<ztUsbProxyServer> {
+class UsbLink : public DeviceLink<ztUsbProxyServer, ztSimUsbHead> {
 public:
-    // The head is the process's: umockdev keeps a socket and event descriptors of every
-    // test bed it made, so a head per bring-up would look like a descriptor leak.
-    UsbLink(const char* name, const Schedule& s, std::uint64_t seed, ztSimUsbHead& head)
-        : DeviceLink(name, s, seed), m_head(head)
-    {
-    }
+    using DeviceLink::DeviceLink;
     bool up() override
     {
         // libusb's default context (the one the server handles events on) finds the
@@ -411,8 +406,7 @@ public:
     }
     void down() override
     {
-        m_head.stopStream();
-        countStreamed(m_head.streamedBytes());
+        stopStream();
         dropServer();
         closeHandle();
         if (m_contextUp)
@@ -424,7 +418,6 @@ public:
 protected:
     void traffic() override
     {
-        m_head.clearCommands();
         commands({[&](unsigned r) { return m_server->setCameraExposure(static_cast<float>(2000 + r % 100)) == 0; },
                   [&](unsigned) {
                       short w = 0, h = 0;
@@ -487,7 +480,6 @@ private:
         return false;
     }
 
-    ztSimUsbHead& m_head;
     bool m_contextUp = false;
     libusb_device_handle* m_handle = nullptr;
 };
