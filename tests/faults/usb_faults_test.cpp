@@ -7,27 +7,15 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <future>
-#include <string>
-#include <thread>
-#include <vector>
 
-using zt::test::Clock;
-using zt::test::DataCalls;
-using zt::test::LogCapture;
-using zt::test::msSince;
-using zt::test::RawCommand;
-using zt::test::streamPacket;
-using zt::test::UsbOnline;
+using namespace zt::test;
 using Head = ztSimUsbHead;
 
 namespace {
 
-// Allowance on top of a nominal duration for a loaded machine (parallel tests,
-// sanitizers); bounds then still tell a period or a time-out from the next one.
+// Allowance for a loaded machine (parallel tests, sanitizers) on top of a nominal duration.
 constexpr long long kSlackMs = 2000;
 // The offline declaration: five silent 500 ms heartbeat periods, then the release pause.
 constexpr long long kOfflineMs = 3000;
@@ -37,7 +25,7 @@ std::size_t unitsDelivered(UsbOnline& o, const std::vector<char>& unit)
 {
     const auto got = o.calls.payloads(1280);
     for (const auto& p : got)
-        EXPECT_EQ(p, zt::test::payloadOf(unit));
+        EXPECT_EQ(p, payloadOf(unit));
     return got.size();
 }
 
@@ -79,7 +67,7 @@ TEST(UsbFaults, StreamAndCommandsThroughTransferErrorBursts)
         // Every transfer was resubmitted: once the errors stop, what waited arrives.
         o.head.failTransfers(false);
         EXPECT_EQ(o.calls.waitCount(730 + i, 1, 3000), 1u);
-        EXPECT_TRUE(zt::test::waitUntil(3000, [&] { return o.head.streamedBytes() > handed; }));
+        EXPECT_TRUE(waitUntil(3000, [&] { return o.head.streamedBytes() > handed; }));
         o.head.setStatusReply(13, 40 + i);
         ASSERT_EQ(x.run(*o.server, 13, 3000), 0);
         EXPECT_EQ(x.status(), Head::statusMessage(40 + i));
@@ -107,16 +95,16 @@ TEST(UsbFaults, LastingTransferErrorsTakeTheHeadOfflineAfterFiveSilentBeats)
     LogCapture log(ZTLOG_LEVEL_INFO);
     UsbOnline o;
     ASSERT_TRUE(o.open());
-    zt::test::DestroyOnOffline<ztUsbProxyServer> owner(std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle));
+    DestroyOnOffline<ztUsbProxyServer> owner(std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle));
     struct Both {
         DataCalls* calls;
-        zt::test::DestroyOnOffline<ztUsbProxyServer>* owner;
+        DestroyOnOffline<ztUsbProxyServer>* owner;
     } both{&o.calls, &owner};
     owner.server->registerModuleServerDataCB(
         [](int type, char* data, int length, void* user) {
             auto* b = static_cast<Both*>(user);
             DataCalls::cb(type, data, length, b->calls);
-            zt::test::DestroyOnOffline<ztUsbProxyServer>::cb(type, data, length, b->owner);
+            DestroyOnOffline<ztUsbProxyServer>::cb(type, data, length, b->owner);
         },
         &both);
     ASSERT_EQ(owner.server->init(), 0);
@@ -170,7 +158,7 @@ TEST(UsbFaults, DeviceVanishesWhileStreamingAndCommandingThenANewServerOnTheRepl
         }
     });
     // A slow (sanitizer) build on a loaded machine may see a command time out first.
-    EXPECT_TRUE(zt::test::waitUntil(10000, [&] { return ok > 0; }));
+    EXPECT_TRUE(waitUntil(10000, [&] { return ok > 0; }));
 
     const auto t0 = Clock::now();
     o.head.unplug();

@@ -14,6 +14,7 @@
 // its fixed port) and needs the umockdev preload for the USB head. It fails when a link
 // delivers no frames or does not recover in time, or when descriptors, threads or memory
 // grow.
+#include "fault_scenario.h"
 #include "netns.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztLog.h"
@@ -30,43 +31,24 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <memory>
 #include <random>
-#include <string>
-#include <thread>
 #include <vector>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using zt::test::Clock;
+using zt::test::waitUntil;
 
 double secondsSince(Clock::time_point t)
 {
-    return std::chrono::duration<double>(Clock::now() - t).count();
+    return static_cast<double>(zt::test::msSince(t)) / 1000;
 }
 
 void sleepMs(int ms)
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(std::max(0, ms)));
-}
-
-// Polls pred every 20 ms until it holds or timeoutMs have passed.
-bool waitFor(int timeoutMs, const std::function<bool()>& pred)
-{
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!pred()) {
-        if (Clock::now() >= deadline)
-            return false;
-        sleepMs(20);
-    }
-    return true;
 }
 
 // What the process holds, from /proc/self. The directory and the status file stay open
@@ -210,7 +192,7 @@ public:
             // works, and a server whose connections dropped has let go of their buffers.
             m_c.online = false;
             f.begin();
-            const bool offline = f.offline == Offline::Must && waitFor(kOfflineWithinMs, [&] { return m_c.offlineEvents > before; });
+            const bool offline = f.offline == Offline::Must && waitUntil(kOfflineWithinMs, [&] { return m_c.offlineEvents > before; });
             hold(between(f.loMs, f.hiMs) - static_cast<int>(secondsSince(start) * 1000));
             f.end();
             if (f.offline == Offline::Must && !offline)
@@ -253,7 +235,7 @@ protected:
         const auto since = Clock::now();
         m_c.recovering = true;
         m_c.online = false;
-        const bool ok = waitFor(kOnlineWithinMs, attempt);
+        const bool ok = waitUntil(kOnlineWithinMs, attempt);
         if (!ok)
             problem("not working " + std::to_string(secondsSince(since)) + " s after the fault");
         m_c.worstRecoveryS = ok ? std::max(m_c.worstRecoveryS, secondsSince(since)) : m_c.worstRecoveryS;
@@ -278,15 +260,18 @@ private:
 };
 
 // A device server (network or USB) with a stream of frames of type 1280 from its head,
-// and commands in turn, one each round.
-template <class Server>
+// and commands in turn, one each round. The head is the process's: the network head holds
+// two event descriptors while it exists, and umockdev keeps a socket and event descriptors
+// of every test bed it made, so a head per bring-up would look like a descriptor leak.
+template <class Server, class Head>
 class DeviceLink : public Link {
 public:
-    using Link::Link;
+    DeviceLink(const char* name, const Schedule& s, std::uint64_t seed, Head& head) : Link(name, s, seed), m_head(head) {}
 
 protected:
     void commands(const std::vector<std::function<bool(unsigned)>>& list)
     {
+        m_head.clearCommands();
         if (!m_server || !m_server->isConnected()) {
             sleepMs(100);
             return;
@@ -306,21 +291,22 @@ protected:
         s->registerModuleServerDataCB(&deviceCallback, &m_c);
         m_server = std::move(s);
     }
-    // Frames handed out by the head: whole units of its stream.
-    void countStreamed(std::size_t bytes) { m_c.framesSent += static_cast<long long>(bytes / m_unitBytes); }
+    // Stops the head's stream and counts the frames it handed out: whole units.
+    void stopStream()
+    {
+        m_head.stopStream();
+        m_c.framesSent += static_cast<long long>(m_head.streamedBytes() / m_unitBytes);
+    }
 
+    Head& m_head;
     std::unique_ptr<Server> m_server;
     std::size_t m_unitBytes = 1;
     unsigned m_round = 0;
 };
 
-class NetworkLink : public DeviceLink<ztEmbeddedModuleProxyServer> {
+class NetworkLink : public DeviceLink<ztEmbeddedModuleProxyServer, ztSimNetworkHead> {
 public:
-    // The head (which holds two event descriptors while it exists) is the process's.
-    NetworkLink(const char* name, const Schedule& s, std::uint64_t seed, ztSimNetworkHead& head)
-        : DeviceLink(name, s, seed), m_head(head)
-    {
-    }
+    using DeviceLink::DeviceLink;
     bool up() override
     {
         if (m_head.start() != 0) {
@@ -332,8 +318,7 @@ public:
     }
     void down() override
     {
-        m_head.stopStream();
-        countStreamed(m_head.streamedBytes());
+        stopStream();
         dropServer();
         m_head.stop();
         m_c.online = false;
@@ -342,7 +327,6 @@ public:
 protected:
     void traffic() override
     {
-        m_head.clearCommands();
         commands({[&](unsigned) {
                       int v[4] = {0, 0, 0, 0};
                       return m_server->getRKProgramVersion(&v[0], &v[1], &v[2], &v[3]) == 0 && v[0] == 1 && v[3] == 4;
@@ -368,12 +352,11 @@ protected:
                 // The head process restarts: every connection drops, the port is closed a while.
                 {"restart", Offline::Must, 500, 2500,
                  [&] {
-                     m_head.stopStream();
-                     countStreamed(m_head.streamedBytes());
+                     stopStream();
                      m_head.stop();
                  },
                  [&] {
-                     if (!waitFor(5000, [&] { return m_head.start() == 0; }))
+                     if (!waitUntil(5000, [&] { return m_head.start() == 0; }))
                          problem("the simulated head cannot listen again");
                      startStream();
                      dropServer();
@@ -405,17 +388,11 @@ private:
         return false;
     }
 
-    ztSimNetworkHead& m_head;
 };
 
-class UsbLink : public DeviceLink<ztUsbProxyServer> {
+class UsbLink : public DeviceLink<ztUsbProxyServer, ztSimUsbHead> {
 public:
-    // The head is the process's: umockdev keeps a socket and event descriptors of every
-    // test bed it made, so a head per bring-up would look like a descriptor leak.
-    UsbLink(const char* name, const Schedule& s, std::uint64_t seed, ztSimUsbHead& head)
-        : DeviceLink(name, s, seed), m_head(head)
-    {
-    }
+    using DeviceLink::DeviceLink;
     bool up() override
     {
         // libusb's default context (the one the server handles events on) finds the
@@ -429,8 +406,7 @@ public:
     }
     void down() override
     {
-        m_head.stopStream();
-        countStreamed(m_head.streamedBytes());
+        stopStream();
         dropServer();
         closeHandle();
         if (m_contextUp)
@@ -442,7 +418,6 @@ public:
 protected:
     void traffic() override
     {
-        m_head.clearCommands();
         commands({[&](unsigned r) { return m_server->setCameraExposure(static_cast<float>(2000 + r % 100)) == 0; },
                   [&](unsigned) {
                       short w = 0, h = 0;
@@ -498,14 +473,13 @@ private:
                 closeHandle();
         }
         newServer(std::make_unique<ztUsbProxyServer>(ztSimUsbHead::deviceInfo(), m_handle));
-        if (m_handle != nullptr && m_server->init() == 0 && waitFor(3000, [&] { return m_server->isConnected(); }))
+        if (m_handle != nullptr && m_server->init() == 0 && waitUntil(3000, [&] { return m_server->isConnected(); }))
             return true;
         dropServer();
         sleepMs(300);
         return false;
     }
 
-    ztSimUsbHead& m_head;
     bool m_contextUp = false;
     libusb_device_handle* m_handle = nullptr;
 };
@@ -567,7 +541,7 @@ protected:
         return {{"stop/start", Offline::May, 1000, 3000, [&] { m_module.stop(); },
                  [&] {
                      m_module.clearRequests();
-                     if (!waitFor(5000, [&] { return m_module.start() == 0; }))
+                     if (!waitUntil(5000, [&] { return m_module.start() == 0; }))
                          problem("the simulated module cannot listen again");
                  },
                  back},
@@ -773,13 +747,16 @@ int main(int argc, char** argv)
     for (auto& t : drivers)
         t.join();
     // The end figure, also taken with every link online (a recovery may still be finishing).
-    waitFor(15000, [&] { return allOnline(links); });
+    waitUntil(15000, [&] { return allOnline(links); });
     const long rssEndKb = residentTrimmedKb();
     const long heapEndKb = heapInUseKb();
     std::vector<std::string> failures;
+    auto failIf = [&](bool failed, const std::string& what) {
+        if (failed)
+            failures.push_back(what);
+    };
     for (auto& l : links)
-        if (!l->counters().online)
-            failures.push_back(std::string(l->name()) + ": down at the end of the run");
+        failIf(!l->counters().online, std::string(l->name()) + ": down at the end of the run");
     const double ranS = secondsSince(t0);
     onAll(links, false);
     // Teardown threads may still be ending: up to five seconds to come back to the baseline.
@@ -806,33 +783,28 @@ int main(int argc, char** argv)
                     c.worstRecoveryS);
         for (const auto& p : c.problems)
             failures.push_back(std::string(l->name()) + ": " + p);
-        if (c.framesDelivered == 0)
-            failures.push_back(std::string(l->name()) + ": no frames delivered");
-        if (c.commandsSent == c.commandsFailed)
-            failures.push_back(std::string(l->name()) + ": no command succeeded");
+        failIf(c.framesDelivered == 0, std::string(l->name()) + ": no frames delivered");
+        failIf(c.commandsSent == c.commandsFailed, std::string(l->name()) + ": no command succeeded");
     }
-    if (atEnd.fds.size() > baseline.fds.size()) {
-        std::string extra;
-        for (const auto& d : atEnd.fds)
-            if (std::find(baseline.fds.begin(), baseline.fds.end(), d) == baseline.fds.end())
-                extra += (extra.empty() ? "" : ", ") + d;
-        failures.push_back("descriptors grew: " + std::to_string(baseline.fds.size()) + " -> " +
-                           std::to_string(atEnd.fds.size()) + " (new: " + extra + ")");
-    }
-    if (atEnd.threads > baseline.threads)
-        failures.push_back("threads grew: " + std::to_string(baseline.threads) + " -> " + std::to_string(atEnd.threads));
-    if (heapReferenceKb > 0 && heapEndKb > heapReferenceKb + kHeapMarginMb * 1024)
-        failures.push_back("memory in use grew: " + std::to_string(heapReferenceKb / 1024) + " MB -> " +
-                           std::to_string(heapEndKb / 1024) + " MB");
-    if (heapReferenceKb > 0 && heapAfterKb > heapBaselineKb + kHeapAfterTeardownMarginMb * 1024)
-        failures.push_back("memory still in use after teardown: " + std::to_string(heapAfterKb / 1024) +
-                           " MB (after warm-up " + std::to_string(heapBaselineKb / 1024) + " MB)");
+    std::string extra;
+    for (const auto& d : atEnd.fds)
+        if (std::find(baseline.fds.begin(), baseline.fds.end(), d) == baseline.fds.end())
+            extra += (extra.empty() ? "" : ", ") + d;
+    const auto mb = [](long kb) { return std::to_string(kb / 1024) + " MB"; };
+    failIf(atEnd.fds.size() > baseline.fds.size(), "descriptors grew: " + std::to_string(baseline.fds.size()) + " -> " +
+                                                       std::to_string(atEnd.fds.size()) + " (new: " + extra + ")");
+    failIf(atEnd.threads > baseline.threads,
+           "threads grew: " + std::to_string(baseline.threads) + " -> " + std::to_string(atEnd.threads));
+    failIf(heapReferenceKb > 0 && heapEndKb > heapReferenceKb + kHeapMarginMb * 1024,
+           "memory in use grew: " + mb(heapReferenceKb) + " -> " + mb(heapEndKb));
+    failIf(heapReferenceKb > 0 && heapAfterKb > heapBaselineKb + kHeapAfterTeardownMarginMb * 1024,
+           "memory still in use after teardown: " + mb(heapAfterKb) + " (after warm-up " + mb(heapBaselineKb) + ")");
     // A shorter run has no steady state to compare with: its figures are reported only.
-    if (seconds >= kRssCheckFromS && rssReferenceKb == 0)
-        failures.push_back("no moment with every link online for the memory reference");
-    else if (seconds >= kRssCheckFromS && rssEndKb > rssReferenceKb + kRssMarginMb * 1024)
-        failures.push_back("resident memory grew: " + std::to_string(rssReferenceKb / 1024) + " MB -> " +
-                           std::to_string(rssEndKb / 1024) + " MB (margin " + std::to_string(kRssMarginMb) + " MB)");
+    const bool judged = seconds >= kRssCheckFromS;
+    failIf(judged && rssReferenceKb == 0, "no moment with every link online for the memory reference");
+    failIf(judged && rssReferenceKb > 0 && rssEndKb > rssReferenceKb + kRssMarginMb * 1024,
+           "resident memory grew: " + mb(rssReferenceKb) + " -> " + mb(rssEndKb) + " (margin " +
+               std::to_string(kRssMarginMb) + " MB)");
     std::printf("  process  resident %ld MB at the reference, %ld MB at the end; in use %ld kB after warm-up, %ld kB "
                 "after teardown; descriptors %zu -> %zu, threads %d -> %d; %lld log lines\n",
                 rssReferenceKb / 1024, rssEndKb / 1024, heapBaselineKb, heapAfterKb, baseline.fds.size(),

@@ -2,12 +2,11 @@
 // before it builds a new one, and tells when that has happened.
 #pragma once
 
+#include "support/fault_scenario.h"
 #include "ztProxyTypes.h"
 
 #include <atomic>
-#include <chrono>
 #include <memory>
-#include <thread>
 
 namespace zt::test {
 
@@ -33,9 +32,7 @@ struct DestroyOnOffline {
 
     bool waitGone(int timeoutMs)
     {
-        for (int i = 0; i < timeoutMs / 20 && !gone; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        return gone;
+        return waitUntil(timeoutMs, [&] { return gone.load(); });
     }
 };
 

@@ -4,36 +4,18 @@
 #pragma once
 
 #include "support/data_calls.h"
+#include "support/fault_scenario.h"
 #include "ztSimUsbHead.h"
 #include "ztUsbProxyServer.h"
 
 #include <libusb.h>
 
 #include <algorithm>
-#include <chrono>
-#include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace zt::test {
-
-using Clock = std::chrono::steady_clock;
-
-inline long long msSince(Clock::time_point t0)
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
-}
-
-// Polls pred every 10 ms until it holds or timeoutMs have passed; its last answer.
-inline bool waitUntil(int timeoutMs, const std::function<bool()>& pred)
-{
-    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!pred() && Clock::now() < end)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return pred();
-}
 
 // What the data callback is given for an embedded message: its payload.
 inline std::string payloadOf(const std::vector<char>& message)

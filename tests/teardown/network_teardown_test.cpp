@@ -129,8 +129,8 @@ TEST(Teardown, EmbeddedServerWithStreamAndCommandsInFlight)
 }
 
 // The host with a module that took both connections, answered the register request and
-// has said nothing since; the module side with a host that connected and sends nothing.
-TEST(SilentPeer, ModuleProxyBothEnds)
+// has said nothing since. (The module side with a silent host: ModuleProxyClient's tests.)
+TEST(SilentPeer, ModuleProxyHost)
 {
     RawListener command, data;
     ASSERT_TRUE(command.listen(ZT_MODULE_CMD_PORT) && data.listen(ZT_MODULE_DATA_PORT));
@@ -147,16 +147,6 @@ TEST(SilentPeer, ModuleProxyBothEnds)
     // data receive once its socket is shut down.
     returnsWithin(200 + kAllowanceMs, "ztModuleProxyServer::deInit with a silent module", [&] { host.deInit(); });
     EXPECT_TRUE(hostData.peerClosed(1000));
-    command.close();
-    data.close();
-
-    auto module = std::make_unique<ztModuleProxyClient>();
-    ASSERT_EQ(module->init(), 0);
-    RawConnection peerCommand, peerData;
-    ASSERT_TRUE(peerCommand.connect("127.0.0.1", ZT_MODULE_CMD_PORT, 3000));
-    ASSERT_TRUE(peerData.connect("127.0.0.1", ZT_MODULE_DATA_PORT, 3000));
-    // The command receive waits 1 s at a time.
-    returnsWithin(1000 + kAllowanceMs, "ztModuleProxyClient destructor with a silent host", [&] { module.reset(); });
 }
 
 // A module whose host stopped reading, while one thread streams device data and another
