@@ -52,33 +52,4 @@ TEST(ProxyFramer, MessagesComeOutWholeInOrderWhereverTheStreamIsCut)
     }
 }
 
-TEST(ProxyFramer, MinimumHeldCapacityAndHugeLengths)
-{
-    // A bare header is whole for a receiver that needs 16 bytes, not for one that waits
-    // for more than 16 held.
-    ProxyFramer f;
-    const auto bare = proxyMessage(4, 1, nullptr, 0);
-    f.append(bare.data(), bare.size());
-    EXPECT_NE(f.front(1 << 20, 16), nullptr);
-    EXPECT_EQ(f.front(1 << 20, 17), nullptr);
-    f.append("x", 1);
-    EXPECT_NE(f.front(1 << 20, 17), nullptr);
-    f.clear();
-
-    // A message larger than the capacity is never taken and blocks what follows; a huge
-    // declared length is waited for, never read beyond what is held.
-    const auto big = proxyMessage(3, 1, std::string(100, 'b').data(), 100);
-    f.append(big.data(), big.size());
-    f.append(bare.data(), bare.size());
-    EXPECT_EQ(f.front(115), nullptr);
-    EXPECT_EQ(f.frontSize(), 116);
-    EXPECT_EQ(drain(f, 116).size(), 2u);
-    auto huge = proxyMessage(3, 7, nullptr, 0);
-    const std::int32_t length = 0x7FFFFFFF;
-    std::memcpy(huge.data() + 12, &length, 4);
-    f.append(huge.data(), huge.size());
-    EXPECT_EQ(f.front(SIZE_MAX), nullptr);
-    EXPECT_EQ(f.frontSize(), 0x7FFFFFFFll + 16);
-}
-
 } // namespace

@@ -100,28 +100,6 @@ TEST(TThreadC, CreateJoinDetachKillExitAndTheirFailures)
 }
 
 #ifndef _WIN32
-TEST(TThreadCDeathTest, CreateReportsThePlatformErrorWhenNoThreadCanBeMade)
-{
-    // With no address space left for a thread stack the platform refuses with EAGAIN,
-    // which Create hands back as 11, leaving the handle null.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "a sanitizer's runtime cannot live within the address-space limit this test sets";
-#endif
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            rlimit limit{};
-            getrlimit(RLIMIT_AS, &limit);
-            limit.rlim_cur = 64ull << 20;
-            setrlimit(RLIMIT_AS, &limit);
-            Body c;
-            void* handle = reinterpret_cast<void*>(0x1);
-            void** out = &handle;
-            const int rc = c.Create(out, false, 512u << 20, false, false);
-            std::_Exit(rc == 11 && handle == nullptr ? 0 : 100 + rc);
-        },
-        ::testing::ExitedWithCode(0), "");
-}
 #endif
 
 // A worker's static entry calls its member ...Func, whose loop sleeps, works and tests

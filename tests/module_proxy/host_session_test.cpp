@@ -1,10 +1,9 @@
 // The host's session with a module: retries, callbacks that call back, notifications, and
-// the reply checks, releases and refusals against a raw module written from the wire format.
+// the reply checks against a raw module written from the wire format.
 #include "host_peer.h"
 #include "support/fault_scenario.h"
 #include "support/log_capture.h"
 #include "support/module_session.h"
-#include "support/tcp_unread.h"
 
 #include <gtest/gtest.h>
 
@@ -247,87 +246,5 @@ TEST(HostSession, RepliesAreCheckedForMagicTypeSubTypeLengthStatusAndStaleness)
     EXPECT_EQ(m.log.count("ztModuleProxyServer [sendPeriod] zmq_send failed!\r\n"), 1);
 }
 
-// A heartbeat of any other length than 920 bytes, or a short vento info, fails, leaves the
-// caller's output alone and rebuilds the session: both channels close, new ones follow and
-// register again.
-TEST(HostSession, FailingHeartbeatOrVentoInfoReleasesTheSession)
-{
-    RawModule m;
-    ASSERT_TRUE(m.start());
-    _ZT_HEARTBEAT_INFO_ hb{};
-    hb.deviceCount = 77;
-    int info = 5;
-    const std::vector<char> record(924, 'h');
-    auto heartbeat = [&] { return m.host.heartbeat(&hb); };
-    EXPECT_EQ(m.exchange(0x10002, proxyMessage(4, 0x10002, record.data(), 916), heartbeat), -1);
-    EXPECT_TRUE(m.cmd.peerClosed(1000) && m.data.peerClosed(1000));
-    ASSERT_TRUE(m.acceptAgain());
-    EXPECT_EQ(m.exchange(0x10002, proxyMessage(4, 0x10002, record.data(), 924), heartbeat), -1);
-    ASSERT_TRUE(m.acceptAgain());
-    EXPECT_EQ(hb.deviceCount, 77);
-    EXPECT_EQ(m.exchange(0x10017, proxyMessage(4, 0x10017, &info, 2), [&] { return m.host.getVentoInfo(&info); }), -1);
-    EXPECT_EQ(info, 5);
-    ASSERT_TRUE(m.acceptAgain());
-    EXPECT_EQ(m.exchange(0x10002, proxyMessage(4, 0x10002, record.data(), 920), heartbeat), 0);
-    EXPECT_EQ(hb.deviceCount, 0x68686868);
-    EXPECT_EQ(m.log.count("req-send failed: nret:-1"), 0); // the exchanges went through
-}
-
-
-TEST(HostSession, CutOffAndOversizeNotificationsRefusedArgumentsAndAShortSend)
-{
-    RawModule m;
-    Notes notes;
-    m.host.registerModuleServerDataCB(&Notes::cb, &notes);
-    EXPECT_FALSE(m.host.isRegistered());
-    ASSERT_TRUE(m.start());
-    EXPECT_TRUE(m.host.isRegistered());
-
-    // 400 bytes of a 1016-byte notification, then the connection is lost and made anew:
-    // the part is discarded and the next notifications arrive whole.
-    const std::string body(1000, 'n');
-    const auto cut = proxyMessage(1, 0x40001, body.data(), static_cast<int>(body.size()));
-    ASSERT_TRUE(m.data.sendBytes(cut.data(), 400));
-    ASSERT_TRUE(tcpInputTaken());
-    m.cmd.close();
-    m.data.close();
-    m.host.releaseClientSignal();
-    ASSERT_TRUE(m.acceptAgain());
-    EXPECT_EQ(m.log.count("ztModuleProxyServer: 400 bytes of a message cut off by a lost connection discarded\n"), 1);
-    // One larger than the 200 MiB a notification may have is skipped as it comes.
-    auto oversize = proxyMessage(1, 0x40002, nullptr, 0);
-    const std::int32_t length = 0xC800001;
-    std::memcpy(oversize.data() + 12, &length, 4);
-    ASSERT_TRUE(m.data.sendBytes(oversize));
-    const std::string block(1 << 20, 'x');
-    for (std::int32_t left = length; left > 0; left -= static_cast<std::int32_t>(block.size()))
-        ASSERT_TRUE(m.data.sendBytes(block.data(), std::min<std::size_t>(block.size(), static_cast<std::size_t>(left))));
-    for (std::int32_t i = 0; i < 5; ++i)
-        ASSERT_TRUE(m.data.sendBytes(proxyMessage(1, 0x40003, &i, 4)));
-    EXPECT_EQ(notes.get(5).size(), 5u);
-    EXPECT_EQ(m.log.count("proxy message of 209715217 bytes is larger than any this stream carries (209715216): dropped\n"), 1);
-
-    // Arguments that cannot be sent: -1, a line naming the method, nothing on the wire.
-    char bytes[8] = {};
-    EXPECT_EQ(m.host.addObjectMP(nullptr, 10), -1);
-    EXPECT_EQ(m.host.setScannerClbFile("n", "p", nullptr, 3), -1);
-    EXPECT_EQ(m.host.sendTrackPose(nullptr, 5), -1);
-    EXPECT_EQ(m.host.sendCurrent2WorldPose(bytes, 0x80000000u), -1);
-    EXPECT_EQ(m.host.heartbeat(nullptr), -1);
-    EXPECT_EQ(m.log.count("ztModuleProxyServer::[addObjectMP] no data for a length above 0, nothing sent\n"), 1);
-    EXPECT_EQ(m.log.count("ztModuleProxyServer::[sendTrackPose] no data for a length above 0, nothing sent\n"), 1);
-    EXPECT_EQ(m.log.count("ztModuleProxyServer::[sendCurrent2WorldPose] a payload of 2 GiB or more, nothing sent\n"), 1);
-    EXPECT_TRUE(m.cmd.readFor(100).empty());
-
-    // A request the module stops taking half-way fails at its 2 s send time-out, and the
-    // session is made anew rather than leaving the rest to be read as the next one.
-    const std::vector<char> big(64 << 20, 'b');
-    const auto t = Clock::now();
-    EXPECT_EQ(m.host.addObjectMP(const_cast<char*>(big.data()), static_cast<unsigned int>(big.size())), -1);
-    EXPECT_LT(msSince(t), 5000 + kSanitizerSlackMs);
-    EXPECT_TRUE(m.log.waitFor("the connection is shut down", 0));
-    EXPECT_TRUE(m.cmd.peerClosed(3000));
-    ASSERT_TRUE(m.acceptAgain());
-}
 
 } // namespace

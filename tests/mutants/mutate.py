@@ -3,13 +3,17 @@
 copy of the sources, builds it and runs the tests that cover the mutated file. A mutant is
 killed when a test fails (or times out), survives when they all pass.
 
-    mutate.py TOP WORK [--only N,M,...] [--list]
+    mutate.py TOP WORK [--only N,M,...] [--list] [--matrix FILE]
 
 TOP is the source tree, WORK a folder of its own (scratch copy and build). The scratch copy
 is refreshed from TOP's tracked files on every run; the build in it is kept, so ccache and
 ninja make each mutant an incremental build. A mutant whose text no longer occurs exactly
 once or whose tests match no test, or whose build fails, is reported as stale or unbuilt:
 the list needs mending.
+
+--matrix runs every covering test of each mutant to its end and writes, per mutant, the
+tests that failed: a test that is the only one to kill some mutant must stay, one whose
+every kill another test shares can be folded away.
 """
 import os
 import shutil
@@ -52,10 +56,11 @@ def run(cmd, cwd, timeout, log):
         return "timeout"
 
 
-def first_failure(cmd, cwd, timeout, log):
+def run_tests(cmd, cwd, timeout, log, failing=None):
     """Runs ctest and stops it at the first failing test: one is enough to kill a mutant,
     and the others may be waiting out their time-outs. 'killed' when a test failed,
-    'survived' when all passed, 'stale' when the regular expression names no test."""
+    'survived' when all passed, 'stale' when the regular expression names no test.
+    Given a list as failing, runs every test and fills the list with the failing ones."""
     p = subprocess.Popen(cmd, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                          start_new_session=True)
     deadline = time.monotonic() + timeout
@@ -64,7 +69,9 @@ def first_failure(cmd, cwd, timeout, log):
     for line in p.stdout:
         log.write(line)
         none = none or "No tests were found" in line
-        if "***" in line or time.monotonic() > deadline:
+        if failing is not None and "***" in line:
+            failing.append(line.split(": ", 1)[1].split(" ")[0])
+        if ("***" in line and failing is None) or time.monotonic() > deadline:
             failed = True
             break
     if failed:
@@ -86,6 +93,9 @@ def main():
     if "--only" in args:
         only = {int(x) for x in args[args.index("--only") + 1].split(",")}
     mutants = load(os.path.join(top, "tests/mutants/mutants.txt"))
+    matrix = None
+    if "--matrix" in args:
+        matrix = open(os.path.abspath(args[args.index("--matrix") + 1]), "w", encoding="utf-8")
     if "--list" in args:
         for i, m in enumerate(mutants, 1):
             print(f"{i:3}  {m['file']}: {m['why']}")
@@ -136,8 +146,12 @@ def main():
                 if run(["cmake", "--build", build, "-j2"], scratch, 1800, log) != 0:
                     outcome = "unbuilt"
                 else:
-                    outcome = first_failure(["ctest", "--test-dir", build, "-j4", "--timeout", "180",
-                                             "--no-tests=error", "-R", m["tests"]], scratch, 1800, log)
+                    failing = [] if matrix else None
+                    outcome = run_tests(["ctest", "--test-dir", build, "-j4", "--timeout", "180",
+                                         "--no-tests=error", "-R", m["tests"]], scratch, 1800, log, failing)
+                    if matrix:
+                        matrix.write(f"{i}\t{outcome}\t{' '.join(sorted(failing))}\n")
+                        matrix.flush()
         finally:
             with open(path, "w", encoding="utf-8") as f:
                 f.write(original)

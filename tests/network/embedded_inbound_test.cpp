@@ -1,9 +1,8 @@
-// What the head pushes: command-data messages, the data stream in packet and raw mode,
-// light-pen bytes, a hostile head; and the parsers of callback payloads.
+// What the head pushes: command-data messages, whole receives of the data stream, light-pen
+// bytes; and the parsers of callback payloads.
 #include "host_peer.h"
 #include "network/online.h"
 #include "support/log_capture.h"
-#include "support/noise.h"
 #include "support/tcp_unread.h"
 
 #include <cstring>
@@ -50,48 +49,6 @@ TEST(EmbeddedInbound, CommandDataMessagesOnePerRoundAndThe160ByteRule)
     EXPECT_EQ(o.seen.waitCount(321, 1, 3000), 1u);
     EXPECT_EQ(o.seen.count(320), 0u);
     EXPECT_EQ(log.count("processMsg::package head error"), 0);
-}
-
-// Sends the packets on the data connection in pieces of odd sizes, so that packets are
-// split across receives, and waits for the last one.
-void streamPackets(Online& o, const std::vector<std::vector<char>>& packets, std::size_t expected513)
-{
-    std::vector<char> all;
-    for (const auto& p : packets)
-        all = joined({all, p});
-    for (std::size_t at = 0; at < all.size(); at += 777)
-        o.head.sendBytes(Head::Data, all.data() + at, std::min<std::size_t>(777, all.size() - at));
-    ASSERT_EQ(o.seen.waitCount(513, expected513, 3000), expected513);
-}
-
-TEST(EmbeddedInbound, PacketModeAndRawModeDeliverTheSameStream)
-{
-    std::vector<std::vector<char>> packets;
-    for (int i = 0; i < 6; ++i)
-        packets.push_back(streamPacket(200 + 97 * i, static_cast<char>('a' + i), 1000 + i));
-    const std::string plainBody(120, 'p');
-    packets.push_back(Head::plainPacket(513, plainBody.data(), plainBody.size()));
-    std::vector<std::string> payloads;
-    for (std::size_t i = 0; i < 6; ++i)
-        payloads.push_back(payloadOf(packets[i]));
-
-    Online o;
-    o.start();
-    streamPackets(o, packets, 1);
-    EXPECT_TRUE(o.seen.payloads(1280) == payloads);
-    EXPECT_EQ(o.seen.payloads(513), std::vector<std::string>{payloadOf(packets.back())});
-
-    // A head of model 7340 streams raw messages: the same bytes, cut out as embedded
-    // messages by the processing thread.
-    o.head.setEchoReply(276, Head::valuePayload(0x07030400));
-    int v[4];
-    ASSERT_EQ(o.server.getRKProgramVersion(&v[0], &v[1], &v[2], &v[3]), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // the receiver switches
-    streamPackets(o, packets, 2);
-    auto twice = payloads;
-    twice.insert(twice.end(), payloads.begin(), payloads.end());
-    EXPECT_TRUE(o.seen.payloads(1280) == twice);
-    EXPECT_EQ(o.seen.order({1280, 513}).size(), 14u);
 }
 
 TEST(EmbeddedInbound, WholeReceivesOf100Or160BytesAndTheDecoderReset)
@@ -150,59 +107,6 @@ TEST(EmbeddedInbound, LightPenBytesArriveWholeEveryTime)
     ASSERT_TRUE(o.head.waitReceived(Head::LightPen, 9, 1000));
     const auto got = o.head.takeReceived(Head::LightPen);
     EXPECT_EQ(std::string(got.begin(), got.end()), "hello pen");
-}
-
-TEST(EmbeddedInbound, HostileHeadNeitherCrashesNorWedgesTheServer)
-{
-    LogCapture log(ZTLOG_LEVEL_OFF);
-    Online o;
-    o.start();
-    // Random bytes without a tag byte on the data connection: all dropped.
-    const std::vector<char> noise = zt::test::noiseWithoutTag(256 * 1024, 12345);
-    // Lengths at and beyond every limit: 159 and 0x1E00001 are refused by their header, a
-    // plain packet of 2000001 is skipped; the good packets after each still arrive.
-    const auto good = streamPacket(500, 'g');
-    auto tooShort = streamPacket(159 - 77), tooLong = streamPacket(0);
-    const std::string body(100, 'b');
-    auto plainLong = Head::plainPacket(513, body.data(), body.size());
-    const std::uint32_t huge = 0x1E00001, plainHuge = 2000001;
-    std::memcpy(tooLong.data() + 1, &huge, 4);
-    std::memcpy(plainLong.data() + 1, &plainHuge, 4);
-    send(o.head, Head::Data, joined({noise, good, tooShort, tooLong, plainLong, good}));
-    EXPECT_EQ(o.seen.of(1280, 2), (std::vector<std::string>{payloadOf(good), payloadOf(good)}));
-
-    // A command-data message that declares 2 GiB is dropped, with whatever arrived with
-    // it, as soon as its size is read; the messages after that are read again.
-    auto bogus = Head::message(400, "x", 1);
-    const std::uint32_t twoGiB = 0x7FFFFFF0;
-    std::memcpy(bogus.data() + 1, &twoGiB, 4);
-    send(o.head, Head::CommandData, joined({bogus, Head::message(401, "lost", 4)}));
-    ASSERT_TRUE(tcpInputTaken());
-    send(o.head, Head::CommandData, Head::message(402, "ok", 2));
-    EXPECT_EQ(o.seen.waitCount(402, 1, 3000), 1u);
-    EXPECT_EQ(o.seen.order({400, 401}).size(), 0u);
-
-    // Noise on the command connection fails the command it answers, not the server; the
-    // garbage may still be on its way, and a command after it succeeds again.
-    o.head.setRawReply(13, std::vector<char>(noise.begin(), noise.begin() + 64));
-    EXPECT_EQ(o.server.sendTrigger(), -1);
-    o.head.setStatusReply(13, 0);
-    int ok = -1;
-    for (int i = 0; i < 3 && ok != 0; ++i)
-        ok = o.server.sendTrigger();
-    EXPECT_EQ(ok, 0);
-
-    // A packet that never ends, then the connection drops mid-packet: the head stays online
-    // by its heartbeats, and deInit returns.
-    auto endless = streamPacket(300);
-    const std::uint32_t big = 0x1E00000;
-    std::memcpy(endless.data() + 1, &big, 4);
-    send(o.head, Head::Data, endless);
-    o.head.closeChannel(Head::Data);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_TRUE(o.server.isConnected());
-    o.server.deInit();
-    EXPECT_FALSE(o.server.isConnected());
 }
 
 TEST(EmbeddedInbound, ProcessMsgAndPayloadParsers)

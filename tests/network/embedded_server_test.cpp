@@ -2,7 +2,6 @@
 // connections, heartbeat and offline, callbacks that call back, the command exchange, and
 // the light-pen packets it composes.
 #include "network/online.h"
-#include "support/destroy_on_offline.h"
 #include "support/log_capture.h"
 
 #include <atomic>
@@ -76,39 +75,6 @@ TEST(EmbeddedServer, ComesOnlineOverFourConnectionsInOrderAndBeatsEvery500ms)
     EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_OFFLINE), 0u);
 }
 
-TEST(EmbeddedServer, UnansweredThirdConnectionKeepsTheFirstTwo)
-{
-    Online o;
-    o.head.setRefuseChannel(2);
-    ASSERT_EQ(o.head.start(), 0);
-    o.server.registerModuleServerDataCB(&DataCalls::cb, &o.seen);
-    // The head leaves the third attempt unanswered: the connect times out.
-    EXPECT_EQ(o.server.init(kIP, kIP, "SN"), ztEmbeddedModuleProxyServer::kConnectTimeout);
-    EXPECT_FALSE(o.server.isConnected());
-    EXPECT_TRUE(o.head.waitConnected(Head::Command, 1000));
-    EXPECT_TRUE(o.head.isConnected(Head::Data));
-    EXPECT_FALSE(o.head.isConnected(Head::CommandData));
-    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 0u);
-    // A later init connects only the missing two.
-    o.head.setRefuseChannel(-1);
-    EXPECT_EQ(o.server.init(kIP, kIP, "SN"), 0);
-    EXPECT_EQ(o.head.connectionsAccepted(), 4);
-    EXPECT_TRUE(o.server.isConnected());
-    EXPECT_EQ(o.seen.count(ZT_CODE_DEVICE_ONLINE), 1u);
-}
-
-// The owner destroys the server in its offline callback (and would build a new one):
-// nothing of the destroyed object is touched afterwards.
-TEST(EmbeddedServer, OfflineCallbackMayDestroyTheServer)
-{
-    Head head;
-    ASSERT_EQ(head.start(), 0);
-    DestroyOnOffline o(std::make_unique<ztEmbeddedModuleProxyServer>());
-    ASSERT_EQ(o.server->init(kIP, kIP, "SN-0001"), 0);
-    head.setAnswerHeartbeats(false);
-    EXPECT_TRUE(o.waitGone(10000));
-}
-
 // A host that calls back into its server from the data callback: a command when the head
 // comes online (init's own thread) and on a command-data message (the command processing
 // thread), then deInit on the next message, from that thread; then a fresh init.
@@ -154,32 +120,6 @@ TEST(EmbeddedServer, CallbacksMayCommandAndStopTheirServer)
     ASSERT_EQ(c.server.init(kIP, kIP, "SN"), 0);
     EXPECT_EQ(c.onlineCommand, 0);
     EXPECT_EQ(c.server.sendTrigger(), 0);
-}
-
-// Destroying the server from a data callback on one of its own workers cannot be made
-// safe (the worker returns through the freed object): it is reported and stops the
-// program, as on the USB link.
-TEST(EmbeddedServerDeathTest, DestroyedFromItsOwnWorkerAborts)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(
-        {
-            Head head;
-            head.start();
-            struct Owner {
-                std::unique_ptr<ztEmbeddedModuleProxyServer> server = std::make_unique<ztEmbeddedModuleProxyServer>();
-                static void cb(int type, char*, int, void* user)
-                {
-                    if (type == 300)
-                        static_cast<Owner*>(user)->server.reset();
-                }
-            } owner;
-            owner.server->registerModuleServerDataCB(&Owner::cb, &owner);
-            owner.server->init(kIP, kIP, "SN");
-            head.sendMessage(Head::CommandData, 300, "a", 1);
-            std::this_thread::sleep_for(std::chrono::seconds(3));
-        },
-        "ztEmbeddedModuleProxyServer destroyed from its own data callback: not supported");
 }
 
 // The star packets for light-pen control and firmware version selection, byte for byte:

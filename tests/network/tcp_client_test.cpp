@@ -70,25 +70,6 @@ void expectPromptTeardown(std::shared_ptr<net::TcpClient>& client, const Recorde
     EXPECT_EQ(rec.errors, 0);
 }
 
-TEST(TcpClient, NoServerParksTheReceiverAndTearsDown)
-{
-    int port = 0;
-    {
-        RawListener closed;
-        ASSERT_TRUE(closed.listen(0));
-        port = closed.port();
-    }
-    CaptureStderr();
-    auto client = std::make_shared<net::TcpClient>("127.0.0.1", port);
-    Recorder rec(*client);
-    // Time for a receiver to get past its gate, if it could.
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_FALSE(client->isConnected());
-    expectPromptTeardown(client, rec);
-    // A receiver that had passed the gate would have logged a receive error.
-    EXPECT_EQ(GetCapturedStderr(), "net::TcpClient: Can not connect to server: 127.0.0.1:" + std::to_string(port) + "\n");
-}
-
 TEST(TcpClient, BlocksInOrderConcurrentSendersReconnectOnSendAndTeardownWhileReceiving)
 {
     RawListener l;

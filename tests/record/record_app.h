@@ -1,6 +1,7 @@
 // The application the record tests run on either link, live against a head with a
 // recorder attached and again against the replay of its recording: online, a setting, a
-// trigger, frames and a marker packet, a query, two events, stop.
+// query asked twice with another answer each time, a setting, a trigger, frames and a
+// marker packet, two events, stop.
 #pragma once
 
 #include "support/data_calls.h"
@@ -19,7 +20,7 @@ namespace zt::test {
 // What the application saw.
 struct Outcome {
     std::vector<int> results;
-    float exposure = 0;
+    float before = 0, exposure = 0; // the exposure before and after the setting
     std::vector<std::pair<int, std::string>> calls; // without the heartbeat answers, whose number depends on time
 };
 
@@ -38,6 +39,7 @@ Outcome runApplicationOn(const std::function<int(Server&)>& online, std::size_t 
         server.attachRecorder(recorder);
     Outcome o;
     o.results.push_back(online(server));
+    o.results.push_back(server.getCameraExposure(&o.before));
     o.results.push_back(server.setCameraExposure(2500.0f));
     o.results.push_back(server.sendTrigger());
     between(0);
@@ -60,6 +62,7 @@ Outcome runApplicationOn(const std::function<int(Server&)>& online, std::size_t 
 inline void expectSameOutcome(const Outcome& again, const Outcome& live)
 {
     EXPECT_EQ(again.results, live.results);
+    EXPECT_EQ(again.before, live.before);
     EXPECT_EQ(again.exposure, live.exposure);
     ASSERT_EQ(again.calls.size(), live.calls.size());
     for (std::size_t i = 0; i < live.calls.size(); ++i) {

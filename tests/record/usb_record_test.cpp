@@ -93,7 +93,8 @@ TEST(UsbRecord, ReplayGivesTheApplicationWhatItSawLive)
         EXPECT_EQ(recorder.stats().notRecorded, 0u);
         head.stop();
     }
-    EXPECT_EQ(live.results, (std::vector<int>{0, 0, 0, 0, 0}));
+    EXPECT_EQ(live.results, (std::vector<int>{0, 0, 0, 0, 0, 0}));
+    EXPECT_NE(live.before, 2500.0f);
     EXPECT_EQ(live.exposure, 2500.0f);
 
     ztRecorder::Contents rec;
@@ -112,8 +113,8 @@ TEST(UsbRecord, ReplayGivesTheApplicationWhatItSawLive)
         commands += r.kind == ztRecorder::Command ? 1 : 0;
     }
     EXPECT_EQ(streamBytes, kFrames * (kFrameBytes + 77) + 500 + 77);
-    // The ability query and the SET file of init, then the application's four.
-    EXPECT_EQ(commands, 6);
+    // The ability query and the SET file of init, then the application's five.
+    EXPECT_EQ(commands, 7);
 
     ztSimReplay replay;
     ASSERT_EQ(replay.load(path), 0);

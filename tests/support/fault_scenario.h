@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <future>
 #include <list>
@@ -43,17 +42,6 @@ bool waitUntil(int timeoutMs, F ok)
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
-}
-
-// This process's resident memory in KiB (-1 where /proc is missing).
-inline long residentKiB()
-{
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stol(line.substr(6));
-    return -1;
 }
 
 // Actions that each repeat on a thread of their own, pauseMs apart, until stopped; each

@@ -1,5 +1,5 @@
-// Arguments of device commands parsed from the command line, and results shown as text
-// and JSON: limits, rejected input, escaping, and floats that read back unchanged.
+// Arguments of device commands parsed from the command line (whole numbers: limits and
+// rejected input), and results shown as text and JSON, escaping included.
 #include "command_values.h"
 
 #include <gtest/gtest.h>
@@ -54,60 +54,6 @@ TEST(CommandValues, WholeNumbersTakeTheirFullRangeAndNothingElse)
     EXPECT_NE(rejected<unsigned long long>("-1"), "(accepted)");
     EXPECT_EQ(rejected<char>("256"), whole + "0 to 255");
     EXPECT_EQ(rejected<char>("-1"), whole + "0 to 255");
-}
-
-TEST(CommandValues, FloatsAreFiniteAndTruthValuesAreFourWords)
-{
-    EXPECT_TRUE(parses<float>("12.5", 12.5f));
-    EXPECT_TRUE(parses<float>("-0.25", -0.25f));
-    EXPECT_TRUE(parses<float>("1e3", 1000.0f));
-    EXPECT_TRUE(parses<float>("3.4028235e38", std::numeric_limits<float>::max()));
-    for (const char* bad : {"", "nan", "inf", "-inf", "1e39", "12.5us", "+1", "0x10", ". 5"})
-        EXPECT_EQ(rejected<float>(bad), "is not a number") << bad;
-
-    EXPECT_TRUE(parses<bool>("1", true) && parses<bool>("true", true));
-    EXPECT_TRUE(parses<bool>("0", false) && parses<bool>("false", false));
-    for (const char* bad : {"", "2", "yes", "TRUE", "on", "01"})
-        EXPECT_EQ(rejected<bool>(bad), "is not 0, 1, true or false") << bad;
-}
-
-TEST(CommandValues, TextsBytesFilesAndEnumerations)
-{
-    std::string why;
-    ShortText name;
-    EXPECT_TRUE(parseArgument(std::string(255, 'n'), name, why));
-    EXPECT_EQ(name.text.size(), 255u);
-    EXPECT_FALSE(parseArgument(std::string(256, 'n'), name, why));
-    EXPECT_EQ(why, "is longer than 255 bytes");
-    EXPECT_EQ(name.text.size(), 255u); // unchanged
-
-    HexBytes hex;
-    ASSERT_TRUE(parseArgument("00a0B1ff", hex, why));
-    EXPECT_EQ(hex.bytes, (std::vector<char>{0, static_cast<char>(0xA0), static_cast<char>(0xB1), static_cast<char>(0xFF)}));
-    for (const char* bad : {"", "a", "abc", "0g", "0x00", "a b "})
-        EXPECT_EQ(rejected<HexBytes>(bad), "is not bytes in hexadecimal, two digits each") << bad;
-
-    // A file is read whole, zero bytes and all, across more than one read.
-    char path[] = "/tmp/zt_command_values_XXXXXX";
-    const int fd = ::mkstemp(path);
-    ASSERT_GE(fd, 0);
-    std::string contents(200000, '\0');
-    for (std::size_t i = 0; i < contents.size(); ++i)
-        contents[i] = static_cast<char>(i * 7);
-    ASSERT_EQ(::write(fd, contents.data(), contents.size()), static_cast<ssize_t>(contents.size()));
-    ::close(fd);
-    FileBytes file;
-    EXPECT_TRUE(parseArgument(path, file, why));
-    EXPECT_EQ(std::string(file.bytes.begin(), file.bytes.end()), contents);
-    ::unlink(path);
-    EXPECT_EQ(rejected<FileBytes>(path), "cannot be opened (No such file or directory)");
-    EXPECT_EQ(rejected<FileBytes>("/tmp"), "cannot be read (Is a directory)");
-
-    EXPECT_TRUE(parses<FRAME_DROP_MODE>("3", FRAME_DROP_QUARTER));
-    EXPECT_TRUE(parses<FRAME_DROP_MODE>("0x1", FRAME_DROP_HALF));
-    EXPECT_EQ(rejected<FRAME_DROP_MODE>("4"), "is not one of 0 1 2 3");
-    EXPECT_EQ(rejected<FRAME_DROP_MODE>("-1"), "is not one of 0 1 2 3");
-    EXPECT_EQ(rejected<SetFileDataType>("one"), "is not one of 0 1 2");
 }
 
 TEST(CommandValues, ShownAsTextAndAsValidJson)

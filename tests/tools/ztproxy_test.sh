@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # The ztproxy tool as a user meets it, inside a private network namespace (netns_run.sh).
-# Usage: ztproxy_test.sh ZTPROXY PART, PART one of basics, commands (every device command
-# on a simulated head), demo, stream. A part runs its pieces side by side, each in a
-# network namespace of its own (the heads' ports are fixed).
+# Usage: ztproxy_test.sh ZTPROXY PART, PART one of basics, demo, stream. A part runs its
+# pieces side by side, each in a network namespace of its own (the heads' ports are fixed).
 set -uo pipefail
 ztproxy=$1
 top=$(cd "$(dirname "$0")/../.." && pwd)
@@ -198,59 +197,6 @@ time.sleep(120)'
         failed "module without a module: exit $rc, expected 3 and the plain line"
 }
 
-# A value for each kind of argument that the commands name.
-sample() {
-    case $1 in
-    NAME | SN | SSID | PASSWORD) echo zt01 ;;
-    TIME) echo 2024-11-15T09:30:00.000000+08:00 ;;
-    HEX_BYTES) echo 0a0b ;;
-    FILE) echo "$tmp/file" ;;
-    EXPOSURE_US | GAIN) echo 12.5 ;;
-    SYSTEM_ID) echo 0x5A5400000000BEEF ;;
-    PERIOD_MS) echo 40 ;;
-    FPS) echo 25 ;;
-    ADDRESS) echo 0x10 ;;
-    WIDTH | HEIGHT) echo 64 ;;
-    B) echo 2 ;; # the second drop-frame value: 2 or more
-    START | WAIT | FLAG | ENABLE | BLACK | STATUS | SOURCE | MODE | MASTER | TYPE | DATA_TYPE | COMMAND | \
-        CHANNEL | VALUE | COUNT | DEVICE | LENGTH | X | Y | A | C | D | E | F | A0 | A2 | B0 | B2) echo 1 ;;
-    *) return 1 ;;
-    esac
-}
-
-chunks=13
-
-# Every command of the list whose line number is `chunk` modulo $chunks, one process each.
-command_chunk() {
-    local chunk=$1 name placeholders p value number=0
-    printf 'simulated SET file' >"$tmp/file"
-    while read -r name placeholders; do
-        number=$((number + 1))
-        [ $((number % chunks)) -eq "$chunk" ] || continue
-        local args=()
-        for p in $placeholders; do
-            value=$(sample "$p") || { echo "FAIL: $name: no sample value for $p"; fail=1; continue 2; }
-            args+=("$value")
-        done
-        run "${net[@]}" "$name" "${args[@]}"
-        # The simulated head settles every command: result 0, then one "name: value" line
-        # for each output value.
-        if [ $rc -ne 0 ] || [ "$(head -1 "$tmp/out")" != "result: 0" ] || tail -n +2 "$tmp/out" | grep -Evq '^[A-Za-z0-9.]+: '; then
-            failed "net --sim $name ${args[*]}: exit $rc, expected 0, 'result: 0' and 'name: value' lines"
-        fi
-        echo "$name" >>"$tmp/ran"
-    done < <("$ztproxy" net --commands)
-    [ -s "$tmp/ran" ] || { echo "FAIL: chunk $chunk ran nothing"; fail=1; }
-}
-
-commands() {
-    # The whole command set, each command once.
-    [ "$("$ztproxy" net --commands | cut -d' ' -f1 | sort -u | wc -l)" -eq 78 ] || { echo "FAIL: net --commands"; fail=1; }
-    local pieces=()
-    for ((i = 0; i < chunks; i++)); do pieces+=("commands-$i"); done
-    side_by_side "${pieces[@]}"
-}
-
 # Width and height from a PNG file's header; fails when it is no PNG header.
 png_size() {
     python3 -c '
@@ -351,8 +297,6 @@ stream_interrupted() {
 
 case ${2:-} in
 basics) side_by_side general usage replies usb wire offline ;;
-commands) commands ;;
-commands-*) command_chunk "${2#commands-}" ;;
 demo) demo ;;
 stream) side_by_side stream_sim stream_head stream_interrupted ;;
 general | usage | replies | usb | wire | offline | stream_sim | stream_head | stream_interrupted) "$2" ;;

@@ -1,8 +1,6 @@
 // ztUsbProxyServer on real libusb against the emulated USB head: coming online, stopping
-// and starting again, callbacks that call back, the event and stream paths through the
-// frame pools, and the control exchange.
+// and starting again, the event path through the frame pools, and the control exchange.
 #include "support/log_capture.h"
-#include "support/noise.h"
 #include "support/usb_online.h"
 #include "ztSimNetworkHead.h"
 
@@ -96,50 +94,6 @@ TEST(UsbServer, ComesOnlineStopsAndStartsAgain)
     EXPECT_TRUE(o.waitConnected());
 }
 
-// An application calling back into the library from its data callback: a command on
-// init's own thread, and a deInit from a frame's callback (refused).
-TEST(UsbServer, CallbacksMayCommandButNotStopFromAFrame)
-{
-    LogCapture log;
-    zt::test::UsbOnline o;
-    ASSERT_TRUE(o.open());
-    struct Nested {
-        ztUsbProxyServer* server = nullptr;
-        std::atomic<int> result{99};
-        std::atomic<int> logLength{-2};
-        short width = 0;
-        short height = 0;
-    } n;
-    o.server = std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle);
-    n.server = o.server.get();
-    o.server->registerModuleServerDataCB(
-        [](int type, char*, int length, void* user) {
-            auto* n = static_cast<Nested*>(user);
-            if (type == 258)
-                n->logLength = length;
-            // The SET file that init fetches is handed on here, on init's thread.
-            if (type == 264 && n->result == 99)
-                n->result = n->server->getImageSize(&n->width, &n->height);
-            if (type == 1280)
-                n->server->deInit();
-        },
-        &n);
-    const auto t0 = Clock::now();
-    ASSERT_EQ(o.server->init(), 0);
-    EXPECT_LT(msSince(t0), 3000);
-    EXPECT_EQ(n.result, 0);
-    EXPECT_EQ(n.width, 1280);
-    // A reply of 7 bytes handed on: the callback is told 0 bytes, not -1.
-    o.head.setRawReply(258, {{'\xAA', 7, 0, 0, 0, 2, 1, '\xBB'}});
-    o.server->getSectionalLog();
-    EXPECT_EQ(n.logLength, 0);
-    // The frame goes back to a pool that stays.
-    const std::string body(4096, 'f');
-    o.head.startStream(Head::extendedPacket(1280, 1, body.data(), body.size()), 3, 0);
-    EXPECT_TRUE(log.waitFor("ztUsbProxyServer::[deInit] called from the data callback of a frame: refused", 3000));
-    EXPECT_TRUE(o.head.waitStreamDone(3000));
-}
-
 TEST(UsbServer, EventsOnePerCompletionAndTheirLimits)
 {
     LogCapture log;
@@ -186,37 +140,6 @@ TEST(UsbServer, EventsOnePerCompletionAndTheirLimits)
     for (std::size_t i = 0; i < got.size(); ++i)
         EXPECT_EQ(got[i], std::to_string(i % 10));
     EXPECT_EQ(log.count(dropped), 4);
-}
-
-TEST(UsbServer, StreamPacketsArriveWholeAndInOrderPastNoiseAndBadHeaders)
-{
-    zt::test::UsbOnline o;
-    ASSERT_TRUE(o.start());
-    // Random bytes (without a tag byte), then a header beyond the decoder's length limit.
-    const std::vector<char> noise = zt::test::noiseWithoutTag(300000, 99);
-    std::vector<char> stream = noise;
-    const std::string small(2000, 'b');
-    auto tooLong = Head::extendedPacket(1280, 1, small.data(), small.size());
-    const std::uint32_t huge = 0x1E00001;
-    std::memcpy(tooLong.data() + 1, &huge, 4);
-    stream.insert(stream.end(), tooLong.begin(), tooLong.end());
-    // Then the smallest packet (160 bytes) and packets larger than a transfer, cut so that
-    // each crosses transfers.
-    const std::string least(160 - 77, 'm');
-    const auto first = Head::extendedPacket(1280, 99, least.data(), least.size());
-    ASSERT_EQ(first.size(), 160u);
-    stream.insert(stream.end(), first.begin(), first.end());
-    std::vector<std::string> expected{payloadOf(first)};
-    for (int i = 0; i < 12; ++i) {
-        std::string body(300000 + 12345 * i, static_cast<char>('A' + i));
-        const auto p = Head::extendedPacket(1280, static_cast<unsigned long long>(i), body.data(), body.size());
-        stream.insert(stream.end(), p.begin(), p.end());
-        expected.push_back(payloadOf(p));
-    }
-    for (std::size_t at = 0; at < stream.size(); at += 777777)
-        o.head.pushStream(std::vector<char>(stream.begin() + static_cast<std::ptrdiff_t>(at),
-                                            stream.begin() + static_cast<std::ptrdiff_t>(std::min(stream.size(), at + 777777))));
-    EXPECT_EQ(o.calls.of(1280, 13, 10000), expected);
 }
 
 TEST(UsbServer, ControlExchange)
