@@ -61,44 +61,6 @@ TEST(Teardown, ModuleProxyServerWithNotificationsAndRequestsInFlight)
     EXPECT_GE(answered, kLanes * kRounds * 3);
 }
 
-// The module side stops its listeners first, which ends a file query waiting for its
-// answer, then its command receive thread within one 1000 ms receive.
-TEST(Teardown, ModuleProxyClientWithRequestsNotificationsAndQueriesInFlight)
-{
-    std::atomic<int> replies{0};
-    runRounds(kLanes, kRounds, [&](int, int round) {
-        auto module = std::make_unique<ztModuleProxyClient>();
-        module->registerModuleClientDataCB(
-            [](int code, char*, int, void* m) {
-                auto* c = static_cast<ztModuleProxyClient*>(m);
-                code == 1 ? c->sendRegisterRep(true) : c->sendTriggerRep(true);
-            },
-            module.get());
-        ASSERT_EQ(module->init(), 0);
-        RawConnection cmd, data;
-        ASSERT_TRUE(cmd.connect("127.0.0.1", 9479, 2000) && data.connect("127.0.0.1", 11300, 2000));
-        Traffic host, callers;
-        // The host: a request every 5 ms with its reply read; notifications and queries drained.
-        auto& requests = host.add([&] {
-            ProxyMessage m;
-            return cmd.sendBytes(proxyMessage(3, 0x10005, nullptr, 0)) && cmd.readMessage(m, 50) &&
-                   m.type == 4 && m.subType == 0x10005;
-        }, 5);
-        host.add([&] { return !data.readFor(5).empty(); }, 0);
-        int state = 0;
-        unsigned int size = 0;
-        callers.add([&] { return module->sendDeviceStatChanged(2, ++state) == 0; }, 2);
-        callers.add([&] { return module->getCurBarFileSize(&size) == 0; }, 20);
-        ASSERT_TRUE(callers.flowing(1, 10000) && host.flowing(3, 10000));
-        auto* raw = module.get();
-        tearDown(round, module, callers, 1000 + 15 + 5 + kAllowanceMs, [&] { return raw->getCurBarFileSize(&size); });
-        EXPECT_TRUE(data.peerClosed(1000));
-        host.stop();
-        replies += requests.ok;
-    }, privateNetwork);
-    EXPECT_GE(replies, kLanes * kRounds * 3);
-}
-
 // The device server's receivers notice the stop within a 500 ms round, release waits 500 ms,
 // and a command in flight polls out its 5000 ms reply window; without one, the destructor
 // joins the heartbeat and light-pen threads within one more heartbeat period.
