@@ -67,7 +67,7 @@ void writeBytes(const std::string& path, const std::vector<char>& bytes, std::si
 
 TEST(NetworkRecord, ReplayGivesTheApplicationWhatItSawLive)
 {
-    const std::string path = ::testing::TempDir() + "network.ztrec";
+    const std::string path = tempFile("network.ztrec");
     Outcome live;
     {
         Head head;
@@ -128,7 +128,7 @@ TEST(NetworkRecord, ReplayGivesTheApplicationWhatItSawLive)
 
     // A file cut anywhere reads up to its last whole record.
     const std::vector<char> whole = fileBytes(path);
-    const std::string cutPath = ::testing::TempDir() + "network-cut.ztrec";
+    const std::string cutPath = tempFile("network-cut.ztrec");
     ztRecorder::Contents cut;
     writeBytes(cutPath, whole, 100); // inside the header: no recording
     EXPECT_EQ(ztRecorder::load(cutPath, cut), -1);
@@ -157,7 +157,7 @@ TEST(NetworkRecord, ReplayGivesTheApplicationWhatItSawLive)
 // is counted and noted in the file.
 TEST(NetworkRecord, FullQueueCountsWhatItCouldNotRecord)
 {
-    const std::string path = ::testing::TempDir() + "network-full.ztrec";
+    const std::string path = tempFile("network-full.ztrec");
     Online o;
     ztRecorder recorder(1); // the smallest queue, 4 KiB: most receives of a large frame do not fit
     ASSERT_EQ(recorder.open(path), 0);

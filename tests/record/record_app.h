@@ -8,6 +8,7 @@
 #include "ztRecorder.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <functional>
@@ -55,6 +56,13 @@ Outcome runApplicationOn(const std::function<int(Server&)>& online, std::size_t 
         if (c.first != 2)
             o.calls.push_back(c);
     return o;
+}
+
+// A file in the temporary folder named for this process, so that two runs of the suite at
+// once do not share it.
+inline std::string tempFile(const std::string& name)
+{
+    return ::testing::TempDir() + std::to_string(::getpid()) + "-" + name;
 }
 
 // The replayed session gave the application the same results, values and callbacks, in

@@ -77,7 +77,7 @@ void liveHead(ztSimUsbHead& head, int phase)
 
 TEST(UsbRecord, ReplayGivesTheApplicationWhatItSawLive)
 {
-    const std::string path = ::testing::TempDir() + "usb.ztrec";
+    const std::string path = tempFile("usb.ztrec");
     Outcome live;
     {
         ztSimUsbHead head;
