@@ -53,7 +53,7 @@ struct Notes {
     ztModuleProxyServer* host = nullptr;
     std::atomic<int> requestResult{99};
     std::string version;
-    std::atomic<bool> stopped{false};
+    std::atomic<bool> stopping{false}, stopped{false};
     static void cb(int code, char* data, int length, void* user)
     {
         auto* self = static_cast<Notes*>(user);
@@ -61,6 +61,7 @@ struct Notes {
         if (state == 7)
             self->requestResult = self->host->getFirmwareVersion(self->version);
         if (state == 8) {
+            self->stopping = true;
             self->host->deInit();
             self->stopped = true;
         }
@@ -122,8 +123,12 @@ TEST(HostSession, NotificationsInOrderAndCallbacksThatCallBack)
     EXPECT_EQ(notes.requestResult, 0);
     EXPECT_EQ(notes.version, "ZT-MOD 2.4.1");
 
-    // deInit from the callback: the thread ends by itself; a new init registers again.
+    // deInit from the callback: the thread ends by itself; a new init registers again. A
+    // notification that arrives while the callback stops the host is still taken by the
+    // receive thread, which deInit waits for.
     ASSERT_EQ(m.sendDeviceStatChanged(1, 8), 0);
+    ASSERT_TRUE(waitUntil(3000, [&] { return notes.stopping.load(); }));
+    m.sendDeviceStatChanged(1, 9);
     ASSERT_TRUE(waitUntil(3000, [&] { return notes.stopped.load(); }));
     EXPECT_FALSE(s.host.isRegistered());
     EXPECT_EQ(log.count("ztModuleProxyServer: stopped from its own thread; the thread ends by itself\n"), 1);
