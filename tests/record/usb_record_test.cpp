@@ -22,28 +22,6 @@ using namespace zt::test;
 constexpr std::size_t kFrames = 3;
 constexpr std::size_t kFrameBytes = 200000; // several stream transfers per frame
 
-// libusb's default context and the emulated head's handle, while a head is up.
-struct Opened {
-    Opened()
-    {
-        up = libusb_init(nullptr) == 0;
-        handle = up ? libusb_open_device_with_vid_pid(nullptr, ztSimUsbHead::kVendor, ztSimUsbHead::kProduct) : nullptr;
-        claimed = handle != nullptr && libusb_claim_interface(handle, ztSimUsbHead::kInterface) == 0;
-    }
-    ~Opened()
-    {
-        if (claimed)
-            libusb_release_interface(handle, ztSimUsbHead::kInterface);
-        if (handle != nullptr)
-            libusb_close(handle);
-        if (up)
-            libusb_exit(nullptr);
-    }
-    bool up = false;
-    libusb_device_handle* handle = nullptr;
-    bool claimed = false;
-};
-
 // The application, as on the network link; the stream's marker packet is of type 512.
 Outcome runApplication(libusb_device_handle* handle, ztRecorder* recorder, const std::function<void(int)>& between)
 {
@@ -85,8 +63,8 @@ TEST(UsbRecord, ReplayGivesTheApplicationWhatItSawLive)
         ztRecorder recorder;
         ASSERT_EQ(recorder.open(path), 0);
         {
-            Opened usb;
-            ASSERT_TRUE(usb.claimed);
+            UsbHandle usb;
+            ASSERT_TRUE(usb.open());
             live = runApplication(usb.handle, &recorder, [&](int phase) { liveHead(head, phase); });
         }
         recorder.close();
@@ -121,8 +99,8 @@ TEST(UsbRecord, ReplayGivesTheApplicationWhatItSawLive)
     ASSERT_EQ(replay.startUsb(), 0);
     Outcome again;
     {
-        Opened usb;
-        ASSERT_TRUE(usb.claimed);
+        UsbHandle usb;
+        ASSERT_TRUE(usb.open());
         again = runApplication(usb.handle, nullptr, [](int) {});
     }
     EXPECT_TRUE(replay.waitDone(5000));

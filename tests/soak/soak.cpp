@@ -16,17 +16,15 @@
 // grow.
 #include "fault_scenario.h"
 #include "netns.h"
+#include "usb_online.h"
 #include "ztEmbeddedModuleProxyServer.h"
 #include "ztLog.h"
 #include "ztModuleProxyServer.h"
 #include "ztSimModule.h"
 #include "ztSimNetworkHead.h"
-#include "ztSimUsbHead.h"
-#include "ztUsbProxyServer.h"
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <libusb.h>
 #include <malloc.h>
 #include <unistd.h>
 
@@ -395,23 +393,17 @@ public:
     using DeviceLink::DeviceLink;
     bool up() override
     {
-        // libusb's default context (the one the server handles events on) finds the
-        // devices present when it starts, so the head comes first.
-        m_contextUp = libusb_init(nullptr) == 0;
         const std::vector<char> payload(256 * 1024, '\x5a');
         const auto unit = ztSimUsbHead::extendedPacket(1280, 1, payload.data(), payload.size());
         m_unitBytes = unit.size();
         m_head.startStream(unit, 0, 8e6);
-        return m_contextUp && recover([&] { return restart(); });
+        return m_usb.open() && recover([&] { return restart(); });
     }
     void down() override
     {
         stopStream();
         dropServer();
-        closeHandle();
-        if (m_contextUp)
-            libusb_exit(nullptr);
-        m_contextUp = false;
+        m_usb.release();
         m_c.online = false;
     }
 
@@ -441,7 +433,7 @@ protected:
                  [&] {
                      m_head.replug();
                      dropServer();
-                     closeHandle();
+                     m_usb.closeHandle();
                  },
                  back},
                 // Commands go unanswered, but event transfers still end at their time-out,
@@ -457,31 +449,19 @@ protected:
     }
 
 private:
-    void closeHandle()
-    {
-        if (m_handle != nullptr) {
-            libusb_release_interface(m_handle, ztSimUsbHead::kInterface);
-            libusb_close(m_handle);
-        }
-        m_handle = nullptr;
-    }
     bool restart()
     {
-        if (m_handle == nullptr) {
-            m_handle = libusb_open_device_with_vid_pid(nullptr, ztSimUsbHead::kVendor, ztSimUsbHead::kProduct);
-            if (m_handle != nullptr && libusb_claim_interface(m_handle, ztSimUsbHead::kInterface) != 0)
-                closeHandle();
-        }
-        newServer(std::make_unique<ztUsbProxyServer>(ztSimUsbHead::deviceInfo(), m_handle));
-        if (m_handle != nullptr && m_server->init() == 0 && waitUntil(3000, [&] { return m_server->isConnected(); }))
+        if (m_usb.handle == nullptr)
+            m_usb.openHandle();
+        newServer(std::make_unique<ztUsbProxyServer>(ztSimUsbHead::deviceInfo(), m_usb.handle));
+        if (m_usb.handle != nullptr && m_server->init() == 0 && waitUntil(3000, [&] { return m_server->isConnected(); }))
             return true;
         dropServer();
         sleepMs(300);
         return false;
     }
 
-    bool m_contextUp = false;
-    libusb_device_handle* m_handle = nullptr;
+    zt::test::UsbHandle m_usb;
 };
 
 // The module proxy host rebuilds its session by itself after a failed heartbeat.

@@ -43,27 +43,49 @@ struct RawCommand {
     std::vector<char> status() const { return std::vector<char>(reply.begin(), reply.begin() + 12); }
 };
 
-struct UsbOnline {
-    ztSimUsbHead head;
-    DataCalls calls;
+// libusb's default context (it finds the devices present when it starts, so the head must
+// be up first) and the emulated head's handle with its interface claimed.
+struct UsbHandle {
     libusb_device_handle* handle = nullptr;
-    std::unique_ptr<ztUsbProxyServer> server;
     bool contextUp = false;
 
-    // The head, libusb's default context (it finds the devices present when it starts, so
-    // the head comes first) and a handle with the interface claimed.
     bool open()
     {
-        if (head.start() != 0 || libusb_init(nullptr) != 0)
-            return false;
-        contextUp = true;
-        return openHandle();
+        contextUp = contextUp || libusb_init(nullptr) == 0;
+        return contextUp && openHandle();
     }
     bool openHandle()
     {
         handle = libusb_open_device_with_vid_pid(nullptr, ztSimUsbHead::kVendor, ztSimUsbHead::kProduct);
-        return handle != nullptr && libusb_claim_interface(handle, ztSimUsbHead::kInterface) == 0;
+        if (handle != nullptr && libusb_claim_interface(handle, ztSimUsbHead::kInterface) != 0)
+            closeHandle();
+        return handle != nullptr;
     }
+    // Closes the handle, that of an unplugged device included.
+    void closeHandle()
+    {
+        if (handle != nullptr) {
+            libusb_release_interface(handle, ztSimUsbHead::kInterface);
+            libusb_close(handle);
+        }
+        handle = nullptr;
+    }
+    void release()
+    {
+        closeHandle();
+        if (contextUp)
+            libusb_exit(nullptr);
+        contextUp = false;
+    }
+    ~UsbHandle() { release(); }
+};
+
+struct UsbOnline : UsbHandle {
+    ztSimUsbHead head;
+    DataCalls calls;
+    std::unique_ptr<ztUsbProxyServer> server;
+
+    bool open() { return head.start() == 0 && UsbHandle::open(); }
     // A new server on the handle, its callback recorded in calls; true when init succeeds.
     bool startServer()
     {
@@ -76,24 +98,19 @@ struct UsbOnline {
     {
         return waitUntil(timeoutMs, [&] { return server->isConnected(); });
     }
-    // Ends the server and closes the handle (a handle of an unplugged device included).
+    // Ends the server and closes the handle.
     void close()
     {
         calls.release();
         if (server)
             server->deInit();
         server.reset();
-        if (handle != nullptr) {
-            libusb_release_interface(handle, ztSimUsbHead::kInterface);
-            libusb_close(handle);
-            handle = nullptr;
-        }
+        closeHandle();
     }
     ~UsbOnline()
     {
         close();
-        if (contextUp)
-            libusb_exit(nullptr);
+        release();
         head.stop();
     }
 };
