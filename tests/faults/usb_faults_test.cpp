@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <future>
 
 using namespace zt::test;
 using Head = ztSimUsbHead;

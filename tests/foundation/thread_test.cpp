@@ -4,10 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#ifndef _WIN32
-#  include <sys/resource.h>
-#endif
-
 #include <atomic>
 #include <thread>
 
@@ -98,9 +94,6 @@ TEST(TThreadC, CreateJoinDetachKillExitAndTheirFailures)
     EXPECT_EQ(TThreadC<void>::Detach(h), 0);
     EXPECT_TRUE(waitUntil(2000, [&] { return detached.runs == 1; }));
 }
-
-#ifndef _WIN32
-#endif
 
 // A worker's static entry calls its member ...Func, whose loop sleeps, works and tests
 // the stop flag. A running worker holds the timer at 1 ms, so that its short sleeps are

@@ -11,7 +11,6 @@
 
 #include <condition_variable>
 #include <deque>
-#include <functional>
 
 using namespace zt::test;
 using zt::tools::ProxyMessage;

@@ -14,8 +14,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
-
 using namespace zt::test;
 
 namespace {

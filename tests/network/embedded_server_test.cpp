@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <functional>
-#include <memory>
 
 using namespace zt::test;
 

@@ -6,7 +6,6 @@
 #include "ztSimModule.h"
 
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <vector>
 

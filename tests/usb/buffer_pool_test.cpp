@@ -3,22 +3,13 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
-#include <set>
 #include <thread>
-#include <vector>
 
 using ztCamera::ztBufferPool;
 using ztCamera::ztPoolDataAllocator;
 using ztCamera::ztPoolFrame;
-
-namespace {
-
-} // namespace
 
 // A consumer waiting for the ready queue wakes as soon as a frame is queued, not at the
 // end of its wait: frames handed over one at a time each arrive well within it.
