@@ -14,13 +14,18 @@ failed() {
     cat "$tmp/err"
     fail=1
 }
-# A usage error: exit 2, one line on standard error, nothing on standard output.
-usage_error() { # description, command...
-    local what=$1
-    shift
-    run "$@"
-    [ $rc -eq 2 ] && [ "$(wc -l <"$tmp/err")" -eq 1 ] && [ ! -s "$tmp/out" ] ||
-        failed "$what: exit $rc, expected 2 with one line on standard error"
+# Usage errors, one per line of standard input: the tool's arguments, then after "|" the
+# message expected, if any. Each exits 2 with one line on standard error and nothing on
+# standard output.
+usage_errors() {
+    local args want
+    while IFS='|' read -r args want; do
+        # shellcheck disable=SC2086 # the arguments are words
+        run "$ztproxy" $args
+        [ $rc -eq 2 ] && [ "$(wc -l <"$tmp/err")" -eq 1 ] && [ ! -s "$tmp/out" ] &&
+            { [ -z "$want" ] || [ "$(cat "$tmp/err")" = "$want" ]; } ||
+            failed "ztproxy $args: exit $rc, expected 2 and one line on standard error ${want:+: $want}"
+    done
 }
 # Whether the JSON object on standard output meets a Python condition on d.
 json_holds() { # condition

@@ -4,13 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <string>
-#include <unistd.h>
+#include <vector>
 
 namespace zt::tools {
 namespace {
