@@ -6,6 +6,7 @@
 // Built once per link: ZT_TEST_LINK_NETWORK (ztEmbeddedModuleProxyServer against
 // ztSimNetworkHead on port 42001, in a private network namespace) or ZT_TEST_LINK_USB
 // (ztUsbProxyServer on real libusb against ztSimUsbHead under the umockdev preload).
+#include "host_peer.h"
 #include "support/data_calls.h"
 #include "support/log_capture.h"
 #include "ztDeviceCommandSet.h"
@@ -53,13 +54,8 @@ using Server = ztUsbProxyServer;
 const std::string kClass = kNet ? "ztEmbeddedModuleProxyServer" : "ztUsbProxyServer";
 
 // Wire bytes, little-endian.
-Bytes le(std::uint64_t v, int n)
-{
-    Bytes b;
-    for (int i = 0; i < n; ++i)
-        b.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
-    return b;
-}
+constexpr auto le = zt::tools::littleEndian;
+constexpr auto cat = zt::tools::joined;
 Bytes i32(std::int32_t v) { return le(static_cast<std::uint32_t>(v), 4); }
 Bytes u32(std::uint32_t v) { return le(v, 4); }
 Bytes u64(std::uint64_t v) { return le(v, 8); }
@@ -77,13 +73,6 @@ Bytes text(const std::string& s, std::size_t n = 0)
     Bytes b(s.begin(), s.end());
     b.resize(std::max(n, b.size()), 0);
     return b;
-}
-Bytes cat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes& p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
 }
 // A name: one length byte, then the text.
 Bytes named(const std::string& s) { return cat({u8(s.size()), text(s)}); }
