@@ -29,6 +29,7 @@ public:
     }
     operator std::vector<unsigned char>() const { return m_bytes; }
     std::vector<char> chars() const { return std::vector<char>(m_bytes.begin(), m_bytes.end()); }
+    std::string str() const { return std::string(m_bytes.begin(), m_bytes.end()); }
 
 private:
     Bytes& put(const void* p, std::size_t n)
