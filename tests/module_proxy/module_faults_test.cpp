@@ -29,8 +29,9 @@ bool readBytes(int fd, void* p, std::size_t n, int timeoutMs)
     return ::poll(&pfd, 1, timeoutMs) == 1 && ::read(fd, p, n) == static_cast<ssize_t>(n);
 }
 
-// A child process with a pipe each way, running body(in, out); it dies with the parent, or
-// by an alarm should the parent never let it go.
+// A child process with a pipe each way: it waits for go(), then runs body(in, out), which
+// holds on until its input closes. It dies with the parent, or by an alarm should the parent
+// never let it go.
 class Child {
 public:
     template <class Body>
@@ -45,6 +46,9 @@ public:
             ::close(up[0]);
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             ::alarm(120);
+            char c = 0;
+            if (!readBytes(down[0], &c, 1, 60000))
+                ::_exit(2);
             body(down[0], up[1]);
             ::_exit(0);
         }
@@ -54,14 +58,13 @@ public:
         m_in = up[0];
         return m_pid > 0;
     }
-    bool send(char c) { return say(m_out, c); }
+    bool go() { return say(m_out, 'g'); }
     // The next byte from the child is want.
     bool expect(char want, int timeoutMs)
     {
         char c = 0;
         return readBytes(m_in, &c, 1, timeoutMs) && c == want;
     }
-    int input() const { return m_in; }
     // The child holds its connections but does nothing; returns once every thread of it has
     // stopped (a stop only asked for may still let a running thread answer).
     void freeze()
@@ -97,13 +100,10 @@ private:
     int m_in = -1;
 };
 
-// Child body: on 'g', runs a simulated module (its ports may still be held for a moment by
-// a module just killed); says 'r' once it listens and 's' once a host asked to register.
+// Child body: runs a simulated module (its ports may still be held for a moment by a module
+// just killed); says 'r' once it listens and 's' once a host asked to register.
 void moduleProcess(int in, int out)
 {
-    char c = 0;
-    if (!readBytes(in, &c, 1, 60000) || c != 'g')
-        ::_exit(2);
     ztSimModule module;
     if (!waitUntil(3000, [&] { return module.start() == 0; }))
         ::_exit(3);
@@ -113,6 +113,7 @@ void moduleProcess(int in, int out)
         if (!module.nextRequest(r, 10000))
             ::_exit(4);
     say(out, 's');
+    char c = 0;
     readBytes(in, &c, 1, 100000);
 }
 
@@ -121,7 +122,7 @@ TEST(ModuleFaults, ModuleProcessKilledMidRequestAndStartedAgain)
     Child first, second;
     // Both module processes are made now, while this process has no thread.
     ASSERT_TRUE(first.start(&moduleProcess) && second.start(&moduleProcess));
-    ASSERT_TRUE(first.send('g') && first.expect('r', 5000));
+    ASSERT_TRUE(first.go() && first.expect('r', 5000));
     LogCapture log;
     ztModuleProxyServer host;
     ASSERT_EQ(host.init("127.0.0.1"), 0);
@@ -134,18 +135,18 @@ TEST(ModuleFaults, ModuleProcessKilledMidRequestAndStartedAgain)
     // the request fails at the end of its 4001 ms reply window, and the failing heartbeat
     // releases the session (the host's receive threads do not notice the reset).
     first.freeze();
-    std::atomic<long> took{-1};
-    std::thread request([&] {
-        const auto t = Clock::now();
-        took = 0;
-        EXPECT_EQ(host.heartbeat(&hb), -1);
-        took = msSince(t);
-    });
     // The request is under way (its send takes no time) before the process dies.
-    EXPECT_TRUE(waitUntil(5000, [&] { return took == 0; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    first.kill();
-    request.join();
+    std::atomic<bool> asked{false};
+    std::thread killer([&] {
+        waitUntil(5000, [&] { return asked.load(); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        first.kill();
+    });
+    const long took = returnsWithin(10000 + kSanitizerSlackMs, "heartbeat", [&] {
+        asked = true;
+        EXPECT_EQ(host.heartbeat(&hb), -1);
+    });
+    killer.join();
     EXPECT_GE(took, 3900);
     EXPECT_LT(took, 4001 + 600 + 1000);
     EXPECT_EQ(log.count("req-send failed: nret:-1"), 1);
@@ -154,7 +155,7 @@ TEST(ModuleFaults, ModuleProcessKilledMidRequestAndStartedAgain)
     EXPECT_EQ(hb.deviceCount, 42);
 
     // A new module process: the host connects again and registers after 2000 ms.
-    ASSERT_TRUE(second.send('g') && second.expect('r', 5000));
+    ASSERT_TRUE(second.go() && second.expect('r', 5000));
     const auto restarted = Clock::now();
     ASSERT_TRUE(second.expect('s', 8000));
     EXPECT_GE(msSince(restarted), 1900);
@@ -168,13 +169,10 @@ TEST(ModuleFaults, ModuleProcessKilledMidRequestAndStartedAgain)
     EXPECT_EQ(second.finish(5000), 0);
 }
 
-// Child body: on 'g', runs a host and says 'r' once it has registered and a request
-// succeeded. With answer set, it answers SET file size queries with 4242.
+// Child body: runs a host and says 'r' once it has registered and a request succeeded.
+// With answer set, it answers SET file size queries with 4242.
 void hostProcess(int in, int out, bool answer)
 {
-    char c = 0;
-    if (!readBytes(in, &c, 1, 60000) || c != 'g')
-        ::_exit(2);
     ztModuleProxyServer host;
     if (answer)
         host.registerModuleServerDataCB(
@@ -187,6 +185,7 @@ void hostProcess(int in, int out, bool answer)
     if (host.init("127.0.0.1") != 0 || !host.waitRegistered(8000) || host.heartbeat(&hb) != 0)
         ::_exit(3);
     say(out, 'r');
+    char c = 0;
     readBytes(in, &c, 1, 100000);
 }
 
@@ -198,23 +197,23 @@ TEST(ModuleFaults, HostProcessKilledWhileTheModuleWaitsForAFile)
     LogCapture log;
     ztSimModule module;
     ASSERT_EQ(module.start(), 0);
-    ASSERT_TRUE(silent.send('g') && silent.expect('r', 10000));
+    ASSERT_TRUE(silent.go() && silent.expect('r', 10000));
 
     // The host process dies while the module waits for the size: the query still waits
     // out its whole 5000 ms and fails with its log line.
     unsigned int size = 7;
-    std::atomic<long> took{-1};
-    std::thread query([&] {
-        const auto t = Clock::now();
-        took = 0;
-        EXPECT_EQ(module.client().getSETFileSize("scanner", "set-1", &size), -1);
-        took = msSince(t);
+    std::atomic<bool> asked{false};
+    std::thread killer([&] {
+        waitUntil(5000, [&] { return asked.load(); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        silent.kill();
+        EXPECT_TRUE(answering.go()); // connects and registers while the query waits
     });
-    EXPECT_TRUE(waitUntil(5000, [&] { return took == 0; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    silent.kill();
-    ASSERT_TRUE(answering.send('g')); // connects and registers while the query waits
-    query.join();
+    const long took = returnsWithin(10000 + kSanitizerSlackMs, "getSETFileSize", [&] {
+        asked = true;
+        EXPECT_EQ(module.client().getSETFileSize("scanner", "set-1", &size), -1);
+    });
+    killer.join();
     EXPECT_GE(took, 4950);
     EXPECT_LT(took, 5000 + 1000);
     EXPECT_EQ(size, 7u);
