@@ -130,16 +130,13 @@ struct RawModule {
     RawConnection cmd, data;
     ztModuleProxyServer host;
     LogCapture log;
+    // Takes the host's pair of connections and answers its register request.
     bool start()
-    {
-        return cmdListener.listen(9479) && dataListener.listen(11300) && host.init("127.0.0.1") == 0 && acceptAgain();
-    }
-    // Takes the host's next pair of connections and answers its register request.
-    bool acceptAgain()
     {
         ProxyMessage m;
         const std::int32_t ok = 1;
-        return cmdListener.accept(cmd, 3000) && dataListener.accept(data, 3000) && cmd.readMessage(m, 4000) &&
+        return cmdListener.listen(9479) && dataListener.listen(11300) && host.init("127.0.0.1") == 0 &&
+               cmdListener.accept(cmd, 3000) && dataListener.accept(data, 3000) && cmd.readMessage(m, 4000) &&
                m.type == 3 && m.subType == 1 && cmd.sendBytes(proxyMessage(4, 1, &ok, 4)) && host.waitRegistered(3000);
     }
     // call's result, while the next request (of sub type sub) is answered with reply.
@@ -238,6 +235,5 @@ TEST(HostSession, RepliesAreCheckedForMagicTypeSubTypeLengthStatusAndStaleness)
     EXPECT_EQ(m.log.count("ztModuleProxyServer [sendTrigger] zmq_send failed!\r\n"), 1);
     EXPECT_EQ(m.log.count("ztModuleProxyServer [sendPeriod] zmq_send failed!\r\n"), 1);
 }
-
 
 } // namespace
