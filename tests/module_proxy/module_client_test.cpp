@@ -5,7 +5,6 @@
 #include "support/fault_scenario.h"
 #include "support/log_capture.h"
 #include "support/module_session.h"
-#include "support/tcp_unread.h"
 
 #include <gtest/gtest.h>
 
@@ -46,14 +45,13 @@ struct Module {
     }
 };
 
-// Only requests reach the callback, once each and in order, whether they come several to a
-// segment or split over several.
-TEST(ModuleProxyClient, RequestsArriveOnceInOrderCoalescedOrSplit)
+// Only requests reach the callback, once each and in order, when they come several to a
+// segment. (A message split over several reads is the listener's and its framer's own test.)
+TEST(ModuleProxyClient, OnlyRequestsReachTheCallbackOnceInOrder)
 {
     Module module;
     ASSERT_EQ(module.sim.start(), 0);
     module.connectHost();
-    module.sim.setSilent(true); // unanswered, so that the host's end holds no unread bytes
     auto badMagic = proxyMessage(3, 0x10005, "bad", 3);
     badMagic[1] = 0x00;
     std::vector<char> segment;
@@ -64,15 +62,6 @@ TEST(ModuleProxyClient, RequestsArriveOnceInOrderCoalescedOrSplit)
     ASSERT_TRUE(module.cmd.sendBytes(segment));
     EXPECT_EQ(module.next(), Seen(0x10006, Bytes().i32(5).chars()));
     EXPECT_EQ(module.next(), Seen(0x10005, {}));
-
-    // Split over three writes: handed on once, after its last byte.
-    const std::vector<char> text(1000, 'q');
-    const auto split = proxyMessage(3, 0x30002, text.data(), static_cast<int>(text.size()));
-    ASSERT_TRUE(module.cmd.sendBytes(split.data(), 10) && tcpInputTaken());
-    ASSERT_TRUE(module.cmd.sendBytes(split.data() + 10, 500) && tcpInputTaken());
-    EXPECT_EQ(module.sim.pendingRequests(), 0u);
-    ASSERT_TRUE(module.cmd.sendBytes(split.data() + 510, split.size() - 510));
-    EXPECT_EQ(module.next(), Seen(0x30002, text));
     EXPECT_EQ(module.next(100).first, -1);
 }
 
