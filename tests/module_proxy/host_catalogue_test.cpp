@@ -15,7 +15,7 @@ using H = ztModuleProxyServer&;
 
 struct Row {
     std::uint32_t code;                // sub type the module's callback sees
-    std::vector<unsigned char> payload; // bytes after the header, as sent
+    P payload;                         // bytes after the header, as sent
     int expected;                      // the host's result
     std::function<int(H)> call;
     std::function<void()> check = [] {}; // runs after the call
@@ -124,7 +124,7 @@ TEST(HostCatalogue, EveryRequestOnTheWireWithItsReply)
         ztSimModule::Request seen;
         ASSERT_TRUE(s.module.nextRequest(seen, 1000));
         EXPECT_EQ(seen.code, static_cast<int>(row.code));
-        EXPECT_EQ(std::vector<unsigned char>(seen.payload.begin(), seen.payload.end()), row.payload);
+        EXPECT_EQ(seen.payload, row.payload.chars());
         row.check();
     }
     EXPECT_EQ(s.module.pendingRequests(), 0u);

@@ -32,7 +32,6 @@ public:
         m_bytes.insert(m_bytes.end(), n, 0);
         return *this;
     }
-    operator std::vector<unsigned char>() const { return m_bytes; }
     std::vector<char> chars() const { return std::vector<char>(m_bytes.begin(), m_bytes.end()); }
     std::string str() const { return std::string(m_bytes.begin(), m_bytes.end()); }
 
