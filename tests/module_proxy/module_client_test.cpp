@@ -1,6 +1,7 @@
 // The simulated module's ztModuleProxyClient driven by a raw host peer on the module's
 // fixed ports (the test program runs in a network namespace of its own): the requests its
-// callback sees, and the file queries with their answers and time-outs.
+// callback sees, and the file queries with their answers and time-outs, also when the host
+// goes away.
 #include "host_peer.h"
 #include "support/fault_scenario.h"
 #include "support/log_capture.h"
@@ -168,6 +169,45 @@ TEST(ModuleQueries, TimeOutAndThePreTriggerAnswer)
     EXPECT_EQ(log.count("getSETFileMd5 zt_msg_is_avalible failed[0][2][262147]\r\n"), 1);
     // Now the buffer holds the host's pre-trigger answer, so the next pre-trigger succeeds.
     EXPECT_EQ(module.sim.client().sendDevicePreTrigger(1), 0);
+}
+
+// The host goes away while the module waits for a file size: the query still waits out its
+// whole 5000 ms and fails with its log line, though a new host connects and registers
+// meanwhile; the new host answers the next query.
+TEST(ModuleQueries, HostLostWhileTheModuleWaitsForAFile)
+{
+    LogCapture log;
+    Module module;
+    ASSERT_EQ(module.sim.start(), 0);
+    module.connectHost();
+    ztModuleProxyServer next;
+    next.registerModuleServerDataCB(
+        [](int code, char*, int, void* h) {
+            if (code == 0x20002)
+                static_cast<ztModuleProxyServer*>(h)->sendSETFileSizeRep(4242);
+        },
+        &next);
+    std::thread lose([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        module.cmd.close();
+        module.data.close();
+        EXPECT_EQ(next.init("127.0.0.1"), 0);
+    });
+    unsigned int size = 7;
+    const auto t = Clock::now();
+    EXPECT_EQ(module.sim.client().getSETFileSize("scanner", "set-1", &size), -1);
+    const long took = msSince(t);
+    lose.join();
+    EXPECT_GE(took, 4950);
+    EXPECT_LT(took, 5000 + 1000);
+    EXPECT_EQ(size, 7u);
+    EXPECT_EQ(log.count("getSETFileSize m_data_server->recv failed\r\n"), 1);
+
+    ASSERT_TRUE(next.waitRegistered(8000));
+    EXPECT_EQ(module.sim.client().getSETFileSize("scanner", "set-1", &size), 0);
+    EXPECT_EQ(size, 4242u);
+    module.sim.stop(); // the host's data receive sees the connection close
+    next.deInit();
 }
 
 } // namespace

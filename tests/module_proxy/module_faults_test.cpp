@@ -1,6 +1,6 @@
-// The module proxy when one end's process dies. The other end runs in a child
-// process made by fork() before this process starts any thread; the child starts its
-// library objects only after the fork, and ends with _exit on any failure.
+// The host when the module's process dies. The module runs in a child process made by
+// fork() before this process starts any thread; the child starts its library objects only
+// after the fork, and ends with _exit on any failure.
 #include "support/fault_scenario.h"
 #include "support/log_capture.h"
 #include "ztModuleProxyServer.h"
@@ -25,12 +25,12 @@ bool readByte(int fd, int timeoutMs)
     return ::poll(&pfd, 1, timeoutMs) == 1 && ::read(fd, &c, 1) == 1;
 }
 
-// A child process that waits for go(), then runs body(in), which holds on until its input
-// closes. It dies with the parent, or by an alarm should the parent never let it go.
-class Child {
+// A child process that waits for go(), then runs a simulated module (its ports may still be
+// held for a moment by a module just killed) until its input closes. It dies with the
+// parent, or by an alarm should the parent never let it go.
+class ModuleProcess {
 public:
-    template <class Body>
-    bool start(Body body)
+    bool start()
     {
         int down[2];
         if (::pipe(down) != 0)
@@ -42,7 +42,11 @@ public:
             ::alarm(120);
             if (!readByte(down[0], 60000))
                 ::_exit(2);
-            body(down[0]);
+            ztSimModule module;
+            if (!waitUntil(3000, [&] { return module.start() == 0; }))
+                ::_exit(3);
+            readByte(down[0], 100000);
+            module.stop();
             ::_exit(0);
         }
         ::close(down[0]);
@@ -77,28 +81,18 @@ public:
         m_pid = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    ~Child() { kill(); }
+    ~ModuleProcess() { kill(); }
 
 private:
     pid_t m_pid = -1;
     int m_out = -1;
 };
 
-// Child body: a simulated module (its ports may still be held for a moment by a module just
-// killed).
-void moduleProcess(int in)
-{
-    ztSimModule module;
-    if (!waitUntil(3000, [&] { return module.start() == 0; }))
-        ::_exit(3);
-    readByte(in, 100000);
-}
-
 TEST(ModuleFaults, ModuleProcessKilledMidRequestAndStartedAgain)
 {
-    Child first, second;
+    ModuleProcess first, second;
     // Both module processes are made now, while this process has no thread.
-    ASSERT_TRUE(first.start(&moduleProcess) && second.start(&moduleProcess));
+    ASSERT_TRUE(first.start() && second.start());
     ASSERT_TRUE(first.go());
     LogCapture log;
     ztModuleProxyServer host;
@@ -141,69 +135,6 @@ TEST(ModuleFaults, ModuleProcessKilledMidRequestAndStartedAgain)
     EXPECT_EQ(version, "ZT-MOD 2.4.1");
     // The module ends first, so that the host's data receive sees the connection close.
     EXPECT_EQ(second.finish(5000), 0);
-}
-
-// Child body: a host that registers and sends a heartbeat. With answer set, it answers SET
-// file size queries with 4242.
-void hostProcess(int in, bool answer)
-{
-    ztModuleProxyServer host;
-    if (answer)
-        host.registerModuleServerDataCB(
-            [](int code, char*, int, void* h) {
-                if (code == 0x20002)
-                    static_cast<ztModuleProxyServer*>(h)->sendSETFileSizeRep(4242);
-            },
-            &host);
-    _ZT_HEARTBEAT_INFO_ hb{};
-    if (host.init("127.0.0.1") != 0 || !host.waitRegistered(8000) || host.heartbeat(&hb) != 0)
-        ::_exit(3);
-    readByte(in, 100000);
-}
-
-// The module saw a request of this code (earlier ones are passed over) within timeoutMs.
-bool sawRequest(ztSimModule& module, int code, int timeoutMs)
-{
-    ztSimModule::Request r{};
-    while (r.code != code)
-        if (!module.nextRequest(r, timeoutMs))
-            return false;
-    return true;
-}
-
-TEST(ModuleFaults, HostProcessKilledWhileTheModuleWaitsForAFile)
-{
-    Child silent, answering;
-    ASSERT_TRUE(silent.start([](int in) { hostProcess(in, false); }));
-    ASSERT_TRUE(answering.start([](int in) { hostProcess(in, true); }));
-    LogCapture log;
-    ztSimModule module;
-    ASSERT_EQ(module.start(), 0);
-    ASSERT_TRUE(silent.go() && sawRequest(module, 0x10002, 10000));
-
-    // The host process dies while the module waits for the size: the query still waits
-    // out its whole 5000 ms and fails with its log line.
-    unsigned int size = 7;
-    std::thread killer([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        silent.kill();
-        EXPECT_TRUE(answering.go()); // connects and registers while the query waits
-    });
-    const auto t = Clock::now();
-    EXPECT_EQ(module.client().getSETFileSize("scanner", "set-1", &size), -1);
-    const long took = msSince(t);
-    killer.join();
-    EXPECT_GE(took, 4950);
-    EXPECT_LT(took, 5000 + 1000);
-    EXPECT_EQ(size, 7u);
-    EXPECT_EQ(log.count("getSETFileSize m_data_server->recv failed\r\n"), 1);
-
-    // The module side goes on: the next host answers the module's query.
-    ASSERT_TRUE(sawRequest(module, 0x10002, 10000));
-    EXPECT_EQ(module.client().getSETFileSize("scanner", "set-1", &size), 0);
-    EXPECT_EQ(size, 4242u);
-    module.stop(); // the host's data receive sees the connection close
-    EXPECT_EQ(answering.finish(5000), 0);
 }
 
 } // namespace
