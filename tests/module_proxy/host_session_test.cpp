@@ -210,16 +210,15 @@ TEST(HostSession, RepliesAreCheckedForMagicTypeSubTypeLengthStatusAndStaleness)
     EXPECT_EQ(notes.calls.all(), (std::vector<std::pair<int, std::string>>{{0x40000, "a"}, {0x40001, "bb"}, {0x40002, ""}}));
 
     // Answers go out on the data channel with their sub types and payloads.
-    EXPECT_EQ(host.sendSETFileSizeRep(1234), 0);
-    EXPECT_EQ(host.sendEnumSETFileRep({"a.set", "bb.set"}), 0);
-    EXPECT_EQ(host.sendDeviceOnlineRep(), 0);
-    for (const auto& [sub, payload] : std::vector<std::pair<std::uint32_t, Bytes>>{
-             {0x20002, Bytes().u32(1234)}, {0x20000, Bytes().i32(2).i32(5).i32(6).text("a.setbb.set")}, {0x30000, {}}}) {
+    const std::vector<std::tuple<std::function<int()>, std::uint32_t, Bytes>> answers = {
+        {[&] { return host.sendSETFileSizeRep(1234); }, 0x20002, Bytes().u32(1234)},
+        {[&] { return host.sendEnumSETFileRep({"a.set", "bb.set"}); }, 0x20000, Bytes().i32(2).i32(5).i32(6).text("a.setbb.set")},
+        {[&] { return host.sendDeviceOnlineRep(); }, 0x30000, {}}};
+    for (const auto& [send, sub, payload] : answers) {
         ProxyMessage got;
+        EXPECT_EQ(send(), 0);
         ASSERT_TRUE(m.data.readMessage(got, 1000));
-        EXPECT_EQ(got.type, 2);
-        EXPECT_EQ(got.subType, sub);
-        EXPECT_EQ(got.payload, payload.chars());
+        EXPECT_EQ(std::make_tuple(got.type, got.subType, got.payload), std::make_tuple(2, sub, payload.chars()));
     }
 
     // The module's command end is gone: exchanges fail, trigger and period log under their

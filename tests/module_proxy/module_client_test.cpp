@@ -18,11 +18,13 @@ namespace {
 
 using Seen = std::pair<int, std::vector<char>>;
 
-// The simulated module, which records each request its callback sees, and a raw host on
-// the module's fixed ports.
+// The simulated module, listening, which records each request its callback sees, and a raw
+// host on the module's fixed ports.
 struct Module {
     ztSimModule sim;
     RawConnection cmd, data;
+
+    Module() { EXPECT_EQ(sim.start(), 0); }
 
     // The host connects both channels and runs the register exchange; the module has
     // accepted the data connection once a notification reaches it (those sent before go
@@ -51,7 +53,6 @@ struct Module {
 TEST(ModuleProxyClient, OnlyRequestsReachTheCallbackOnceInOrder)
 {
     Module module;
-    ASSERT_EQ(module.sim.start(), 0);
     module.connectHost();
     auto badMagic = proxyMessage(3, 0x10005, "bad", 3);
     badMagic[1] = 0x00;
@@ -75,9 +76,7 @@ int answered(Module& module, std::uint32_t sub, const std::vector<char>& request
     std::thread t([&] { result = query(); });
     ProxyMessage q;
     EXPECT_TRUE(module.data.readMessage(q, 3000));
-    EXPECT_EQ(q.type, 1);
-    EXPECT_EQ(q.subType, sub);
-    EXPECT_EQ(q.payload, request);
+    EXPECT_EQ(std::make_tuple(q.type, q.subType, q.payload), std::make_tuple(1, sub, request));
     EXPECT_TRUE(module.data.sendBytes(reply));
     t.join();
     return result;
@@ -87,7 +86,6 @@ TEST(ModuleQueries, FileQueriesTakeTheHostsAnswers)
 {
     LogCapture log;
     Module module;
-    ASSERT_EQ(module.sim.start(), 0);
     module.connectHost();
     ztModuleProxyClient& m = module.sim.client();
     const auto pair = Bytes().u8(3).u8(2).text("a.s").text("bb").chars();
@@ -143,7 +141,6 @@ TEST(ModuleQueries, TimeOutAndThePreTriggerAnswer)
 {
     LogCapture log;
     Module module;
-    ASSERT_EQ(module.sim.start(), 0);
     // Before any query the buffer holds no answer: -1 although the event went out.
     EXPECT_EQ(module.sim.client().sendDevicePreTrigger(5), -1);
     // Nobody answers: a short query gives up after its 1000 ms (the next shortest wait is
@@ -178,7 +175,6 @@ TEST(ModuleQueries, HostLostWhileTheModuleWaitsForAFile)
 {
     LogCapture log;
     Module module;
-    ASSERT_EQ(module.sim.start(), 0);
     module.connectHost();
     ztModuleProxyServer next;
     next.registerModuleServerDataCB(

@@ -130,9 +130,6 @@ TEST(ModuleFaults, ModuleProcessKilledMidRequestAndStartedAgain)
     EXPECT_GE(msSince(restarted), 1900);
     EXPECT_EQ(host.heartbeat(&hb), 0);
     EXPECT_EQ(hb.deviceCount, 1);
-    std::string version;
-    EXPECT_EQ(host.getFirmwareVersion(version), 0);
-    EXPECT_EQ(version, "ZT-MOD 2.4.1");
     // The module ends first, so that the host's data receive sees the connection close.
     EXPECT_EQ(second.finish(5000), 0);
 }
