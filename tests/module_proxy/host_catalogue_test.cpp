@@ -1,7 +1,7 @@
 // The host's request catalogue row by row against the simulated module: each request's
 // bytes as the module received them, the module's reply and the host's result. Rows whose
-// module reply carries another sub type than the host waits for fail on the host; the
-// requests the module does not answer wait out the 4 s reply window.
+// module reply carries another sub type than the host waits for fail on the host, and so
+// do the requests the module does not answer, once the reply window is out.
 #include "support/module_session.h"
 
 #include <gtest/gtest.h>
@@ -10,13 +10,12 @@
 
 namespace {
 
-using zt::test::Bytes;
 using P = zt::test::Bytes;
 using H = ztModuleProxyServer&;
 
 struct Row {
     std::uint32_t code;                // sub type the module's callback sees
-    std::vector<unsigned char> payload; // bytes after the header, as sent
+    P payload;                         // bytes after the header, as sent
     int expected;                      // the host's result
     std::function<int(H)> call;
     std::function<void()> check = [] {}; // runs after the call
@@ -34,7 +33,7 @@ TEST(HostCatalogue, EveryRequestOnTheWireWithItsReply)
     unsigned long long id = 0;
     std::vector<int> ids = {4, 5};
     double range[3] = {1.0, 2.0, 3.0}, levels[12][3];
-    Bytes levelBytes;
+    P levelBytes;
     for (int i = 0; i < 12; ++i)
         for (int j = 0; j < 3; ++j)
             levelBytes.f64(levels[i][j] = i * 10 + j + 0.5);
@@ -121,18 +120,12 @@ TEST(HostCatalogue, EveryRequestOnTheWireWithItsReply)
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(testing::Message() << std::hex << row.code);
-        const auto t = std::chrono::steady_clock::now();
         EXPECT_EQ(row.call(s.host), row.expected);
-        const auto took = std::chrono::steady_clock::now() - t;
         ztSimModule::Request seen;
         ASSERT_TRUE(s.module.nextRequest(seen, 1000));
         EXPECT_EQ(seen.code, static_cast<int>(row.code));
-        EXPECT_EQ(std::vector<unsigned char>(seen.payload.begin(), seen.payload.end()), row.payload);
+        EXPECT_EQ(seen.payload, row.payload.chars());
         row.check();
-        if (row.code == 0x20013 || row.code == 0x30003) {
-            EXPECT_GE(took, std::chrono::milliseconds(4000));
-            EXPECT_LT(took, std::chrono::milliseconds(4000 + 600 + 1000));
-        }
     }
     EXPECT_EQ(s.module.pendingRequests(), 0u);
 }

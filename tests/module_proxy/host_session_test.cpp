@@ -1,6 +1,7 @@
 // The host's session with a module: retries, callbacks that call back, notifications, and
 // the reply checks against a raw module written from the wire format.
 #include "host_peer.h"
+#include "support/data_calls.h"
 #include "support/fault_scenario.h"
 #include "support/log_capture.h"
 #include "support/module_session.h"
@@ -9,7 +10,6 @@
 
 #include <cstring>
 #include <functional>
-#include <mutex>
 
 using namespace zt::test;
 using zt::tools::ProxyMessage;
@@ -46,37 +46,20 @@ TEST(HostSession, WithoutAModuleRequestsFailAndConnectingGoesOnEvery200ms)
 
 // Records the notifications the host's callback receives; on device state 7 the callback
 // makes a request, on state 8 it stops the host, both from the host's own thread.
-using Seen = std::vector<std::pair<int, std::vector<char>>>;
 struct Notes {
-    std::mutex mutex;
-    Seen seen;
+    DataCalls calls;
     ztModuleProxyServer* host = nullptr;
     std::atomic<int> requestResult{99};
     std::string version;
-    std::atomic<bool> stopping{false}, stopped{false};
     static void cb(int code, char* data, int length, void* user)
     {
         auto* self = static_cast<Notes*>(user);
         const int state = code == 0x40000 && length == 8 ? data[4] : 0;
         if (state == 7)
             self->requestResult = self->host->getFirmwareVersion(self->version);
-        if (state == 8) {
-            self->stopping = true;
+        if (state == 8)
             self->host->deInit();
-            self->stopped = true;
-        }
-        std::lock_guard<std::mutex> lock(self->mutex);
-        self->seen.emplace_back(code, std::vector<char>(data, data + length));
-    }
-    // What was seen once there are n notifications (or the time is up).
-    Seen get(std::size_t n, int ms = 5000)
-    {
-        waitUntil(ms, [&] {
-            std::lock_guard<std::mutex> lock(mutex);
-            return seen.size() >= n;
-        });
-        std::lock_guard<std::mutex> lock(mutex);
-        return seen;
+        DataCalls::cb(code, data, length, &self->calls);
     }
 };
 
@@ -96,40 +79,41 @@ TEST(HostSession, NotificationsInOrderAndCallbacksThatCallBack)
     std::strcpy(pen.serial, "LP-1");
     lp::_LIGHTPEN_WARN_INFO_ warn{};
     warn.reason = 3;
-    const std::vector<std::tuple<std::function<int()>, int, std::vector<char>>> rows = {
-        {[&] { return m.registerModule("scanner-A"); }, 0x10000, Bytes().text("scanner-A").chars()},
-        {[&] { return m.sendDeviceOn("head", {3, 4}); }, 0x30000, Bytes().u32(4).text("head").u32(2).i32(3).i32(4).chars()},
-        {[&] { return m.sendDeviceOff(std::string(300, 'n')); }, 0x30001, Bytes().u8(44).text(std::string(300, 'n')).chars()},
-        {[&] { return m.sendDeviceStatChanged(2, 7); }, 0x40000, Bytes().i32(2).i32(7).chars()},
+    const std::vector<std::tuple<std::function<int()>, int, Bytes>> rows = {
+        {[&] { return m.registerModule("scanner-A"); }, 0x10000, Bytes().text("scanner-A")},
+        {[&] { return m.sendDeviceOn("head", {3, 4}); }, 0x30000, Bytes().u32(4).text("head").u32(2).i32(3).i32(4)},
+        {[&] { return m.sendDeviceOff(std::string(300, 'n')); }, 0x30001, Bytes().u8(44).text(std::string(300, 'n'))},
+        {[&] { return m.sendDeviceStatChanged(2, 7); }, 0x40000, Bytes().i32(2).i32(7)},
         {[&] { return m.sendDeviceData(0x0102030405060708ull, 9, frame, 4, -1); }, 0x40001,
-         Bytes().u64(0x0102030405060708ull).i32(9).i32(-1).u32(4).raw(frame, 4).chars()},
-        {[&] { return m.sendDeviceButton('a', 'b'); }, 0x40002, Bytes().text("ab").chars()},
-        {[&] { return m.sendScanEventRsp(1, 2, {'x', 'y'}); }, 0x40004, Bytes().i32(1).i32(2).i32(2).text("xy").chars()},
-        {[&] { return m.sendLPPairingInfo("pair", 6); }, 0x40005, Bytes().i32(6).i32(4).text("pair").chars()},
-        {[&] { return m.sendLPRequestList({pen, pen}); }, 0x40006, Bytes().u32(2).u32(48).zeros(16).raw(&pen, 48).raw(&pen, 48).chars()},
-        {[&] { return m.sendLPOfflineWarn(warn); }, 0x40007, Bytes().raw(&warn, 68).chars()},
-        {[&] { return m.sendBarCalibFile("bar", "/b", cal, 2); }, 0x50000, Bytes().u32(3).text("bar").u32(2).text("/b").u32(2).raw(cal, 2).chars()},
-        {[&] { return m.sendLPCalibFile("lp", "/l", cal, 2); }, 0x50001, Bytes().u32(2).text("lp").u32(2).text("/l").u32(2).raw(cal, 2).chars()},
-        {[&] { return m.sendDeviceOpenFailRet(-5); }, 0x60001, Bytes().i32(-5).chars()},
+         Bytes().u64(0x0102030405060708ull).i32(9).i32(-1).u32(4).raw(frame, 4)},
+        {[&] { return m.sendDeviceButton('a', 'b'); }, 0x40002, Bytes().text("ab")},
+        {[&] { return m.sendScanEventRsp(1, 2, {'x', 'y'}); }, 0x40004, Bytes().i32(1).i32(2).i32(2).text("xy")},
+        {[&] { return m.sendLPPairingInfo("pair", 6); }, 0x40005, Bytes().i32(6).i32(4).text("pair")},
+        {[&] { return m.sendLPRequestList({pen, pen}); }, 0x40006, Bytes().u32(2).u32(48).zeros(16).raw(&pen, 48).raw(&pen, 48)},
+        {[&] { return m.sendLPOfflineWarn(warn); }, 0x40007, Bytes().raw(&warn, 68)},
+        {[&] { return m.sendBarCalibFile("bar", "/b", cal, 2); }, 0x50000, Bytes().u32(3).text("bar").u32(2).text("/b").u32(2).raw(cal, 2)},
+        {[&] { return m.sendLPCalibFile("lp", "/l", cal, 2); }, 0x50001, Bytes().u32(2).text("lp").u32(2).text("/l").u32(2).raw(cal, 2)},
+        {[&] { return m.sendDeviceOpenFailRet(-5); }, 0x60001, Bytes().i32(-5)},
         {[&] { return m.unregisterModule(); }, 0x10001, {}},
     };
-    Seen expected;
+    std::vector<std::pair<int, std::string>> expected;
     for (const auto& [send, code, payload] : rows) {
         EXPECT_EQ(send(), 0);
-        expected.emplace_back(code, payload);
+        expected.emplace_back(code, payload.str());
     }
-    EXPECT_EQ(notes.get(expected.size()), expected);
+    notes.calls.waitCount(0x10001, 1, 5000); // the last one
+    EXPECT_EQ(notes.calls.all(), expected);
     // The request the callback made on state 7 had its reply.
     EXPECT_EQ(notes.requestResult, 0);
     EXPECT_EQ(notes.version, "ZT-MOD 2.4.1");
 
     // deInit from the callback: the thread ends by itself; a new init registers again. A
     // notification that arrives while the callback stops the host is still taken by the
-    // receive thread, which deInit waits for.
+    // receive thread, which deInit waits for. (The callback records state 8 once its
+    // deInit has returned.)
     ASSERT_EQ(m.sendDeviceStatChanged(1, 8), 0);
-    ASSERT_TRUE(waitUntil(3000, [&] { return notes.stopping.load(); }));
     m.sendDeviceStatChanged(1, 9);
-    ASSERT_TRUE(waitUntil(3000, [&] { return notes.stopped.load(); }));
+    ASSERT_GE(notes.calls.waitCount(0x40000, 2, 3000), 2u);
     EXPECT_FALSE(s.host.isRegistered());
     EXPECT_EQ(log.count("ztModuleProxyServer: stopped from its own thread; the thread ends by itself\n"), 1);
     ASSERT_EQ(s.host.init("127.0.0.1"), 0);
@@ -142,16 +126,13 @@ struct RawModule {
     RawConnection cmd, data;
     ztModuleProxyServer host;
     LogCapture log;
+    // Takes the host's pair of connections and answers its register request.
     bool start()
-    {
-        return cmdListener.listen(9479) && dataListener.listen(11300) && host.init("127.0.0.1") == 0 && acceptAgain();
-    }
-    // Takes the host's next pair of connections and answers its register request.
-    bool acceptAgain()
     {
         ProxyMessage m;
         const std::int32_t ok = 1;
-        return cmdListener.accept(cmd, 3000) && dataListener.accept(data, 3000) && cmd.readMessage(m, 4000) &&
+        return cmdListener.listen(9479) && dataListener.listen(11300) && host.init("127.0.0.1") == 0 &&
+               cmdListener.accept(cmd, 3000) && dataListener.accept(data, 3000) && cmd.readMessage(m, 4000) &&
                m.type == 3 && m.subType == 1 && cmd.sendBytes(proxyMessage(4, 1, &ok, 4)) && host.waitRegistered(3000);
     }
     // call's result, while the next request (of sub type sub) is answered with reply.
@@ -225,20 +206,19 @@ TEST(HostSession, RepliesAreCheckedForMagicTypeSubTypeLengthStatusAndStaleness)
                              proxyMessage(1, 0x40001, "bb", 2), proxyMessage(1, 0x40002, nullptr, 0)})
         segment.insert(segment.end(), note.begin(), note.end());
     ASSERT_TRUE(m.data.sendBytes(segment));
-    EXPECT_EQ(notes.get(3), (Seen{{0x40000, {'a'}}, {0x40001, {'b', 'b'}}, {0x40002, {}}}));
+    notes.calls.waitCount(0x40002, 1, 5000);
+    EXPECT_EQ(notes.calls.all(), (std::vector<std::pair<int, std::string>>{{0x40000, "a"}, {0x40001, "bb"}, {0x40002, ""}}));
 
     // Answers go out on the data channel with their sub types and payloads.
-    EXPECT_EQ(host.sendSETFileSizeRep(1234), 0);
-    EXPECT_EQ(host.sendEnumSETFileRep({"a.set", "bb.set"}), 0);
-    EXPECT_EQ(host.sendDeviceOnlineRep(), 0);
-    for (const auto& [sub, payload] : Seen{{0x20002, Bytes().u32(1234).chars()},
-                                           {0x20000, Bytes().i32(2).i32(5).i32(6).text("a.setbb.set").chars()},
-                                           {0x30000, {}}}) {
+    const std::vector<std::tuple<std::function<int()>, std::uint32_t, Bytes>> answers = {
+        {[&] { return host.sendSETFileSizeRep(1234); }, 0x20002, Bytes().u32(1234)},
+        {[&] { return host.sendEnumSETFileRep({"a.set", "bb.set"}); }, 0x20000, Bytes().i32(2).i32(5).i32(6).text("a.setbb.set")},
+        {[&] { return host.sendDeviceOnlineRep(); }, 0x30000, {}}};
+    for (const auto& [send, sub, payload] : answers) {
         ProxyMessage got;
+        EXPECT_EQ(send(), 0);
         ASSERT_TRUE(m.data.readMessage(got, 1000));
-        EXPECT_EQ(got.type, 2);
-        EXPECT_EQ(got.subType, static_cast<std::uint32_t>(sub));
-        EXPECT_EQ(got.payload, payload);
+        EXPECT_EQ(std::make_tuple(got.type, got.subType, got.payload), std::make_tuple(2, sub, payload.chars()));
     }
 
     // The module's command end is gone: exchanges fail, trigger and period log under their
@@ -250,6 +230,5 @@ TEST(HostSession, RepliesAreCheckedForMagicTypeSubTypeLengthStatusAndStaleness)
     EXPECT_EQ(m.log.count("ztModuleProxyServer [sendTrigger] zmq_send failed!\r\n"), 1);
     EXPECT_EQ(m.log.count("ztModuleProxyServer [sendPeriod] zmq_send failed!\r\n"), 1);
 }
-
 
 } // namespace

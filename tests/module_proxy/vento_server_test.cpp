@@ -2,12 +2,11 @@
 // are taken.
 #include "module_proxy/ztScanVentoServer.h"
 #include "host_peer.h"
-#include "support/fault_scenario.h"
 
 #include <gtest/gtest.h>
 
-using zt::test::Clock;
-using zt::test::msSince;
+#include <thread>
+
 using zt::tools::proxyMessage;
 using zt::tools::RawConnection;
 

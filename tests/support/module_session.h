@@ -14,29 +14,28 @@ namespace zt::test {
 // Little-endian bytes, built independently of the library's own encoders.
 class Bytes {
 public:
-    Bytes& i32(std::int32_t v) { return put(&v, 4); }
-    Bytes& u32(std::uint32_t v) { return put(&v, 4); }
-    Bytes& u64(std::uint64_t v) { return put(&v, 8); }
-    Bytes& f32(float v) { return put(&v, 4); }
-    Bytes& f64(double v) { return put(&v, 8); }
-    Bytes& u8(std::uint8_t v) { return put(&v, 1); }
-    Bytes& text(const std::string& s) { return put(s.data(), s.size()); }
-    Bytes& raw(const void* p, std::size_t n) { return put(p, n); }
-    Bytes& zeros(std::size_t n)
-    {
-        m_bytes.insert(m_bytes.end(), n, 0);
-        return *this;
-    }
-    operator std::vector<unsigned char>() const { return m_bytes; }
-    std::vector<char> chars() const { return std::vector<char>(m_bytes.begin(), m_bytes.end()); }
-
-private:
-    Bytes& put(const void* p, std::size_t n)
+    Bytes& i32(std::int32_t v) { return raw(&v, 4); }
+    Bytes& u32(std::uint32_t v) { return raw(&v, 4); }
+    Bytes& u64(std::uint64_t v) { return raw(&v, 8); }
+    Bytes& f32(float v) { return raw(&v, 4); }
+    Bytes& f64(double v) { return raw(&v, 8); }
+    Bytes& u8(std::uint8_t v) { return raw(&v, 1); }
+    Bytes& text(const std::string& s) { return raw(s.data(), s.size()); }
+    Bytes& raw(const void* p, std::size_t n)
     {
         const auto* b = static_cast<const unsigned char*>(p);
         m_bytes.insert(m_bytes.end(), b, b + n);
         return *this;
     }
+    Bytes& zeros(std::size_t n)
+    {
+        m_bytes.insert(m_bytes.end(), n, 0);
+        return *this;
+    }
+    std::vector<char> chars() const { return std::vector<char>(m_bytes.begin(), m_bytes.end()); }
+    std::string str() const { return std::string(m_bytes.begin(), m_bytes.end()); }
+
+private:
     std::vector<unsigned char> m_bytes;
 };
 
@@ -46,20 +45,14 @@ struct ModuleSession {
     ztSimModule module;
     ztModuleProxyServer host;
 
-    bool start()
-    {
-        if (module.start() != 0 || host.init("127.0.0.1") != 0)
-            return false;
-        return waitRegistered();
-    }
-
     // The module sees the register request once the host has both channels; the host is
     // registered once it has taken the reply. The register exchange runs outside the
     // command mutex, so no request may be sent before that.
-    bool waitRegistered(int timeoutMs = 5000)
+    bool start()
     {
         ztSimModule::Request r;
-        return module.nextRequest(r, timeoutMs) && r.code == 1 && host.waitRegistered(static_cast<unsigned int>(timeoutMs));
+        return module.start() == 0 && host.init("127.0.0.1") == 0 && module.nextRequest(r, 5000) && r.code == 1 &&
+               host.waitRegistered(5000);
     }
 
     ~ModuleSession()
