@@ -34,7 +34,8 @@ Bytes cat(std::initializer_list<Bytes> parts)
 // Tag, length and type; the rest of size bytes a pattern below 0x80, so that neither 0xAA
 // nor 0xBB turns up where the test did not put it. An extended header (76 bytes) carries
 // a stamp and the tag at 72.
-Bytes header(std::uint16_t type, std::uint32_t length, std::size_t size = 7, unsigned seed = 0)
+Bytes header(std::uint16_t type, std::uint32_t length, std::size_t size = 7, unsigned seed = 0, bool extended = false,
+             std::uint32_t tag = 0xCC00FF55)
 {
     Bytes b(size);
     for (std::size_t i = 0; i < size; ++i)
@@ -42,22 +43,19 @@ Bytes header(std::uint16_t type, std::uint32_t length, std::size_t size = 7, uns
     b[0] = 0xAA;
     put(b, 1, length, 4);
     put(b, 5, type, 2);
+    if (extended) {
+        put(b, 64, 0x0123456789ABCDEFull + seed, 8);
+        put(b, 72, tag, 4);
+    }
     return b;
 }
 Bytes extHeader(std::uint16_t type, std::uint32_t length, std::uint32_t tag = 0xCC00FF55)
 {
-    Bytes b = header(type, length, 76);
-    put(b, 64, 0x0123456789ABCDEFull, 8);
-    put(b, 72, tag, 4);
-    return b;
+    return header(type, length, 76, 0, true, tag);
 }
 Bytes packet(std::uint16_t type, std::uint32_t length, bool extended, unsigned char tail = 0xBB, unsigned seed = 0)
 {
-    Bytes b = header(type, length, length, seed);
-    if (extended) {
-        put(b, 64, 0x0123456789ABCDEFull + seed, 8);
-        put(b, 72, 0xCC00FF55, 4);
-    }
+    Bytes b = header(type, length, length, seed, extended);
     b[length - 1] = tail;
     return b;
 }
