@@ -87,13 +87,6 @@ Packets decodeAll(QlensNetProto& d, const Bytes& in, const std::vector<std::size
     }
     return out;
 }
-Texts texts(const zt::test::LogCapture& log)
-{
-    Texts out;
-    for (const auto& l : log.lines())
-        out.push_back(l.text);
-    return out;
-}
 
 } // namespace
 
@@ -119,7 +112,7 @@ TEST(QlensNetProto, LimitsAndGarbageInPiecesOfAnySize)
         zt::test::LogCapture log;
         QlensNetProto d;
         EXPECT_EQ(decodeAll(d, in, pieces), Packets(std::begin(good), std::end(good)));
-        EXPECT_EQ(texts(log), lines);
+        EXPECT_EQ(log.texts(), lines);
         EXPECT_EQ(d.index(), 0u);
     }
 
@@ -138,7 +131,7 @@ TEST(QlensNetProto, LimitsAndGarbageInPiecesOfAnySize)
         EXPECT_EQ(d.state(), state);
         d.reset();
     }
-    EXPECT_EQ(texts(log), (Texts{"Decode packet len error, len=31457281"}));
+    EXPECT_EQ(log.texts(), (Texts{"Decode packet len error, len=31457281"}));
     EXPECT_TRUE(out.empty());
 }
 
@@ -152,7 +145,7 @@ TEST(QlensNetProto, PlainEntriesAndHeaderStatus)
     const Bytes in = cat({tiny, header(7, 7), anyType, header(7, 0xFFFFFFFF), noTag, header(7, 0x5000001), tiny,
                           header(1282, 100), anyType});
     EXPECT_EQ(decodeAll(d, in, {5}, true), (Packets{tiny, anyType, noTag, tiny, anyType}));
-    EXPECT_EQ(texts(log), (Texts{"Decode packet len error, len = 7", "Decode packet len error, len = -1",
+    EXPECT_EQ(log.texts(), (Texts{"Decode packet len error, len = 7", "Decode packet len error, len = -1",
                                  "Decode packet len error, len = 83886081", "Decode packet type error, type=1282"}));
     // The longest plain packet is taken on (its buffer is reserved, not filled).
     const Bytes longest = header(100, 0x5000000);
@@ -165,7 +158,7 @@ TEST(QlensNetProto, PlainEntriesAndHeaderStatus)
     const Bytes ext = packet(1280, 200, true);
     feed(d, ext.data(), 40, out);
     EXPECT_EQ(decodeAll(d, cat({Bytes(5, 1), tiny}), {SIZE_MAX}, true), (Packets{tiny}));
-    EXPECT_EQ(texts(log), (Texts{"index = 40, size = 13, br = 13"}));
+    EXPECT_EQ(log.texts(), (Texts{"index = 40, size = 13, br = 13"}));
 
     log.clear();
     const Bytes good = packet(1000, 50, false);
@@ -183,7 +176,7 @@ TEST(QlensNetProto, PlainEntriesAndHeaderStatus)
     EXPECT_EQ(d.decodePlainHeader(p, left), QlensNetProto::kHeaderTypeError);
     EXPECT_EQ(d.decodePlainHeader(p, left), QlensNetProto::kHeaderTypeError);
     EXPECT_EQ(left, 0u);
-    EXPECT_EQ(texts(log), (Texts{"Decode packet len error, len = 4294967295", "Decode packet type error, type = 1282",
+    EXPECT_EQ(log.texts(), (Texts{"Decode packet len error, len = 4294967295", "Decode packet type error, type = 1282",
                                  "Decode packet type error, type = 65535"}));
 }
 
