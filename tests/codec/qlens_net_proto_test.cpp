@@ -34,7 +34,8 @@ Bytes cat(std::initializer_list<Bytes> parts)
 // Tag, length and type; the rest of size bytes a pattern below 0x80, so that neither 0xAA
 // nor 0xBB turns up where the test did not put it. An extended header (76 bytes) carries
 // a stamp and the tag at 72.
-Bytes header(std::uint16_t type, std::uint32_t length, std::size_t size = 7, unsigned seed = 0)
+Bytes header(std::uint16_t type, std::uint32_t length, std::size_t size = 7, unsigned seed = 0, bool extended = false,
+             std::uint32_t tag = 0xCC00FF55)
 {
     Bytes b(size);
     for (std::size_t i = 0; i < size; ++i)
@@ -42,22 +43,19 @@ Bytes header(std::uint16_t type, std::uint32_t length, std::size_t size = 7, uns
     b[0] = 0xAA;
     put(b, 1, length, 4);
     put(b, 5, type, 2);
+    if (extended) {
+        put(b, 64, 0x0123456789ABCDEFull + seed, 8);
+        put(b, 72, tag, 4);
+    }
     return b;
 }
 Bytes extHeader(std::uint16_t type, std::uint32_t length, std::uint32_t tag = 0xCC00FF55)
 {
-    Bytes b = header(type, length, 76);
-    put(b, 64, 0x0123456789ABCDEFull, 8);
-    put(b, 72, tag, 4);
-    return b;
+    return header(type, length, 76, 0, true, tag);
 }
 Bytes packet(std::uint16_t type, std::uint32_t length, bool extended, unsigned char tail = 0xBB, unsigned seed = 0)
 {
-    Bytes b = header(type, length, length, seed);
-    if (extended) {
-        put(b, 64, 0x0123456789ABCDEFull + seed, 8);
-        put(b, 72, 0xCC00FF55, 4);
-    }
+    Bytes b = header(type, length, length, seed, extended);
     b[length - 1] = tail;
     return b;
 }
@@ -89,13 +87,6 @@ Packets decodeAll(QlensNetProto& d, const Bytes& in, const std::vector<std::size
     }
     return out;
 }
-Texts texts(const zt::test::LogCapture& log)
-{
-    Texts out;
-    for (const auto& l : log.lines())
-        out.push_back(l.text);
-    return out;
-}
 
 } // namespace
 
@@ -121,7 +112,7 @@ TEST(QlensNetProto, LimitsAndGarbageInPiecesOfAnySize)
         zt::test::LogCapture log;
         QlensNetProto d;
         EXPECT_EQ(decodeAll(d, in, pieces), Packets(std::begin(good), std::end(good)));
-        EXPECT_EQ(texts(log), lines);
+        EXPECT_EQ(log.texts(), lines);
         EXPECT_EQ(d.index(), 0u);
     }
 
@@ -140,7 +131,7 @@ TEST(QlensNetProto, LimitsAndGarbageInPiecesOfAnySize)
         EXPECT_EQ(d.state(), state);
         d.reset();
     }
-    EXPECT_EQ(texts(log), (Texts{"Decode packet len error, len=31457281"}));
+    EXPECT_EQ(log.texts(), (Texts{"Decode packet len error, len=31457281"}));
     EXPECT_TRUE(out.empty());
 }
 
@@ -154,7 +145,7 @@ TEST(QlensNetProto, PlainEntriesAndHeaderStatus)
     const Bytes in = cat({tiny, header(7, 7), anyType, header(7, 0xFFFFFFFF), noTag, header(7, 0x5000001), tiny,
                           header(1282, 100), anyType});
     EXPECT_EQ(decodeAll(d, in, {5}, true), (Packets{tiny, anyType, noTag, tiny, anyType}));
-    EXPECT_EQ(texts(log), (Texts{"Decode packet len error, len = 7", "Decode packet len error, len = -1",
+    EXPECT_EQ(log.texts(), (Texts{"Decode packet len error, len = 7", "Decode packet len error, len = -1",
                                  "Decode packet len error, len = 83886081", "Decode packet type error, type=1282"}));
     // The longest plain packet is taken on (its buffer is reserved, not filled).
     const Bytes longest = header(100, 0x5000000);
@@ -167,7 +158,7 @@ TEST(QlensNetProto, PlainEntriesAndHeaderStatus)
     const Bytes ext = packet(1280, 200, true);
     feed(d, ext.data(), 40, out);
     EXPECT_EQ(decodeAll(d, cat({Bytes(5, 1), tiny}), {SIZE_MAX}, true), (Packets{tiny}));
-    EXPECT_EQ(texts(log), (Texts{"index = 40, size = 13, br = 13"}));
+    EXPECT_EQ(log.texts(), (Texts{"index = 40, size = 13, br = 13"}));
 
     log.clear();
     const Bytes good = packet(1000, 50, false);
@@ -185,7 +176,7 @@ TEST(QlensNetProto, PlainEntriesAndHeaderStatus)
     EXPECT_EQ(d.decodePlainHeader(p, left), QlensNetProto::kHeaderTypeError);
     EXPECT_EQ(d.decodePlainHeader(p, left), QlensNetProto::kHeaderTypeError);
     EXPECT_EQ(left, 0u);
-    EXPECT_EQ(texts(log), (Texts{"Decode packet len error, len = 4294967295", "Decode packet type error, type = 1282",
+    EXPECT_EQ(log.texts(), (Texts{"Decode packet len error, len = 4294967295", "Decode packet type error, type = 1282",
                                  "Decode packet type error, type = 65535"}));
 }
 

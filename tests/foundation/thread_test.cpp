@@ -49,8 +49,7 @@ TEST(TThreadC, CreateJoinDetachKillExitAndTheirFailures)
     Body a;
     unsigned long id = 0;
     a.handle = reinterpret_cast<void*>(0x1); // cleared by Create
-    void** out = &a.handle;
-    ASSERT_EQ(a.Create(id, out, false, 0, false, false), 0);
+    ASSERT_EQ(a.Create(id, &a.handle, false, 0, false, false), 0);
     a.joinSelf = true;
     EXPECT_EQ(TThreadC<void>::Join(a.handle), 0);
     EXPECT_EQ(a.runs, 1);
@@ -65,23 +64,22 @@ TEST(TThreadC, CreateJoinDetachKillExitAndTheirFailures)
     Body early;
     early.exitEarly = true;
     void* h = nullptr;
-    void** hout = &h;
-    ASSERT_EQ(early.Create(hout, false, 64 * 1024, false, false), 0);
+    ASSERT_EQ(early.Create(&h, false, 64 * 1024, false, false), 0);
     EXPECT_EQ(TThreadC<void>::Join(h), 0);
     EXPECT_FALSE(early.afterExit);
 
     // A plain function, joined; then detached at creation (the handle is stored anyway).
-    ASSERT_EQ(TThreadC<void>::Create(&plainFunction, hout, false, 0, false, false), 0);
+    ASSERT_EQ(TThreadC<void>::Create(&plainFunction, &h, false, 0, false, false), 0);
     EXPECT_EQ(TThreadC<void>::Join(h), 0);
     EXPECT_EQ(plainRuns, 1);
     h = nullptr;
-    ASSERT_EQ(TThreadC<void>::Create(&plainFunction, hout, true, 0, false, false), 0);
+    ASSERT_EQ(TThreadC<void>::Create(&plainFunction, &h, true, 0, false, false), 0);
     EXPECT_NE(h, nullptr);
     EXPECT_TRUE(waitUntil(2000, [] { return plainRuns == 2; }));
 
     // Kill ends a running thread, which can then be joined; Detach lets one go.
     Body waiting;
-    ASSERT_EQ(waiting.Create(hout, false, 0, false, false), 0);
+    ASSERT_EQ(waiting.Create(&h, false, 0, false, false), 0);
     // Killed once it has slept: a Windows thread terminated inside the first sleep of its
     // life may hold the thread library's own lock, and every thread call after would wait.
     ASSERT_TRUE(waitUntil(2000, [&] { return waiting.polls >= 2; }));
@@ -90,7 +88,7 @@ TEST(TThreadC, CreateJoinDetachKillExitAndTheirFailures)
     EXPECT_EQ(waiting.selfJoin, -1);
     Body detached;
     detached.exitEarly = true;
-    ASSERT_EQ(detached.Create(hout, false, 0, false, false), 0);
+    ASSERT_EQ(detached.Create(&h, false, 0, false, false), 0);
     EXPECT_EQ(TThreadC<void>::Detach(h), 0);
     EXPECT_TRUE(waitUntil(2000, [&] { return detached.runs == 1; }));
 }

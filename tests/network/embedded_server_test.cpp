@@ -1,6 +1,7 @@
 // ztEmbeddedModuleProxyServer against the simulated network head: coming online over four
 // connections, heartbeat and offline, callbacks that call back, the command exchange, and
 // the light-pen packets it composes.
+#include "host_peer.h"
 #include "network/online.h"
 #include "support/log_capture.h"
 
@@ -10,11 +11,6 @@
 using namespace zt::test;
 
 namespace {
-
-std::string str(const std::vector<char>& v)
-{
-    return std::string(v.begin(), v.end());
-}
 
 TEST(EmbeddedServer, ComesOnlineOverFourConnectionsInOrderAndBeatsEvery500ms)
 {
@@ -36,7 +32,7 @@ TEST(EmbeddedServer, ComesOnlineOverFourConnectionsInOrderAndBeatsEvery500ms)
     for (std::int32_t i = 0; i < 3; ++i) {
         ASSERT_TRUE(o.head.nextCommand(r, 1000));
         EXPECT_EQ(r.type, 264);
-        EXPECT_EQ(str(r.payload), std::string(reinterpret_cast<const char*>(&i), 4));
+        EXPECT_EQ(r.payload, zt::tools::littleEndian(static_cast<std::uint32_t>(i), 4));
     }
     EXPECT_EQ(o.seen.of(264, 3).size(), 3u);
     const DeviceAbilityInfo ability = o.server.getCurDeviceAbilityInfo();
@@ -60,7 +56,7 @@ TEST(EmbeddedServer, ComesOnlineOverFourConnectionsInOrderAndBeatsEvery500ms)
         const int from = o.head.heartbeatsReceived();
         return waitUntil(10000, [&] { return o.head.heartbeatsReceived() >= from + n; });
     };
-    o.waitForBeat();
+    ASSERT_TRUE(beats(1)); // just after a beat: a change made now is half a period from the next
     const auto t0 = Clock::now();
     for (int round = 0; round < 2; ++round) {
         o.head.setAnswerHeartbeats(false);
@@ -122,51 +118,39 @@ TEST(EmbeddedServer, CallbacksMayCommandAndStopTheirServer)
 }
 
 // The star packets for light-pen control and firmware version selection, byte for byte:
-// "*", the four characters of the device id (0xFF each when the id is shorter), the data,
-// then the trailer key 6 7, 0xFF, "#". The builders send nothing.
+// "*", the four characters of the device id (0xFF each when the id is shorter, which is
+// logged), the data, then the trailer key 6 7, 0xFF, "#". The builders replace what the
+// string held and send nothing; the single steps write at the position given and nowhere else.
 TEST(EmbeddedServer, LightPenPacketsByteForByte)
 {
     LogCapture log;
     ztEmbeddedModuleProxyServer server;
-    const std::string F(1, '\xFF'), trailer = std::string("\x06\x07", 2) + F + "#";
+    const std::string F(1, '\xFF'), eight(8, '\xFF'), noId(4, '\xFF'), trailer = std::string("\x06\x07", 2) + F + "#";
     auto frame = [&](const std::string& id, const std::string& data) { return "*" + id + data + trailer; };
-    std::string out = "whatever the string held before is replaced";
-    server.packageLPCanWork("AB12", true, out);
-    EXPECT_EQ(out, frame("AB12", "\x06\x19" "1" + std::string(8, '\xFF')));
-    server.packageLPCanWork("ABCDE", false, out); // only the first four characters count
-    EXPECT_EQ(out, frame("ABCD", "\x06\x19" "0" + std::string(8, '\xFF')));
-    server.packageLPWorkResult("WXYZ", false, out);
-    EXPECT_EQ(out, frame("WXYZ", "\x06\x1B" "0" + std::string(8, '\xFF')));
     // The selection leaves its value position 7 alone and writes "0" two further on.
-    server.packageSelectFirewareVersion("AB12", out);
-    EXPECT_EQ(out, frame("AB12", "\x08\x01" + F + F + "0" + std::string(6, '\xFF')));
-    EXPECT_TRUE(log.lines().empty());
-    // A shorter id leaves its positions at 0xFF and is logged; the frame is built all the same.
-    server.packageLPCanWork("AB1", true, out);
-    EXPECT_EQ(out, frame(std::string(4, '\xFF'), "\x06\x19" "1" + std::string(8, '\xFF')));
-    server.packageSelectFirewareVersion("", out);
-    EXPECT_EQ(out, frame(std::string(4, '\xFF'), "\x08\x01" + F + F + "0" + std::string(6, '\xFF')));
-    ASSERT_EQ(log.lines().size(), 2u);
-    EXPECT_EQ(log.lines()[0].text, "device id error:AB1\r\n");
-    EXPECT_EQ(log.lines()[1].text, "device id error:\r\n");
-    EXPECT_EQ(log.lines()[1].level, ZTLOG_LEVEL_ERROR);
-
-    // The frame for another data length n: n + 12 bytes, trailer at n + 8; the single
-    // steps write at the position given and nowhere else.
-    server.dataInitSet("QRST", out, 3);
-    EXPECT_EQ(out, "*QRST" + std::string(6, '\xFF') + trailer);
-    const std::string blank(12, '.');
-    const std::vector<std::pair<std::function<void(std::string&)>, std::string>> steps = {
+    const std::string select = "\x08\x01" + F + F + "0" + std::string(6, '\xFF');
+    using Step = std::function<void(std::string&)>;
+    const std::vector<std::pair<Step, std::string>> rows = {
+        {[&](std::string& o) { server.packageLPCanWork("AB12", true, o); }, frame("AB12", "\x06\x19" "1" + eight)},
+        {[&](std::string& o) { server.packageLPCanWork("ABCDE", false, o); }, frame("ABCD", "\x06\x19" "0" + eight)},
+        {[&](std::string& o) { server.packageLPWorkResult("WXYZ", false, o); }, frame("WXYZ", "\x06\x1B" "0" + eight)},
+        {[&](std::string& o) { server.packageSelectFirewareVersion("AB12", o); }, frame("AB12", select)},
+        {[&](std::string& o) { server.packageLPCanWork("AB1", true, o); }, frame(noId, "\x06\x19" "1" + eight)},
+        {[&](std::string& o) { server.packageSelectFirewareVersion("", o); }, frame(noId, select)},
+        // The frame for another data length n: n + 12 bytes, trailer at n + 8.
+        {[&](std::string& o) { server.dataInitSet("QRST", o, 3); }, "*QRST" + std::string(6, '\xFF') + trailer},
         {[&](std::string& o) { server.setKey(3, o); }, "...\x06\x07......."},
         {[&](std::string& o) { server.selectDeviceParaCMDSet(0, o); }, "\x08\x01.........."},
         {[&](std::string& o) { server.setLPEnabled(false, 2, o); }, "..\x06\x19" "0......."},
         {[&](std::string& o) { server.setLPWorkResult(true, 9, o); }, ".........\x06\x1B" "1"},
     };
-    for (const auto& [step, want] : steps) {
-        out = blank;
+    for (const auto& [step, want] : rows) {
+        std::string out(want[0] == '*' ? 40 : 12, '.'); // a longer string than each frame, or a blank one
         step(out);
         EXPECT_EQ(out, want);
     }
+    EXPECT_EQ(log.texts(), (std::vector<std::string>{"device id error:AB1\r\n", "device id error:\r\n"}));
+    EXPECT_EQ(log.lines().back().level, ZTLOG_LEVEL_ERROR);
 }
 
 } // namespace

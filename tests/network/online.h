@@ -28,13 +28,6 @@ struct Online {
         ASSERT_EQ(server.init(kIP, kIP, "SN-0001"), 0);
         ASSERT_TRUE(server.isConnected());
     }
-    // Returns just after the head received a heartbeat, so that a change made now is
-    // half a period away from the next one.
-    void waitForBeat()
-    {
-        const int beats = head.heartbeatsReceived();
-        waitUntil(2000, [&] { return head.heartbeatsReceived() != beats; });
-    }
 };
 
 // The payload of an embedded message: what the data callback is given for it.

@@ -16,7 +16,6 @@ using Bytes = std::vector<char>;
 namespace {
 
 constexpr unsigned short kDevicePort = 40000;
-const Bytes kRequest = embeddedMessage(0x101);
 
 // The head's socket, bound to any address of the namespace (only loopback exists):
 // broadcasts reach no socket bound to 127.0.0.1 alone.
@@ -37,25 +36,20 @@ struct Device {
     void answer(const Bytes& b) { zt::simnet::sendTo(fd, b.data(), b.size(), {0x7F000001, 32002}); }
 };
 
-struct Client : ztScanEmbeddedUDPClient {
-    Client()
-    {
-        EXPECT_EQ(init(), 0);
-        EXPECT_EQ(connect("127.0.0.1", kDevicePort), 0);
-    }
-};
-
 TEST(UdpClient, EightByteAnswerIsNeverAccepted)
 {
     Device device;
-    Client client;
+    ztScanEmbeddedUDPClient client;
+    ASSERT_EQ(client.init(), 0);
+    ASSERT_EQ(client.connect("127.0.0.1", kDevicePort), 0);
     std::thread responder([&] {
         device.receive();
         device.answer(embeddedMessage(2));
     });
+    const Bytes request = embeddedMessage(0x101);
     unsigned char buf[64];
     const auto start = zt::test::Clock::now();
-    EXPECT_EQ(client.sendn(reinterpret_cast<const unsigned char*>(kRequest.data()), 8, buf, sizeof buf), -1);
+    EXPECT_EQ(client.sendn(reinterpret_cast<const unsigned char*>(request.data()), 8, buf, sizeof buf), -1);
     EXPECT_GE(zt::test::msSince(start), 4000);
     EXPECT_EQ(client.getConnectIP(), "127.0.0.1"); // it did arrive
     responder.join();

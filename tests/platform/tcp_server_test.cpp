@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -28,8 +26,7 @@ public:
     }
     bool waitFor(std::size_t n, int ms)
     {
-        std::unique_lock<std::mutex> lock(m);
-        return cv.wait_for(lock, std::chrono::milliseconds(ms), [&] { return bytes.size() >= n; });
+        return zt::test::waitUntil(ms, [&] { return received().size() >= n; });
     }
     bool waitConnections(int n)
     {
@@ -56,25 +53,19 @@ protected:
         std::lock_guard<std::mutex> lock(m);
         bytes.append(data.data(), data.size());
         data.clear();
-        cv.notify_all();
     }
     bool canReceive() override { return accept; }
 
 private:
     std::mutex m;
-    std::condition_variable cv;
     std::string bytes;
 };
 
 // What the peer receives until n bytes are there or two seconds pass.
 std::string receive(RawConnection& peer, std::size_t n)
 {
-    std::string got;
-    for (int i = 0; i < 100 && got.size() < n; ++i) {
-        const auto part = peer.readFor(20);
-        got.append(part.begin(), part.end());
-    }
-    return got;
+    const auto got = peer.readBytes(n, 2000);
+    return std::string(got.begin(), got.end());
 }
 
 TEST(TCPServer, ReceivesFromEveryConnectionAndSendsToTheNewest)
@@ -120,12 +111,7 @@ TEST(TCPServer, LargeWritesArriveWholeAndPausedReceivingWaits)
     for (std::size_t i = 0; i < big.size(); ++i)
         big[i] = static_cast<char>(i * 7);
     std::vector<char> got;
-    std::thread reader([&] {
-        while (got.size() < 2 * big.size() && peer.isOpen()) {
-            auto part = peer.readFor(20);
-            got.insert(got.end(), part.begin(), part.end());
-        }
-    });
+    std::thread reader([&] { got = peer.readBytes(2 * big.size(), 60000); });
     const int size = static_cast<int>(big.size());
     std::thread other([&] { EXPECT_EQ(server.sendMsg(big.data(), size), size); });
     EXPECT_EQ(server.sendMsg(big.data(), size), size);

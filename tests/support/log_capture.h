@@ -36,6 +36,13 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_lines;
     }
+    std::vector<std::string> texts() const
+    {
+        std::vector<std::string> out;
+        for (const auto& l : lines())
+            out.push_back(l.text);
+        return out;
+    }
     // Number of lines whose text is exactly text.
     int count(const std::string& text) const
     {
