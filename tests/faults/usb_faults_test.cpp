@@ -35,18 +35,7 @@ TEST(UsbFaults, LastingTransferErrorsTakeTheHeadOfflineAfterFiveSilentBeats)
     LogCapture log(ZTLOG_LEVEL_INFO);
     UsbOnline o;
     ASSERT_TRUE(o.open());
-    DestroyOnOffline<ztUsbProxyServer> owner(std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle));
-    struct Both {
-        DataCalls* calls;
-        DestroyOnOffline<ztUsbProxyServer>* owner;
-    } both{&o.calls, &owner};
-    owner.server->registerModuleServerDataCB(
-        [](int type, char* data, int length, void* user) {
-            auto* b = static_cast<Both*>(user);
-            DataCalls::cb(type, data, length, b->calls);
-            DestroyOnOffline<ztUsbProxyServer>::cb(type, data, length, b->owner);
-        },
-        &both);
+    DestroyOnOffline<ztUsbProxyServer> owner(std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle), &o.calls);
     ASSERT_EQ(owner.server->init(), 0);
     o.head.startStream(streamPacket(50000), 0, 4e6);
     ASSERT_GE(o.calls.waitCount(1280, 5, 5000), 5u);
