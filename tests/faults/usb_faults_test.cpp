@@ -26,7 +26,8 @@ TEST(UsbFaults, LastingTransferErrorsTakeTheHeadOfflineAfterFiveSilentBeats)
     LogCapture log(ZTLOG_LEVEL_INFO);
     UsbOnline o;
     ASSERT_TRUE(o.open());
-    DestroyOnOffline<ztUsbProxyServer> owner(std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle), &o.calls);
+    DestroyOnOffline<ztUsbProxyServer> owner(std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle),
+                                             &o.calls);
     ASSERT_EQ(owner.server->init(), 0);
     o.head.startStream(streamPacket(50000), 0, 4e6);
     ASSERT_GE(o.calls.waitCount(1280, 5, 5000), 5u);
