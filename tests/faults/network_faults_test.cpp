@@ -3,7 +3,6 @@
 #include "network/online.h"
 #include "support/log_capture.h"
 
-
 using namespace zt::test;
 
 namespace {
