@@ -18,15 +18,6 @@ constexpr long long kSlackMs = 2000;
 // The offline declaration: five silent 500 ms heartbeat periods, then the release pause.
 constexpr long long kOfflineMs = 3000;
 
-// Every frame delivered is the unit; how many there are.
-std::size_t unitsDelivered(UsbOnline& o, const std::vector<char>& unit)
-{
-    const auto got = o.calls.payloads(1280);
-    for (const auto& p : got)
-        EXPECT_EQ(p, payloadOf(unit));
-    return got.size();
-}
-
 // Lasting errors while a command waits for its reply: the command times out, the heartbeat
 // (waiting for the command lock meanwhile) then counts five silent periods, and the owner
 // destroys the server in the offline callback.
@@ -35,18 +26,8 @@ TEST(UsbFaults, LastingTransferErrorsTakeTheHeadOfflineAfterFiveSilentBeats)
     LogCapture log(ZTLOG_LEVEL_INFO);
     UsbOnline o;
     ASSERT_TRUE(o.open());
-    DestroyOnOffline<ztUsbProxyServer> owner(std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle));
-    struct Both {
-        DataCalls* calls;
-        DestroyOnOffline<ztUsbProxyServer>* owner;
-    } both{&o.calls, &owner};
-    owner.server->registerModuleServerDataCB(
-        [](int type, char* data, int length, void* user) {
-            auto* b = static_cast<Both*>(user);
-            DataCalls::cb(type, data, length, b->calls);
-            DestroyOnOffline<ztUsbProxyServer>::cb(type, data, length, b->owner);
-        },
-        &both);
+    DestroyOnOffline<ztUsbProxyServer> owner(std::make_unique<ztUsbProxyServer>(Head::deviceInfo(), o.handle),
+                                             &o.calls);
     ASSERT_EQ(owner.server->init(), 0);
     o.head.startStream(streamPacket(50000), 0, 4e6);
     ASSERT_GE(o.calls.waitCount(1280, 5, 5000), 5u);
@@ -115,7 +96,7 @@ TEST(UsbFaults, FullStreamPoolStallsNeitherCommandsNorEventsNorTheHeartbeat)
     EXPECT_EQ(o.calls.waitCount(1280, 64, 3000), 64u);
     o.head.pushStream(packet);
     EXPECT_EQ(o.calls.waitCount(1280, 65, 3000), 65u);
-    EXPECT_EQ(unitsDelivered(o, packet), 65u);
+    EXPECT_EQ(o.calls.payloads(1280), std::vector<std::string>(65, payloadOf(packet)));
     for (const auto& line : log.lines())
         EXPECT_EQ(line.text.find("xfer_callback_stream"), std::string::npos) << line.text;
 }

@@ -6,6 +6,7 @@
 
 #include "support/data_calls.h"
 #include "ztRecorder.h"
+#include "ztSimReplay.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -65,9 +66,46 @@ inline std::string tempFile(const std::string& name)
     return ::testing::TempDir() + std::to_string(::getpid()) + "-" + name;
 }
 
+// Runs the live session (run, with a recorder writing to path), checks what the
+// application saw and that nothing went unrecorded, and loads the recording into rec: whole,
+// its records in time order, the command types in recorded order into commandTypes.
+inline Outcome recordLive(const std::string& path, const std::function<Outcome(ztRecorder*)>& run,
+                          ztRecorder::Contents& rec, std::vector<unsigned short>& commandTypes)
+{
+    ztRecorder recorder;
+    EXPECT_EQ(recorder.open(path), 0);
+    const Outcome live = run(&recorder);
+    recorder.close();
+    EXPECT_EQ(recorder.stats().notRecorded, 0u);
+    EXPECT_EQ(live.results, (std::vector<int>{0, 0, 0, 0, 0, 0}));
+    EXPECT_NE(live.before, 2500.0f);
+    EXPECT_EQ(live.exposure, 2500.0f);
+    EXPECT_EQ(ztRecorder::load(path, rec), 0);
+    EXPECT_FALSE(rec.cut);
+    EXPECT_TRUE(rec.header.abilityKnown);
+    unsigned long long lastTime = 0;
+    for (const auto& r : rec.records) {
+        EXPECT_GE(r.timeNs, lastTime);
+        lastTime = r.timeNs;
+        if (r.kind == ztRecorder::Command)
+            commandTypes.push_back(static_cast<unsigned short>(static_cast<unsigned char>(r.bytes[5]) |
+                                                               static_cast<unsigned char>(r.bytes[6]) << 8));
+    }
+    return live;
+}
+
+// The bytes received on one channel of the recording, all records together.
+inline std::size_t bytesIn(const ztRecorder::Contents& rec, unsigned channel)
+{
+    std::size_t n = 0;
+    for (const auto& r : rec.records)
+        n += r.kind == ztRecorder::BytesIn && r.channel == channel ? r.bytes.size() : 0;
+    return n;
+}
+
 // The replayed session gave the application the same results, values and callbacks, in
-// the same order.
-inline void expectSameOutcome(const Outcome& again, const Outcome& live)
+// the same order, and the replay played every step with no command it did not know.
+inline void expectSameOutcome(const Outcome& again, const Outcome& live, ztSimReplay& replay)
 {
     EXPECT_EQ(again.results, live.results);
     EXPECT_EQ(again.before, live.before);
@@ -77,6 +115,8 @@ inline void expectSameOutcome(const Outcome& again, const Outcome& live)
         EXPECT_EQ(again.calls[i].first, live.calls[i].first) << "callback " << i;
         EXPECT_TRUE(again.calls[i].second == live.calls[i].second) << "payload of callback " << i;
     }
+    EXPECT_TRUE(replay.waitDone(5000));
+    EXPECT_EQ(replay.unmatchedCommands(), 0);
 }
 
 } // namespace zt::test

@@ -18,11 +18,6 @@ Bytes le(std::uint64_t v, int width = 4)
     return zt::tools::littleEndian(v, width);
 }
 
-Bytes le16(int v)
-{
-    return le(static_cast<std::uint16_t>(v), 2);
-}
-
 Bytes f32(float f)
 {
     std::uint32_t u = 0;
@@ -88,7 +83,7 @@ TEST(SimDevice, StatusesPreTriggersRefusalsAndBadRequests)
         {"exposure of two bytes", 9, Bytes{1, 2}},
         {"system id of four bytes", 271, le(1)},
         {"ROI name longer than the payload", 11, joined({Bytes{10}, text("abc")})},
-        {"ROI without its four values", 11, joined({name8("X"), le16(1)})},
+        {"ROI without its four values", 11, joined({name8("X"), le(1, 2)})},
         {"wifi password cut short", 278, joined({name8("ssid"), Bytes{5}, text("ab")})},
         {"register write without value", 20, name8("Gain")},
         {"device register data cut short", 774, joined({le(1), le(2), le(100), Bytes{1, 2}})},

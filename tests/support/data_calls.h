@@ -40,11 +40,7 @@ public:
         m_cv.notify_all();
     }
 
-    std::size_t count(int type)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return countLocked(type);
-    }
+    std::size_t count(int type) { return waitCount(type, 0, 0); }
 
     // Waits until at least n calls of this type arrived; returns how many there are.
     std::size_t waitCount(int type, std::size_t n, int timeoutMs)
@@ -55,18 +51,18 @@ public:
         return got;
     }
 
-    std::vector<std::string> payloads(int type)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return payloadsLocked(type);
-    }
+    std::vector<std::string> payloads(int type) { return of(type, 0, 0); }
 
     // The payloads of one type, in order, once there are at least n (or the time is up).
     std::vector<std::string> of(int type, std::size_t n, int timeoutMs = 3000)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return countLocked(type) >= n; });
-        return payloadsLocked(type);
+        std::vector<std::string> out;
+        for (const auto& c : m_calls)
+            if (c.first == type)
+                out.push_back(c.second);
+        return out;
     }
 
     // The types of all calls of the given types, in order.
@@ -95,14 +91,6 @@ private:
         for (const auto& c : m_calls)
             n += c.first == type ? 1 : 0;
         return n;
-    }
-    std::vector<std::string> payloadsLocked(int type) const
-    {
-        std::vector<std::string> out;
-        for (const auto& c : m_calls)
-            if (c.first == type)
-                out.push_back(c.second);
-        return out;
     }
 
     std::mutex m_mutex;

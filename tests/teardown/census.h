@@ -90,7 +90,7 @@ void tearDown(int round, std::unique_ptr<T>& object, Traffic& callers, long boun
     if (round % 2 == 0) {
         returnsWithin(boundMs, "deInit under load", [&] { object->deInit(); });
         callers.stop();
-        EXPECT_EQ(call(), -1);
+        EXPECT_EQ(call(*object), -1);
     } else {
         callers.stop();
         returnsWithin(boundMs, "destructor under load", [&] { object.reset(); });

@@ -31,11 +31,6 @@ void count(int, char*, int, void* n)
     ++*static_cast<std::atomic<int>*>(n);
 }
 
-bool privateNetwork(int)
-{
-    return enterThreadNetwork();
-}
-
 // The host stops its process thread within 1 ms, its connect thread within one 200 ms
 // round and its data receive at once (its socket is shut down).
 TEST(Teardown, ModuleProxyServerWithNotificationsAndRequestsInFlight)
@@ -54,10 +49,9 @@ TEST(Teardown, ModuleProxyServerWithNotificationsAndRequestsInFlight)
         stream.add([&] { return module.client().sendDeviceStatChanged(1, ++state) == 0; }, 2);
         auto& requests = callers.add([&] { return host->sendTrigger() == 0; }, 5);
         ASSERT_TRUE(callers.flowing(3, 10000) && waitUntil(10000, [&] { return notes >= 20; }));
-        auto* raw = host.get();
-        tearDown(round, host, callers, 200 + kAllowanceMs, [&] { return raw->sendTrigger(); });
+        tearDown(round, host, callers, 200 + kAllowanceMs, [](auto& h) { return h.sendTrigger(); });
         answered += requests.ok;
-    }, privateNetwork);
+    }, [](int) { return enterThreadNetwork(); });
     EXPECT_GE(answered, kLanes * kRounds * 3);
 }
 
@@ -81,9 +75,8 @@ TEST(Teardown, EmbeddedServerWithStreamAndCommandsInFlight)
         int mode = 0;
         auto& cmds = callers.add([&] { return server->getTriggerMode(&mode) == 0; }, 2);
         ASSERT_TRUE(callers.flowing(3, 10000) && waitUntil(10000, [&] { return frames >= 20; }));
-        auto* raw = server.get();
         const long bound = (round % 2 == 0 ? 500 + 500 + 5000 : 500 + 500 + 500) + kAllowanceMs;
-        tearDown(round, server, callers, bound, [&] { return raw->isConnected() ? 0 : raw->getTriggerMode(&mode); });
+        tearDown(round, server, callers, bound, [&](auto& s) { return s.isConnected() ? 0 : s.getTriggerMode(&mode); });
         commands += cmds.ok;
         head.stopStream();
     });

@@ -1,10 +1,9 @@
-#include "support/log_capture.h"
+#include "support/fault_scenario.h"
 #include "usb/ztBufferPool.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 
 using ztCamera::ztBufferPool;
@@ -15,7 +14,7 @@ using ztCamera::ztPoolFrame;
 // end of its wait: frames handed over one at a time each arrive well within it.
 TEST(BufferPool, AQueuedFrameWakesAWaitingConsumer)
 {
-    using Clock = std::chrono::steady_clock;
+    using namespace zt::test;
     ztBufferPool pool;
     ASSERT_EQ(pool.initResource(1, 16), 0);
     ztPoolFrame* frame = pool.getOneFramefromPool();
@@ -29,9 +28,8 @@ TEST(BufferPool, AQueuedFrameWakesAWaitingConsumer)
     for (int i = 0; i < 200 && late == 0; ++i) {
         const auto t0 = Clock::now();
         pool.pushReady(frame);
-        while (taken == i && Clock::now() - t0 < std::chrono::seconds(5))
-            std::this_thread::yield();
-        late += Clock::now() - t0 > std::chrono::milliseconds(1500) ? 1 : 0;
+        waitUntil(5000, [&] { return taken > i; });
+        late += msSince(t0) > 1500 ? 1 : 0;
     }
     stop = true;
     pool.pushReady(frame);

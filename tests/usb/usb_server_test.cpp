@@ -19,15 +19,6 @@ using Head = ztSimUsbHead;
 
 namespace {
 
-int requestsOf(Head& head, unsigned short type)
-{
-    int n = 0;
-    Head::Request r;
-    while (head.nextCommand(r, 0))
-        n += r.type == type ? 1 : 0;
-    return n;
-}
-
 TEST(UsbServer, ComesOnlineStopsAndStartsAgain)
 {
     LogCapture log(ZTLOG_LEVEL_INFO);
@@ -37,6 +28,11 @@ TEST(UsbServer, ComesOnlineStopsAndStartsAgain)
     EXPECT_EQ(log.count("ztUsbProxyServer::[init] no device handle"), 1);
     none.deInit(); // never ran: nothing to stop, twice
     none.deInit();
+    // Commands fail at once, without a word.
+    char buffer[64] = {};
+    EXPECT_EQ(none.sendCtrlCmd(buffer, 8, buffer, true, 1000), -1);
+    EXPECT_EQ(none.sendCtrlCmd_2(buffer, 8, buffer, 64, true, 1000), -1);
+    EXPECT_EQ(log.lines().size(), 1u);
 
     zt::test::UsbOnline o;
     ASSERT_TRUE(o.open());
@@ -51,7 +47,16 @@ TEST(UsbServer, ComesOnlineStopsAndStartsAgain)
     for (int i = 0; i < 5; ++i)
         EXPECT_EQ(log.count("ztUsbProxyServer::device ZTSIM0001 get SET file failed, time = " + std::to_string(i)), 1);
     EXPECT_EQ(log.count("ztUsbProxyServer::[getSETFile] receive data error"), 5);
-    EXPECT_EQ(requestsOf(o.head, 264), 5);
+    // The ability query, then five queries of SET file 1.
+    Head::Request r;
+    ASSERT_TRUE(o.head.nextCommand(r, 0));
+    EXPECT_EQ(r.type, 345);
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_TRUE(o.head.nextCommand(r, 0));
+        EXPECT_EQ(r.type, 264);
+        EXPECT_EQ(r.payload, std::vector<char>({1, 0, 0, 0}));
+    }
+    EXPECT_FALSE(o.head.nextCommand(r, 0));
     EXPECT_EQ(o.calls.count(ZT_CODE_DEVICE_OFFLINE), 0u);
     EXPECT_GE(o.head.heartbeatsReceived(), 8); // one every 500 ms meanwhile
     o.server->deInit();
@@ -61,12 +66,6 @@ TEST(UsbServer, ComesOnlineStopsAndStartsAgain)
     o.head.resetReplies();
     log.clear();
     ASSERT_TRUE(o.startServer());
-    Head::Request r;
-    ASSERT_TRUE(o.head.nextCommand(r, 0));
-    EXPECT_EQ(r.type, 345);
-    ASSERT_TRUE(o.head.nextCommand(r, 0));
-    EXPECT_EQ(r.type, 264);
-    EXPECT_EQ(r.payload, std::vector<char>({1, 0, 0, 0}));
     const std::vector<int> firstTwoStarts{ZT_CODE_DEVICE_ONLINE, 264, ZT_CODE_DEVICE_ONLINE};
     EXPECT_EQ(o.calls.order({264, ZT_CODE_DEVICE_ONLINE}), firstTwoStarts);
     EXPECT_EQ(o.server->getCurDeviceAbilityInfo().productType, ztSimNetworkHead::kDefaultProductType);
@@ -114,7 +113,6 @@ TEST(UsbServer, EventsOnePerCompletionAndTheirLimits)
     EXPECT_EQ(o.calls.of(700, 1), std::vector<std::string>{"first"});
     o.head.pushEvent(std::vector<char>(b.begin() + 5, b.end()));
     EXPECT_EQ(o.calls.of(701, 1), std::vector<std::string>{"second"});
-    EXPECT_EQ(o.calls.order({700, 701}), std::vector<int>({700, 701}));
 
     // A first message declaring 2 MB: dropped with what is held.
     auto huge = Head::message(702, "x", 1);
@@ -194,13 +192,6 @@ TEST(UsbServer, ControlExchange)
     Head::Request r;
     ASSERT_TRUE(o.head.nextCommand(r, 1000));
     EXPECT_EQ(r.type, 77);
-
-    // Without a device handle: -1 at once, no log.
-    log.clear();
-    ztUsbProxyServer none(Head::deviceInfo(), nullptr);
-    EXPECT_EQ(none.sendCtrlCmd(req.data(), 8, large.data(), true, 1000), -1);
-    EXPECT_EQ(none.sendCtrlCmd_2(req.data(), 8, large.data(), 100, true, 1000), -1);
-    EXPECT_TRUE(log.lines().empty());
 }
 
 } // namespace
